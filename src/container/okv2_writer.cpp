@@ -1,0 +1,422 @@
+#include "container/okv2_writer.h"
+
+#include <algorithm>
+#include <functional>
+#include <numeric>
+#include <utility>
+
+#include "container/dtype.h"
+#include "container/output_file.h"
+#include "container/page_advice.h"
+
+namespace zel {
+namespace {
+
+// Every failure of the writer is InvalidFormat on purpose, those of the output file too: no IOError here.
+Status failed(const char* text) { return invalidFormat(text); }
+
+bool validDescriptor(const char* name, std::uint16_t ndim, std::uint64_t size) {
+  return name != nullptr && ndim >= 1 && ndim <= okv2::kMaxDims && size != 0;
+}
+
+TensorMeta describe(const char* name, std::uint16_t dtype, const std::uint64_t* dims, std::uint16_t ndim,
+                    std::uint64_t size) {
+  TensorMeta tensor;
+  tensor.name = name;
+  tensor.dtype = dtype;
+  tensor.ndim = ndim;
+  std::copy_n(dims, ndim, tensor.dims);
+  tensor.size = size;
+  return tensor;
+}
+
+void putZeros(ByteVector& out, std::size_t n) { out.insert(out.end(), n, 0); }
+
+void putStrings(ByteVector& out, const std::vector<std::string>& strings) {
+  putU32(out, std::uint32_t(strings.size()));
+  for (const std::string& text : strings)
+    putStr(out, text);
+}
+
+void putIndexEntry(ByteVector& out, const TensorMeta& tensor, std::uint64_t dataOffset) {
+  const std::size_t stored = std::min(tensor.name.size(), okv2::kTensorNameBytes - 1);
+  putBytes(out, std::string_view(tensor.name).substr(0, stored));
+  putZeros(out, okv2::kTensorNameBytes - stored);
+  putU16(out, std::uint16_t(tensor.name.size()));  // the length before cutting, modulo 65536
+  putU16(out, tensor.dtype);
+  putU16(out, tensor.ndim);
+  putU16(out, 0);
+  for (const std::uint64_t extent : tensor.dims)
+    putU64(out, extent);
+  putU64(out, dataOffset);
+  putU64(out, tensor.size);
+  putU64(out, 0);
+}
+
+void putLayoutEntry(ByteVector& out, std::uint16_t dtype, const BlockGeometry& geometry) {
+  putU16(out, dtype);
+  putU16(out, geometry.blockElements);
+  putU32(out, geometry.blockBytes);
+  for (const std::uint32_t value : geometry.layout)
+    putU32(out, value);
+  putZeros(out, okv2::kLayoutEntryBytes - 20);
+}
+
+std::size_t paddingAfter(std::uint64_t size) { return std::size_t(okv2::align(size) - size); }
+
+struct Section {
+  std::uint64_t offset = 0;
+  std::uint64_t size = 0;
+};
+
+// The seven sections by type; row n describes type n + 1.
+class SectionTable {
+ public:
+  Section& operator[](okv2::SectionType type) { return sections_[std::size_t(type) - 1]; }
+
+  // Gives every section the next multiple of 64 after the one that lies before it in the file.
+  void layOut() {
+    std::uint64_t end = okv2::kFirstSectionOffset;
+    for (const okv2::SectionType type : okv2::kFileOrder) {
+      (*this)[type].offset = okv2::align(end);
+      end = (*this)[type].offset + (*this)[type].size;
+    }
+  }
+
+  [[nodiscard]] ByteVector serialise() const {
+    ByteVector out;
+    out.reserve(okv2::kSectionTableBytes);
+    for (std::size_t k = 0; k < okv2::kSectionCount; ++k) {
+      putU32(out, std::uint32_t(k + 1));
+      putU32(out, 0);
+      putU64(out, sections_[k].offset);
+      putU64(out, sections_[k].size);
+    }
+    return out;
+  }
+
+ private:
+  Section sections_[okv2::kSectionCount];
+};
+
+// Writes the data of one tensor that lies in a file, through `buffer`.
+Status copyFromFile(OutputFile& out, const TensorMeta& tensor, std::vector<unsigned char>& buffer) {
+  constexpr std::size_t kCopyBufferBytes = 1 << 20;
+  buffer.resize(kCopyBufferBytes);
+  // What is queued goes first: its failure is older than any failure of the source.
+  if (!out.flush()) return failed(out.failure());
+  if (fseeko(tensor.file, off_t(tensor.fileOffset), SEEK_SET) != 0) return failed("OKV2: seek source failed");
+  for (std::uint64_t left = tensor.size; left > 0;) {
+    const std::size_t n = std::size_t(std::min<std::uint64_t>(left, buffer.size()));
+    if (std::fread(buffer.data(), 1, n, tensor.file) != n) return failed("OKV2: read source failed");
+    if (!out.append(buffer.data(), n, "OKV2: write weights failed")) return failed(out.failure());
+    if (!out.flush()) return failed(out.failure());  // the buffer is used again
+    left -= n;
+  }
+  return {};
+}
+
+// Appends bytes in pieces that end on multiples of the piece size in the output file, so that all but the
+// first and last cover whole pages of it. A long tensor leaves nothing queued; `release` lets go of its pages
+// behind the copy.
+bool appendInPieces(OutputFile& out, const void* data, std::uint64_t size, bool release) {
+  constexpr std::uint64_t kReleaseBytes = 8 << 20;
+  const auto* bytes = static_cast<const unsigned char*>(data);
+  const bool isLong = size >= OutputFile::kPieceBytes;
+  std::uint64_t written = 0;
+  std::uint64_t released = 0;
+  while (written < size) {
+    const std::uint64_t room = OutputFile::kPieceBytes - out.appended() % OutputFile::kPieceBytes;
+    const auto n = std::size_t(std::min(size - written, room));
+    if (isLong) populatePages(bytes + written, n);
+    if (!out.append(bytes + written, n, "OKV2: write weights failed")) return false;
+    written += n;
+    if (!isLong) continue;
+    const bool atEnd = written == size;
+    if (atEnd && !out.flush()) return false;
+    if (release && (atEnd || written - released >= kReleaseBytes)) {
+      releasePages(bytes + released, std::size_t(written - released));
+      released = written;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+void OKV2Writer::setModelInfo(std::uint32_t archId, std::uint64_t hiddenSize, std::uint32_t numLayers,
+                              std::uint32_t vocabSize) {
+  archId_ = archId;
+  hiddenSize_ = hiddenSize;
+  numLayers_ = numLayers;
+  vocabSize_ = vocabSize;
+}
+
+Status OKV2Writer::addMetaU32(const char* key, std::uint32_t value) {
+  MetaItem& item = addMeta(key, okv2::MetaType::U32);
+  item.u32 = value;
+  return {};
+}
+
+Status OKV2Writer::addMetaI32(const char* key, std::int32_t value) {
+  MetaItem& item = addMeta(key, okv2::MetaType::I32);
+  item.i32 = value;
+  return {};
+}
+
+Status OKV2Writer::addMetaF32(const char* key, float value) {
+  MetaItem& item = addMeta(key, okv2::MetaType::F32);
+  item.f32 = value;
+  return {};
+}
+
+Status OKV2Writer::addMetaU64(const char* key, std::uint64_t value) {
+  MetaItem& item = addMeta(key, okv2::MetaType::U64);
+  item.u64 = value;
+  return {};
+}
+
+Status OKV2Writer::addMetaStr(const char* key, const std::string& value) {
+  MetaItem& item = addMeta(key, okv2::MetaType::Str);
+  item.str = value;
+  return {};
+}
+
+Status OKV2Writer::addMetaU32Array(const char* key, const std::uint32_t* values, std::size_t count) {
+  MetaItem& item = addMeta(key, okv2::MetaType::U32Array);
+  item.array.assign(values, values + count);
+  return {};
+}
+
+MetaItem& OKV2Writer::addMeta(const char* key, okv2::MetaType type) {
+  MetaItem& item = meta_.emplace_back();
+  item.key = key;
+  item.type = std::uint8_t(type);
+  return item;
+}
+
+Status OKV2Writer::addTensor(const char* name, std::uint16_t dtype, const std::uint64_t* dims,
+                             std::uint16_t ndim, const void* data, std::size_t size) {
+  if (data == nullptr || !validDescriptor(name, ndim, size)) return failed("OKV2: bad tensor descriptor");
+  TensorMeta tensor = describe(name, dtype, dims, ndim, size);
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  tensor.owned.assign(bytes, bytes + size);
+  tensors_.push_back(std::move(tensor));
+  return {};
+}
+
+Status OKV2Writer::addTensorFrom(std::FILE* file, const char* name, std::uint16_t dtype,
+                                 const std::uint64_t* dims, std::uint16_t ndim, std::uint64_t offset,
+                                 std::uint64_t size) {
+  if (file == nullptr || !validDescriptor(name, ndim, size)) return failed("OKV2: bad tensor source");
+  TensorMeta tensor = describe(name, dtype, dims, ndim, size);
+  tensor.file = file;
+  tensor.fileOffset = offset;
+  tensors_.push_back(std::move(tensor));
+  return {};
+}
+
+Status OKV2Writer::addTensorFromMem(const void* data, const char* name, std::uint16_t dtype,
+                                    const std::uint64_t* dims, std::uint16_t ndim, std::size_t size) {
+  if (data == nullptr || !validDescriptor(name, ndim, size)) {
+    return failed("OKV2: bad tensor memory source");
+  }
+  TensorMeta tensor = describe(name, dtype, dims, ndim, size);
+  tensor.memory = data;
+  tensors_.push_back(std::move(tensor));
+  return {};
+}
+
+void OKV2Writer::setGraphBytes(const void* data, std::size_t size) {
+  const auto* bytes = static_cast<const std::uint8_t*>(data);
+  graph_.assign(bytes, bytes + size);
+}
+
+void OKV2Writer::setChatTemplate(const std::string& text) { chatTemplate_ = text; }
+
+void OKV2Writer::setTokenizer(TokenizerData tokenizer) { tokenizer_ = std::move(tokenizer); }
+
+void OKV2Writer::protectInput(FileId file) { protected_.push_back(file); }
+
+Status OKV2Writer::buildMetadata(ByteVector& out) const {
+  putU32(out, std::uint32_t(meta_.size()));
+  for (const MetaItem& item : meta_) {
+    putU16(out, std::uint16_t(item.key.size()));
+    putBytes(out, item.key);
+    putU8(out, item.type);
+    switch (okv2::MetaType(item.type)) {
+      case okv2::MetaType::U32: putU32(out, item.u32); break;
+      case okv2::MetaType::I32: putU32(out, std::uint32_t(item.i32)); break;
+      case okv2::MetaType::F32: putF32(out, item.f32); break;
+      case okv2::MetaType::U64: putU64(out, item.u64); break;
+      case okv2::MetaType::Str: putStr(out, item.str); break;
+      case okv2::MetaType::U32Array:
+        putU32(out, std::uint32_t(item.array.size()));
+        for (const std::uint32_t element : item.array)
+          putU32(out, element);
+        break;
+      default: return failed("OKV2: bad meta type");
+    }
+  }
+  return {};
+}
+
+void OKV2Writer::buildTokenizer(ByteVector& out) const {
+  putBytes(out, okv2::kTknz);
+  // The tokenizer's own template is stored here and the container's in its section: both are kept.
+  putStr(out, tokenizer_.chatTemplate);
+  putStrings(out, tokenizer_.tokens);
+  putU32(out, std::uint32_t(tokenizer_.scores.size()));
+  for (const float score : tokenizer_.scores)
+    putF32(out, score);
+  putU32(out, std::uint32_t(tokenizer_.types.size()));
+  for (const std::int32_t type : tokenizer_.types)
+    putU32(out, std::uint32_t(type));
+  putStrings(out, tokenizer_.merges);
+  for (const std::int32_t id : {tokenizer_.bosId, tokenizer_.eosId, tokenizer_.unkId, tokenizer_.padId}) {
+    putU32(out, std::uint32_t(id));
+  }
+  putU8(out, tokenizer_.addBos ? 1 : 0);
+}
+
+std::vector<std::uint32_t> OKV2Writer::tensorsByName() const {
+  std::vector<std::uint32_t> order(tensors_.size());
+  std::iota(order.begin(), order.end(), 0U);
+  // Equal names stay in their order of addition, so that equal inputs give equal bytes.
+  std::sort(order.begin(), order.end(), [this](std::uint32_t a, std::uint32_t b) {
+    const int sign = tensors_[a].name.compare(tensors_[b].name);
+    return sign != 0 ? sign < 0 : a < b;
+  });
+  return order;
+}
+
+void OKV2Writer::borrowMapping(std::string_view mapping) { mappings_.push_back(mapping); }
+
+bool OKV2Writer::isMapped(const void* data) const {
+  const auto* byte = static_cast<const char*>(data);
+  return std::any_of(mappings_.begin(), mappings_.end(), [byte](std::string_view mapping) {
+    return !std::less<>()(byte, mapping.data()) && std::less<>()(byte, mapping.data() + mapping.size());
+  });
+}
+
+bool OKV2Writer::isProtected(FileId file) const {
+  return std::find(protected_.begin(), protected_.end(), file) != protected_.end();
+}
+
+ByteVector OKV2Writer::buildHeader(std::uint64_t checksum) const {
+  ByteVector out;
+  out.reserve(okv2::kHeaderBytes);
+  putBytes(out, okv2::kMagic);
+  putU32(out, okv2::kVersion);
+  putU32(out, okv2::kByteOrderMark);
+  putU32(out, std::uint32_t(okv2::kSectionCount));
+  putU32(out, archId_);
+  putU32(out, 0);
+  putU64(out, hiddenSize_);
+  putU32(out, numLayers_);
+  putU32(out, vocabSize_);
+  putU64(out, tensors_.size());
+  putU64(out, 0);
+  putU64(out, checksum);
+  return out;
+}
+
+Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t>& order) const {
+  std::vector<unsigned char> copyBuffer;  // allocated for the first file-backed tensor only
+  for (const std::uint32_t position : order) {
+    const TensorMeta& tensor = tensors_[position];
+    if (!tensor.owned.empty()) {
+      if (!appendInPieces(out, tensor.owned.data(), tensor.size, false)) return failed(out.failure());
+    } else if (tensor.memory != nullptr) {
+      const bool release = tensor.size >= OutputFile::kPieceBytes && isMapped(tensor.memory);
+      if (!appendInPieces(out, tensor.memory, tensor.size, release)) return failed(out.failure());
+    } else if (tensor.file != nullptr) {
+      ZEL_RETURN_IF_ERROR(copyFromFile(out, tensor, copyBuffer));
+    } else {
+      return failed("OKV2: missing tensor source");
+    }
+    if (!out.appendZeros(paddingAfter(tensor.size), "OKV2: pad weights failed")) return failed(out.failure());
+  }
+  return {};
+}
+
+Status OKV2Writer::buildTensorSections(const std::vector<std::uint32_t>& order, TensorSections& out) const {
+  out.index.reserve(order.size() * okv2::kTensorEntryBytes);
+  out.layout.reserve(order.size() * okv2::kLayoutEntryBytes);
+  for (const std::uint32_t position : order) {
+    const TensorMeta& tensor = tensors_[position];
+    const BlockGeometry* geometry = findBlockGeometry(tensor.dtype);
+    if (geometry == nullptr) return failed("OKV2: unsupported dtype");
+    putIndexEntry(out.index, tensor, out.weightBytes);
+    putLayoutEntry(out.layout, tensor.dtype, *geometry);
+    out.weightBytes += okv2::align(tensor.size);
+  }
+  return {};
+}
+
+Status OKV2Writer::write(const char* path) const {
+  using okv2::SectionType;
+  // A null path gets the same text on purpose.
+  if (path == nullptr || tensors_.empty()) return failed("OKV2: no tensors to write");
+
+  ByteVector metadata;
+  ZEL_RETURN_IF_ERROR(buildMetadata(metadata));
+  ByteVector tokenizer;
+  buildTokenizer(tokenizer);
+  const std::vector<std::uint32_t> order = tensorsByName();
+  TensorSections tensors;
+  ZEL_RETURN_IF_ERROR(buildTensorSections(order, tensors));
+  ByteVector chatTemplate;
+  putU64(chatTemplate, chatTemplate_.size());
+  putBytes(chatTemplate, chatTemplate_);
+
+  const std::pair<SectionType, const ByteVector*> sections[] = {
+      // in the order of the file; the weights follow
+      {SectionType::Metadata, &metadata},
+      {SectionType::Tokenizer, &tokenizer},
+      {SectionType::Graph, &graph_},
+      {SectionType::TensorIndex, &tensors.index},
+      {SectionType::TensorLayout, &tensors.layout},
+      {SectionType::ChatTemplate, &chatTemplate},
+  };
+  SectionTable table;
+  for (const auto& [type, bytes] : sections)
+    table[type].size = bytes->size();
+  table[SectionType::Weights].size = tensors.weightBytes;
+  table.layOut();
+
+  OutputFile out;
+  // Not truncated before it is known not to be one of the files that the tensors are borrowed from.
+  if (!out.open(path) || isProtected(out.id()) || !out.truncate()) {
+    return failed("OKV2: cannot open output file");
+  }
+  const ByteVector header = buildHeader(0);
+  const ByteVector tableBytes = table.serialise();
+  if (!out.append(header.data(), header.size(), "OKV2: write header failed") ||
+      !out.append(tableBytes.data(), tableBytes.size(), "OKV2: write section table failed")) {
+    return failed(out.failure());
+  }
+  // A pipe has no position, so nothing is written to one.
+  std::uint64_t position = 0;
+  if (!out.position(position) || position > okv2::kFirstSectionOffset) return failed("OKV2: layout error");
+  if (!out.appendZeros(std::size_t(okv2::kFirstSectionOffset - position), "OKV2: pad failed")) {
+    return failed(out.failure());
+  }
+  for (const auto& [type, bytes] : sections) {
+    if (!out.append(bytes->data(), bytes->size(), "OKV2: write section failed") ||
+        !out.appendZeros(paddingAfter(bytes->size()), "OKV2: write section failed")) {
+      return failed(out.failure());
+    }
+  }
+  ZEL_RETURN_IF_ERROR(writeWeights(out, order));
+  if (!out.flush()) return failed(out.failure());
+
+  std::uint64_t checksum = okv2::crc64(header.data(), okv2::kHeaderChecksumOffset);
+  checksum = okv2::crc64(tableBytes.data(), tableBytes.size(), checksum);
+  const ByteVector finalHeader = buildHeader(checksum);
+  if (!out.rewriteStart(finalHeader.data(), finalHeader.size())) return failed("OKV2: patch header failed");
+  if (!out.close()) return failed("OKV2: close failed");
+  return {};
+}
+
+}  // namespace zel

@@ -1,0 +1,108 @@
+#include "container/output_file.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "container/okv2_format.h"
+
+namespace zel {
+namespace {
+
+constexpr unsigned char kZeros[okv2::kAlignment] = {};
+
+// Calls `io` again for as long as a signal handler of the host interrupts it.
+template <class Io>
+ssize_t retryInterrupted(Io io) noexcept {
+  ssize_t result;
+  do {
+    result = io();
+  } while (result < 0 && errno == EINTR);
+  return result;
+}
+
+}  // namespace
+
+OutputFile::OutputFile() {
+  pieces_.reserve(kMaxPieces);
+  texts_.reserve(kMaxPieces);
+}
+
+bool OutputFile::open(const char* path) noexcept {
+  // O_NONBLOCK: a FIFO that nobody reads is refused instead of waited for. Regular files do not care.
+  file_.reset(::open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+  if (!file_.isOpen()) return false;
+  struct stat info {};
+  if (::fstat(file_.get(), &info) != 0) return false;
+  id_ = {info.st_dev, info.st_ino};
+  hasContent_ = S_ISREG(info.st_mode) && info.st_size > 0;
+  return true;
+}
+
+bool OutputFile::truncate() noexcept {
+  return !hasContent_ || retryInterrupted([this] { return ::ftruncate(file_.get(), 0); }) == 0;
+}
+
+bool OutputFile::append(const void* data, std::size_t size, const char* failureText) noexcept {
+  if (size == 0) return true;
+  // writev() only reads, but its pieces are not declared const.
+  pieces_.push_back({const_cast<void*>(data), size});
+  texts_.push_back(failureText);
+  queuedBytes_ += size;
+  appended_ += size;
+  const bool due = queuedBytes_ >= kPieceBytes || pieces_.size() == kMaxPieces;
+  return !due || flush();
+}
+
+bool OutputFile::appendZeros(std::size_t size, const char* failureText) noexcept {
+  while (size > 0) {
+    const std::size_t n = std::min(size, sizeof kZeros);
+    if (!append(kZeros, n, failureText)) return false;
+    size -= n;
+  }
+  return true;
+}
+
+bool OutputFile::flush() noexcept {
+  std::size_t first = 0;  // pieces before it are written whole
+  while (first < pieces_.size()) {
+    const ssize_t result =
+        retryInterrupted([&] { return ::writev(file_.get(), &pieces_[first], int(pieces_.size() - first)); });
+    if (result <= 0) {
+      failure_ = texts_[first];
+      return false;
+    }
+    auto written = std::size_t(result);
+    while (first < pieces_.size() && written >= pieces_[first].iov_len) {
+      written -= pieces_[first].iov_len;
+      ++first;
+    }
+    if (written > 0) {
+      pieces_[first].iov_base = static_cast<char*>(pieces_[first].iov_base) + written;
+      pieces_[first].iov_len -= written;
+    }
+  }
+  pieces_.clear();
+  texts_.clear();
+  queuedBytes_ = 0;
+  return true;
+}
+
+bool OutputFile::position(std::uint64_t& out) const noexcept {
+  const off_t position = ::lseek(file_.get(), 0, SEEK_CUR);
+  if (position < 0) return false;
+  out = std::uint64_t(position) + queuedBytes_;
+  return true;
+}
+
+bool OutputFile::rewriteStart(const void* data, std::size_t size) noexcept {
+  if (::lseek(file_.get(), 0, SEEK_SET) != 0) return false;
+  return retryInterrupted([&] { return ::write(file_.get(), data, size); }) == ssize_t(size);
+}
+
+bool OutputFile::close() noexcept { return file_.close(); }
+
+}  // namespace zel

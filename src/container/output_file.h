@@ -1,0 +1,62 @@
+// The file that a container is written to: gathers pieces and hands them to the kernel where they lie.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include <sys/uio.h>
+
+#include "container/descriptor.h"
+#include "container/file_id.h"
+
+namespace zel {
+
+// Pieces are borrowed until the next successful flush() and never read in user space: they may lie in a file
+// mapping whose file shrinks meanwhile, which then is a failed write and not a signal. Every piece carries
+// the text to report if it is the first that could not be written whole, so gathering changes no message.
+class OutputFile {
+ public:
+  // A flush is due at this many bytes. One piece of a large tensor is copied while it is still in the
+  // processor's cache; larger writes fault in more than fits there.
+  static constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
+
+  OutputFile();
+
+  // Creates or opens `path` for writing without truncating it and without ever blocking; false on failure.
+  [[nodiscard]] bool open(const char* path) noexcept;
+  [[nodiscard]] FileId id() const noexcept { return id_; }
+  // Empties an existing regular file.
+  [[nodiscard]] bool truncate() noexcept;
+
+  // Queues `size` bytes at `data`. False when a flush was due and failed; failure() then says why.
+  [[nodiscard]] bool append(const void* data, std::size_t size, const char* failureText) noexcept;
+  // As append(), for zeros.
+  [[nodiscard]] bool appendZeros(std::size_t size, const char* failureText) noexcept;
+  [[nodiscard]] bool flush() noexcept;
+
+  // Bytes appended so far.
+  [[nodiscard]] std::uint64_t appended() const noexcept { return appended_; }
+  // The text of the piece that could not be written.
+  [[nodiscard]] const char* failure() const noexcept { return failure_; }
+
+  // Where the file will stand once everything appended is written; false when it has no positions (a pipe).
+  [[nodiscard]] bool position(std::uint64_t& out) const noexcept;
+  // Writes over the first bytes of the file.
+  [[nodiscard]] bool rewriteStart(const void* data, std::size_t size) noexcept;
+  [[nodiscard]] bool close() noexcept;
+
+ private:
+  static constexpr std::size_t kMaxPieces = 1024;  // IOV_MAX on Linux
+
+  Descriptor file_;
+  FileId id_;
+  bool hasContent_ = false;
+  std::vector<iovec> pieces_;
+  std::vector<const char*> texts_;  // same length as pieces_
+  std::size_t queuedBytes_ = 0;
+  std::uint64_t appended_ = 0;
+  const char* failure_ = "";
+};
+
+}  // namespace zel

@@ -1,0 +1,22 @@
+// Hints to the kernel about pages. All are optional: where the kernel does not know one, or refuses it,
+// nothing but speed or memory is lost.
+#pragma once
+
+#include <cstddef>
+
+namespace zel {
+
+// Brings the pages of a borrowed piece in with one call instead of a fault each. For pieces of some 256 KB
+// just before they are written; whole tensors would push out of the cache what is about to be copied.
+void populatePages(const void* data, std::size_t size) noexcept;
+
+// Lets go of the pages that lie wholly inside the range, so that memory in use does not grow with the model.
+// Only for read-only file mappings: they read the same again, while memory of any other kind would lose its
+// content.
+void releasePages(const void* data, std::size_t size) noexcept;
+
+// Asks for large pages under a long vector that is about to be filled from its start to near its end: a fault
+// for each 4 KB would cost more than what is put there.
+void preferLargePages(const void* data, std::size_t size) noexcept;
+
+}  // namespace zel
