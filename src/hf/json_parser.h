@@ -1,0 +1,285 @@
+// The JSON grammar as a walk that the caller drives: one grammar, several sinks. The tree of json.h is one of
+// them; the vocabulary of tokenizer.json and the entries of a safetensors header are filled without a tree.
+//
+// What runs once for every value of a large file is inline here; everything else is in json.cpp.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+#include "container/page_advice.h"
+#include "container/status.h"
+#include "hf/json.h"
+
+namespace zel::json::detail {
+
+// Reading state of one parse. Every method returns false after the first failure, which status() then names;
+// a caller just passes false on, so that the one Status is built once, at the end.
+//
+// peek() tells the kind of the next value, and exactly one of the reading methods consumes it. Every value is
+// read at its nesting depth, 0 for the root; the callbacks of members() and elements() read theirs one deeper
+// than the container. Values deeper than kMaxDepth fail.
+class Parser {
+ public:
+  static constexpr std::size_t kMaxDepth = 64;
+
+  Parser(const char* data, std::size_t size) noexcept : pos_(data), end_(data + size) {}
+
+  // Any value, into a tree.
+  bool value(Value& out, std::size_t depth);
+  // Any value, held to the same grammar and dropped without an allocation.
+  bool skip(std::size_t depth);
+
+  // Skips whitespace and tells what kind of value starts here; fails when none can.
+  bool peek(Kind& kind, std::size_t depth);
+
+  // Each consumes a value of the kind that peek() gave.
+  bool literal(Kind kind, bool& boolean);  // Null or Bool
+  bool number(double& out);
+  // As number(), for numbers that should be integral: empty when this one is not, or exceeds 64 bits.
+  bool integer(std::optional<std::int64_t>& out);
+  bool string(std::string& out);                                 // replaces `out`
+  bool stringView(std::string_view& out, std::string& scratch);  // borrows the input, or `scratch` if escaped
+  // Calls member(std::string_view key) for each member; it reads the value. The key dies with the call.
+  template <class OnMember>
+  bool object(OnMember&& member);
+  // As object(), for keys that are kept: readKey() consumes the key with string() or stringView(), then
+  // member() reads the value.
+  template <class ReadKey, class OnMember>
+  bool members(ReadKey&& readKey, OnMember&& member);
+  // Calls element() for each element; it reads the value.
+  template <class OnElement>
+  bool elements(OnElement&& element);
+
+  // Nothing but whitespace may be left.
+  bool finish();
+
+  // The failure, or OK when there was none.
+  [[nodiscard]] Status status() const;
+
+  // Where the walk stands, for estimates: bytes not yet read.
+  [[nodiscard]] std::size_t remaining() const noexcept { return std::size_t(end_ - pos_); }
+
+ private:
+  bool fail(const char* text) noexcept {
+    error_ = text;
+    return false;
+  }
+  void skipSpace() noexcept {
+    // Most values follow without a space: one comparison tells.
+    while (pos_ != end_ && static_cast<unsigned char>(*pos_) <= ' ' && isSpace(*pos_))
+      ++pos_;
+  }
+  static bool isSpace(char c) noexcept { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
+  static bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
+  // True when the closing bracket of the container comes next; consumes it.
+  bool closes(char bracket) noexcept {
+    skipSpace();
+    if (pos_ == end_ || *pos_ != bracket) return false;
+    ++pos_;
+    return true;
+  }
+  bool comma() noexcept {
+    if (pos_ == end_ || *pos_ != ',') return fail("json: comma");
+    ++pos_;
+    return true;
+  }
+  bool keyQuote() noexcept {
+    skipSpace();
+    return (pos_ != end_ && *pos_ == '"') || fail("json: object key");
+  }
+  bool colon() noexcept {
+    skipSpace();
+    if (pos_ == end_ || *pos_ != ':') return fail("json: colon");
+    ++pos_;
+    return true;
+  }
+  static const char* endOfPlainRun(const char* p, const char* end) noexcept;
+  void assignRun(std::string& out, const char* run, std::size_t size) const;
+  bool shortInteger(std::int64_t& out) noexcept;
+  bool wholeNumberToken(double& out);
+  template <class Out>
+  bool stringRest(const char* run, const char* at, Out& out);
+  bool escape(const char*& at, char*& out);
+  bool codeUnit(const char*& at, unsigned& unit) noexcept;
+
+  const char* pos_;
+  const char* end_;
+  const char* error_ = nullptr;  // static text
+};
+
+inline bool Parser::peek(Kind& kind, std::size_t depth) {
+  if (depth > kMaxDepth) return fail("json: too deep");
+  skipSpace();
+  if (pos_ == end_) return fail("json: unexpected end");
+  switch (*pos_) {
+    case '"': kind = Kind::String; return true;
+    case '{': kind = Kind::Object; return true;
+    case '[': kind = Kind::Array; return true;
+    case 't':
+    case 'f': kind = Kind::Bool; return true;
+    case 'n': kind = Kind::Null; return true;
+    default:
+      if (!isDigit(*pos_) && *pos_ != '-') return fail("json: unexpected char");
+      kind = Kind::Number;
+      return true;
+  }
+}
+
+// Consumes a number that is up to 15 digits and nothing else; otherwise false, with nothing consumed. Such
+// integers are exact doubles and need no floating-point parsing. A minus sign is left to the general case,
+// which knows a negative zero.
+inline bool Parser::shortInteger(std::int64_t& out) noexcept {
+  constexpr std::ptrdiff_t kExactDigits = 15;
+  const char* p = pos_;
+  std::int64_t integer = 0;
+  while (p != end_ && isDigit(*p)) {
+    if (p - pos_ == kExactDigits) return false;
+    integer = integer * 10 + (*p++ - '0');
+  }
+  if (p == pos_ || (p != end_ && (*p == '.' || *p == 'e' || *p == 'E'))) return false;
+  out = integer;
+  pos_ = p;
+  return true;
+}
+
+inline bool Parser::number(double& out) {
+  std::int64_t integer;
+  if (!shortInteger(integer)) return wholeNumberToken(out);
+  out = double(integer);
+  return true;
+}
+
+inline bool Parser::integer(std::optional<std::int64_t>& out) {
+  std::int64_t integer;
+  if (!shortInteger(integer)) {
+    double number;
+    if (!wholeNumberToken(number)) return false;
+    if (!toInt64(number, integer)) {
+      out.reset();
+      return true;
+    }
+  }
+  out = integer;
+  return true;
+}
+
+// The first byte at or after `p` that ends a run of plain string bytes: a quote, a backslash or a control
+// byte below 0x20. Sixteen bytes at a time where the processor has them in one register, since most strings
+// then end in the first step and the branch behind it is easy to predict.
+inline const char* Parser::endOfPlainRun(const char* p, const char* end) noexcept {
+#ifdef __SSE2__
+  const __m128i quote = _mm_set1_epi8('"');
+  const __m128i backslash = _mm_set1_epi8('\\');
+  const __m128i control = _mm_set1_epi8(0x1F);
+  for (; end - p >= 16; p += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    const __m128i isControl = _mm_cmpeq_epi8(_mm_min_epu8(bytes, control), bytes);
+    const __m128i special = _mm_or_si128(_mm_cmpeq_epi8(bytes, quote), _mm_cmpeq_epi8(bytes, backslash));
+    const int hit = _mm_movemask_epi8(_mm_or_si128(special, isControl));
+    if (hit != 0) return p + __builtin_ctz(unsigned(hit));
+  }
+#endif
+  while (p != end && *p != '"' && *p != '\\' && static_cast<unsigned char>(*p) >= 0x20)
+    ++p;
+  return p;
+}
+
+// Replaces `out`. A copy of known size is two moves; one of unknown size is a call and branches on the size
+// that are hard to predict. So short texts are copied with what follows them, and cut.
+inline void Parser::assignRun(std::string& out, const char* run, std::size_t size) const {
+  constexpr std::size_t kShort = 15;  // what std::string holds without an allocation
+  if (size <= kShort && std::size_t(end_ - run) >= kShort) {
+    out.assign(run, kShort);
+    out.resize(size);
+  } else {
+    out.assign(run, size);
+  }
+}
+
+inline bool Parser::string(std::string& out) {
+  const char* const run = pos_ + 1;
+  const char* const at = endOfPlainRun(run, end_);
+  if (at != end_ && *at == '"') {
+    assignRun(out, run, std::size_t(at - run));
+    pos_ = at + 1;
+    return true;
+  }
+  out.clear();
+  return stringRest(run, at, out);
+}
+
+inline bool Parser::stringView(std::string_view& out, std::string& scratch) {
+  const char* const run = pos_ + 1;
+  const char* const at = endOfPlainRun(run, end_);
+  if (at != end_ && *at == '"') {
+    out = {run, std::size_t(at - run)};
+    pos_ = at + 1;
+    return true;
+  }
+  scratch.clear();
+  if (!stringRest(run, at, scratch)) return false;
+  out = scratch;
+  return true;
+}
+
+template <class ReadKey, class OnMember>
+bool Parser::members(ReadKey&& readKey, OnMember&& member) {
+  ++pos_;  // the brace
+  if (closes('}')) return true;
+  for (;;) {
+    if (!keyQuote() || !readKey() || !colon() || !member()) return false;
+    if (closes('}')) return true;
+    if (!comma()) return false;
+  }
+}
+
+template <class OnMember>
+bool Parser::object(OnMember&& member) {
+  std::string_view key;
+  std::string scratch;
+  return members([&] { return stringView(key, scratch); }, [&] { return member(key); });
+}
+
+template <class OnElement>
+bool Parser::elements(OnElement&& element) {
+  ++pos_;  // the bracket
+  if (closes(']')) return true;
+  for (;;) {
+    if (!element()) return false;
+    if (closes(']')) return true;
+    if (!comma()) return false;
+  }
+}
+
+// Appends an element. A long vector grows by what its elements so far say about the rest of the input,
+// instead of by doubling: `bytesBefore` is what was left to read when the first element began. Never more
+// than eight times at once, so that a short text cannot ask for much.
+template <class T>
+T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft) {
+  constexpr std::size_t kFirst = 4;
+  constexpr std::size_t kLong = 1024;
+  constexpr std::size_t kMaxFactor = 8;
+  const std::size_t size = out.size();
+  if (size != out.capacity()) return out.emplace_back();
+  if (size >= kLong) {
+    const std::size_t bytesEach = (bytesBefore - bytesLeft) / size;
+    const std::size_t estimate = size + bytesLeft / std::max<std::size_t>(bytesEach, 1) + 1;
+    out.reserve(std::clamp(estimate, 2 * size, kMaxFactor * size));
+    preferLargePages(out.data(), out.capacity() * sizeof(T));
+  } else {
+    out.reserve(std::max(kFirst, 2 * size));
+  }
+  return out.emplace_back();
+}
+
+}  // namespace zel::json::detail
