@@ -1,0 +1,715 @@
+// The pickle program of a checkpoint: a machine for the dialect of docs/pytorch-dialect.md and the gate that
+// lets only a flat dict of tensors through. Opcode names: Lib/pickletools.py of CPython.
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <unordered_map>
+#include <utility>
+
+#include "container/bytes.h"
+#include "readers/pytorch_importer.h"
+
+namespace zel {
+namespace {
+
+enum class PickleKind : std::uint8_t {
+  None = 0,  // also the mark
+  Int = 1,   // booleans are 1 and 0
+  Float = 2,
+  Str = 3,
+  Bytes = 4,
+  Tuple = 5,  // tuples and lists alike
+  Dict = 6,
+  Global = 7,
+  Storage = 8,
+  Tensor = 9,  // items: Storage, size Tuple, storage offset Int
+};
+
+// Hands out objects that live as long as the arena and never move.
+template <class T>
+class Arena {
+ public:
+  template <class... Args>
+  const T* make(Args&&... args) {
+    if (used_ == kBlock) {
+      blocks_.push_back(std::make_unique<T[]>(kBlock));
+      used_ = 0;
+    }
+    T& slot = blocks_.back()[used_];
+    slot = T{std::forward<Args>(args)...};
+    ++used_;
+    return &slot;
+  }
+
+ private:
+  static constexpr std::size_t kBlock = 512;
+  std::vector<std::unique_ptr<T[]>> blocks_;
+  std::size_t used_ = kBlock;
+};
+
+struct PickleCell;
+
+// The texts of a value; views of the program's own bytes.
+struct PickleTexts {
+  std::string_view s;       // text, bytes, a storage's key
+  std::string_view module;  // of a global; the class name of a storage
+  std::string_view name;    // of a global
+};
+
+// One value, held by value but cheap to copy: everything below it is shared and never changes, and lives in
+// the arenas of the machine. So copies cost nothing, memory grows by at most one cell for each byte of the
+// program, however often it duplicates, and no depth of nesting makes anything recurse.
+class PickleValue {
+ public:
+  PickleValue() noexcept = default;  // None
+  static PickleValue integer(std::int64_t i) noexcept { return {PickleKind::Int, std::uint64_t(i)}; }
+  static PickleValue real(double f) noexcept { return {PickleKind::Float, std::bit_cast<std::uint64_t>(f)}; }
+  static PickleValue list(PickleKind kind, const PickleCell* last) noexcept {
+    PickleValue value(kind, 0);
+    value.children_ = last;
+    return value;
+  }
+  static PickleValue text(PickleKind kind, const PickleTexts* texts, std::int64_t i = 0) noexcept {
+    PickleValue value(kind, std::uint64_t(i));
+    value.texts_ = texts;
+    return value;
+  }
+
+  [[nodiscard]] PickleKind kind() const noexcept { return kind_; }
+  [[nodiscard]] bool is(PickleKind kind) const noexcept { return kind_ == kind; }
+  [[nodiscard]] std::int64_t i() const noexcept { return is(PickleKind::Float) ? 0 : std::int64_t(bits_); }
+  [[nodiscard]] double f() const noexcept { return is(PickleKind::Float) ? std::bit_cast<double>(bits_) : 0; }
+  [[nodiscard]] std::string_view s() const noexcept { return texts().s; }
+  [[nodiscard]] std::string_view module() const noexcept { return texts().module; }
+  [[nodiscard]] std::string_view name() const noexcept { return texts().name; }
+  // Only the mark is of kind None with a text.
+  [[nodiscard]] bool isMark() const noexcept { return kind_ == PickleKind::None && texts_ != nullptr; }
+
+  // The last item or pair; each leads to the one before it.
+  [[nodiscard]] const PickleCell* children() const noexcept { return children_; }
+  void setChildren(const PickleCell* children) noexcept { children_ = children; }
+
+  // Of a Tuple or Tensor, which hold nothing but items.
+  [[nodiscard]] std::uint64_t itemCount() const noexcept;
+  // Item k of the first four; the caller has checked itemCount().
+  [[nodiscard]] const PickleValue& item(std::uint64_t k) const noexcept;
+
+  // The pairs in order of insertion; repeated keys are all kept.
+  [[nodiscard]] std::vector<std::pair<std::string_view, PickleValue>> dict() const;
+
+ private:
+  PickleValue(PickleKind kind, std::uint64_t bits) noexcept : kind_(kind), bits_(bits) {}
+
+  [[nodiscard]] const PickleTexts& texts() const noexcept {
+    static constexpr PickleTexts kNoTexts{};
+    return texts_ != nullptr ? *texts_ : kNoTexts;
+  }
+
+  PickleKind kind_ = PickleKind::None;
+  std::uint64_t bits_ = 0;  // the integer, or the bits of the float
+  const PickleTexts* texts_ = nullptr;
+  const PickleCell* children_ = nullptr;
+};
+
+// One item of a tuple, or one pair of a dict. Lists grow at their end by a new cell that leads to the old
+// end, so any number of values may share a beginning.
+struct PickleCell {
+  const PickleCell* previous = nullptr;
+  const PickleCell* early = nullptr;  // the cell of position min(position, 4): the first four are near
+  std::uint64_t position = 0;         // counted from 1
+  bool isPair = false;
+  std::string_view key;
+  PickleValue value;
+};
+
+constexpr std::uint64_t kEarlyItems = 4;
+
+std::uint64_t PickleValue::itemCount() const noexcept {
+  return children_ == nullptr ? 0 : children_->position;
+}
+
+const PickleValue& PickleValue::item(std::uint64_t k) const noexcept {
+  const PickleCell* cell = children_->position > kEarlyItems ? children_->early : children_;
+  while (cell->position > k + 1)
+    cell = cell->previous;
+  return cell->value;
+}
+
+std::vector<std::pair<std::string_view, PickleValue>> PickleValue::dict() const {
+  std::vector<std::pair<std::string_view, PickleValue>> out;
+  for (const PickleCell* cell = children_; cell != nullptr; cell = cell->previous) {
+    if (cell->isPair) out.emplace_back(cell->key, cell->value);
+  }
+  std::reverse(out.begin(), out.end());
+  return out;
+}
+
+// Runs one program from its first byte to STOP. Steps return false after a failure, which value() reports.
+class PickleVM {
+ public:
+  // The program's bytes are borrowed for the life of the machine.
+  explicit PickleVM(std::string_view program) noexcept : in_(program) {}
+
+  // OK leaves the result on top of the stack. Every other Status begins "torch: pickle ":
+  //   Corrupted    truncated, or operands that do not fit
+  //   Unsupported  well-formed, but refused: foreign objects, opcodes outside the dialect
+  Status value();
+
+  [[nodiscard]] const std::vector<PickleValue>& stack() const noexcept { return stack_; }
+
+ private:
+  bool fail(const char* what) noexcept { return end(Code::Corrupted, what); }
+  bool reject(const char* what) noexcept { return end(Code::Unsupported, what); }
+  bool end(Code code, const char* what) noexcept {
+    failureCode_ = code;
+    failure_ = what;
+    return false;
+  }
+
+  bool step(std::uint8_t opcode);
+
+  bool push(const PickleValue& value);
+  PickleValue pop() noexcept;
+  bool pushText(PickleKind kind, std::string_view text);
+
+  bool pop1();
+  bool dup();
+  bool pushInt4(const char* truncated);
+  bool pushInt2();
+  bool pushUnsignedByte();
+  bool pushSignedByte();
+  bool pushFloat();
+  bool pushDecimal();
+  bool pushText1(PickleKind kind, const char* tooLong);
+  bool pushText4(PickleKind kind, const char* truncated, const char* tooLong);
+  bool pushText8(PickleKind kind, const char* truncated, const char* tooLong);
+  bool pushRest(PickleKind kind, std::uint64_t length, const char* tooLong);
+  bool skipBytes(std::uint64_t n, const char* truncated);
+  bool pushGlobal();
+  bool stackGlobal();
+  bool memoize();
+  bool pushMemo(std::uint64_t index);
+  bool pushMemo1();
+  bool pushMemo4();
+
+  const PickleCell* grow(const PickleCell* list, const PickleValue& item);
+  const PickleCell* growPair(const PickleCell* list, std::string_view key, const PickleValue& value);
+  std::size_t collectMark(std::vector<PickleValue>& out);
+  const PickleCell* listOf(const PickleValue* first, std::size_t count);
+  bool markedTuple();
+  bool markedDict();
+  bool shortTuple(std::size_t count);
+  bool append();
+  bool appends();
+  bool setItem();
+  bool build();
+  bool reduce();
+  bool rebuildTensor(const PickleValue& args);
+  bool codecsEncode(const PickleValue& args);
+  bool newObject();
+
+  ByteReader in_;
+  std::vector<PickleValue> stack_;
+  std::vector<std::size_t> marks_;  // positions of marks in stack_, ascending
+  std::vector<PickleValue> memo_;
+  std::vector<PickleValue> collected_;  // scratch of the opcodes that take everything above a mark
+  Arena<PickleTexts> texts_;
+  Arena<PickleCell> cells_;
+  Code failureCode_ = Code::OK;
+  const char* failure_ = "";
+};
+
+Status PickleVM::value() {
+  constexpr std::uint8_t kStop = 0x2e;
+  std::uint8_t opcode = 0;
+  while (failureCode_ == Code::OK && opcode != kStop) {
+    if (!in_.readU8(opcode)) {
+      fail("unterminated pickle");
+    } else if (opcode != kStop) {
+      step(opcode);
+    }
+  }
+  if (failureCode_ == Code::OK) return {};
+  return {failureCode_, std::string("torch: pickle ") + failure_};
+}
+
+// The dialect. Opcodes that are not listed are refused, BINPUT and TUPLE among them, on purpose.
+bool PickleVM::step(std::uint8_t opcode) {
+  static constexpr PickleTexts kMark{"\x01mark", {}, {}};
+  using Kind = PickleKind;
+  switch (opcode) {
+    case 0x28: return push(PickleValue::text(Kind::None, &kMark));                  // MARK
+    case 0x29: return push(PickleValue::list(Kind::Tuple, nullptr));                // EMPTY_TUPLE
+    case 0x30: return pop1();                                                       // POP
+    case 0x32: return dup();                                                        // DUP
+    case 0x42: return pushText4(Kind::Bytes, "truncated bytes", "bytes too long");  // BINBYTES
+    case 0x47: return pushFloat();                                                  // BINFLOAT
+    case 0x4a: return pushInt4("truncated int");                                    // BININT
+    case 0x4b: return pushUnsignedByte();                                           // BININT1
+    case 0x4c: return pushDecimal();                                                // LONG
+    case 0x4d: return pushInt2();                                                   // BININT2
+    case 0x4e: return push(PickleValue());                                          // NONE
+    case 0x50: return reject("persistent id (arbitrary python object)");            // PERSID
+    case 0x51: return reject("persistent id (arbitrary python object)");            // BINPERSID
+    case 0x52: return reduce();                                                     // REDUCE
+    case 0x54: return markedTuple();  // 'T': the dialect's tuple, instead of a byte string of protocol 1
+    case 0x58: return pushText4(Kind::Str, "truncated unicode", "unicode too long");  // BINUNICODE
+    case 0x5d: return push(PickleValue::list(Kind::Tuple, nullptr));                  // EMPTY_LIST
+    case 0x61: return append();                                                       // APPEND
+    case 0x62: return build();                                                        // BUILD
+    case 0x63: return pushGlobal();                                                   // GLOBAL
+    case 0x64: return markedDict();                                                   // DICT
+    case 0x65: return appends();                                                      // APPENDS
+    case 0x68: return pushMemo1();                                                    // BINGET
+    case 0x6a: return pushMemo4();                                                    // LONG_BINGET
+    case 0x6c: return markedTuple();                                                  // LIST
+    case 0x73: return setItem();                                                      // SETITEM
+    case 0x7d: return push(PickleValue::list(Kind::Dict, nullptr));                   // EMPTY_DICT
+    case 0x80: return skipBytes(1, "truncated proto");                                // PROTO
+    case 0x81: return newObject();                                                    // NEWOBJ
+    case 0x85: return shortTuple(1);                                                  // TUPLE1
+    case 0x86: return shortTuple(2);                                                  // TUPLE2
+    case 0x87: return shortTuple(3);                                                  // TUPLE3
+    case 0x88: return push(PickleValue::integer(1));                                  // NEWTRUE
+    case 0x89: return push(PickleValue::integer(0));                                  // NEWFALSE
+    case 0x8a: return pushSignedByte();                          // LONG1: the byte is the value
+    case 0x8b: return pushInt4("truncated LONG4");               // LONG4: the four bytes are the value
+    case 0x8c: return pushText1(Kind::Str, "unicode too long");  // SHORT_BINUNICODE
+    case 0x8d: return pushText8(Kind::Str, "truncated unicode", "unicode too long");  // BINUNICODE8
+    case 0x8e: return pushText1(Kind::Bytes, "bytes too long");  // BINBYTES8: here with a one-byte length
+    case 0x93: return stackGlobal();                             // STACK_GLOBAL
+    case 0x94: return memoize();                                 // MEMOIZE
+    case 0x95: return skipBytes(8, "truncated frame");           // FRAME
+    default: return reject("unknown pickle opcode");
+  }
+}
+
+// ---- the stack
+
+bool PickleVM::push(const PickleValue& value) {
+  if (value.isMark()) marks_.push_back(stack_.size());
+  stack_.push_back(value);
+  return true;
+}
+
+PickleValue PickleVM::pop() noexcept {
+  const PickleValue top = stack_.back();
+  stack_.pop_back();
+  if (!marks_.empty() && marks_.back() == stack_.size()) marks_.pop_back();
+  return top;
+}
+
+bool PickleVM::pop1() {
+  if (stack_.empty()) return fail("pop underflow");
+  (void)pop();
+  return true;
+}
+
+bool PickleVM::dup() {
+  if (stack_.empty()) return fail("dup underflow");
+  return push(PickleValue(stack_.back()));
+}
+
+bool PickleVM::memoize() {
+  if (stack_.empty()) return fail("memo index");
+  memo_.push_back(stack_.back());
+  return true;
+}
+
+bool PickleVM::pushMemo(std::uint64_t index) {
+  if (index >= memo_.size()) return fail("memo index");
+  return push(memo_[index]);
+}
+
+bool PickleVM::pushMemo1() {
+  std::uint8_t index;
+  return in_.readU8(index) ? pushMemo(index) : fail("truncated BINGET");
+}
+
+bool PickleVM::pushMemo4() {
+  std::uint32_t index;
+  return in_.readU32(index) ? pushMemo(index) : fail("truncated LONG_BINGET");
+}
+
+// ---- operands in the program
+
+bool PickleVM::pushInt4(const char* truncated) {
+  std::uint32_t raw;
+  if (!in_.readU32(raw)) return fail(truncated);
+  return push(PickleValue::integer(std::int32_t(raw)));
+}
+
+bool PickleVM::pushInt2() {
+  std::uint16_t raw;
+  if (!in_.readU16(raw)) return fail("truncated int");
+  return push(PickleValue::integer(raw));
+}
+
+bool PickleVM::pushUnsignedByte() {
+  std::uint8_t raw;
+  if (!in_.readU8(raw)) return fail("unterminated pickle");
+  return push(PickleValue::integer(raw));
+}
+
+bool PickleVM::pushSignedByte() {
+  std::uint8_t raw;
+  if (!in_.readU8(raw)) return fail("unterminated pickle");
+  return push(PickleValue::integer(std::int8_t(raw)));
+}
+
+bool PickleVM::pushFloat() {
+  std::uint64_t raw;
+  if (!in_.readU64(raw)) return fail("truncated float");
+  return push(
+      PickleValue::real(std::bit_cast<double>(__builtin_bswap64(raw))));  // the only big-endian operand
+}
+
+// Digits up to an 'L', which stands in for the newline of the text protocol; no sign, wrapping.
+bool PickleVM::pushDecimal() {
+  const std::string_view rest = in_.rest();
+  const std::size_t length = rest.find('L');
+  if (length == std::string_view::npos) return fail("bad LONG");
+  std::uint64_t number = 0;
+  for (const char digit : rest.substr(0, length)) {
+    if (digit < '0' || digit > '9') return fail("bad LONG digits");
+    number = number * 10 + std::uint64_t(digit - '0');
+  }
+  return push(PickleValue::integer(std::int64_t(number))) && in_.skip(length + 1);
+}
+
+bool PickleVM::pushText(PickleKind kind, std::string_view text) {
+  return push(PickleValue::text(kind, texts_.make(text, std::string_view(), std::string_view())));
+}
+
+bool PickleVM::pushRest(PickleKind kind, std::uint64_t length, const char* tooLong) {
+  std::string_view text;
+  return in_.readBytes(length, text) ? pushText(kind, text) : fail(tooLong);
+}
+
+bool PickleVM::pushText1(PickleKind kind, const char* tooLong) {
+  std::uint8_t length;
+  return in_.readU8(length) ? pushRest(kind, length, tooLong) : fail("unterminated pickle");
+}
+
+bool PickleVM::pushText4(PickleKind kind, const char* truncated, const char* tooLong) {
+  std::uint32_t length;
+  return in_.readU32(length) ? pushRest(kind, length, tooLong) : fail(truncated);
+}
+
+bool PickleVM::pushText8(PickleKind kind, const char* truncated, const char* tooLong) {
+  std::uint64_t length;
+  return in_.readU64(length) ? pushRest(kind, length, tooLong) : fail(truncated);
+}
+
+bool PickleVM::skipBytes(std::uint64_t n, const char* truncated) { return in_.skip(n) || fail(truncated); }
+
+bool PickleVM::pushGlobal() {
+  std::string_view lines[2];
+  for (std::string_view& line : lines) {
+    const std::size_t length = in_.rest().find('\n');
+    if (length == std::string_view::npos) return fail("bad GLOBAL");
+    line = in_.rest().substr(0, length);
+    if (!in_.skip(length + 1)) return fail("bad GLOBAL");
+  }
+  return push(PickleValue::text(PickleKind::Global, texts_.make(std::string_view(), lines[0], lines[1])));
+}
+
+bool PickleVM::stackGlobal() {
+  const std::size_t n = stack_.size();
+  if (n < 2 || !stack_[n - 1].is(PickleKind::Str) || !stack_[n - 2].is(PickleKind::Str)) {
+    return fail("bad STACK_GLOBAL");
+  }
+  const PickleValue name = pop();
+  const PickleValue module = pop();
+  return push(PickleValue::text(PickleKind::Global, texts_.make(std::string_view(), module.s(), name.s())));
+}
+
+// ---- tuples and dicts
+
+const PickleCell* PickleVM::grow(const PickleCell* list, const PickleValue& item) {
+  const std::uint64_t position = list == nullptr ? 1 : list->position + 1;
+  const PickleCell* early = position <= kEarlyItems       ? nullptr
+                            : position == kEarlyItems + 1 ? list
+                                                          : list->early;
+  return cells_.make(list, early, position, false, std::string_view(), item);
+}
+
+const PickleCell* PickleVM::growPair(const PickleCell* list, std::string_view key, const PickleValue& value) {
+  return cells_.make(list, nullptr, list == nullptr ? 1 : list->position + 1, true, key, value);
+}
+
+// Takes the values above the topmost mark, and the mark, off the stack. Without a mark it takes nothing:
+// an opcode that wants a mark then acts on zero items.
+std::size_t PickleVM::collectMark(std::vector<PickleValue>& out) {
+  out.clear();
+  if (marks_.empty()) return 0;
+  const std::size_t mark = marks_.back();
+  out.assign(stack_.begin() + std::ptrdiff_t(mark) + 1, stack_.end());
+  stack_.resize(mark);
+  marks_.pop_back();
+  return out.size();
+}
+
+const PickleCell* PickleVM::listOf(const PickleValue* first, std::size_t count) {
+  const PickleCell* list = nullptr;
+  for (std::size_t k = 0; k < count; ++k)
+    list = grow(list, first[k]);
+  return list;
+}
+
+bool PickleVM::markedTuple() {
+  collectMark(collected_);
+  return push(PickleValue::list(PickleKind::Tuple, listOf(collected_.data(), collected_.size())));
+}
+
+bool PickleVM::markedDict() {
+  if (collectMark(collected_) % 2 != 0) return fail("odd dict");
+  const PickleCell* pairs = nullptr;
+  for (std::size_t k = 0; k < collected_.size(); k += 2) {
+    if (!collected_[k].is(PickleKind::Str)) return reject("non-string dict key");
+    pairs = growPair(pairs, collected_[k].s(), collected_[k + 1]);
+  }
+  return push(PickleValue::list(PickleKind::Dict, pairs));
+}
+
+bool PickleVM::shortTuple(std::size_t count) {
+  if (stack_.size() < count) return fail("tuple stack underflow");
+  const PickleCell* list = listOf(stack_.data() + stack_.size() - count, count);
+  for (std::size_t k = 0; k < count; ++k)
+    (void)pop();
+  return push(PickleValue::list(PickleKind::Tuple, list));
+}
+
+bool PickleVM::append() {
+  if (stack_.size() < 2) return fail("append underflow");
+  const PickleValue item = pop();
+  PickleValue& list = stack_.back();  // whatever its kind
+  list.setChildren(grow(list.children(), item));
+  return true;
+}
+
+bool PickleVM::appends() {
+  collectMark(collected_);
+  if (stack_.empty() || !stack_.back().is(PickleKind::Tuple)) return fail("appends on non-list");
+  PickleValue& list = stack_.back();
+  for (const PickleValue& item : collected_)
+    list.setChildren(grow(list.children(), item));
+  return true;
+}
+
+bool PickleVM::setItem() {
+  if (stack_.size() < 3) return fail("setitem underflow");
+  const PickleValue value = pop();
+  const PickleValue key = pop();
+  PickleValue& dict = stack_.back();
+  if (!dict.is(PickleKind::Dict)) return fail("setitem on non-dict");
+  if (!key.is(PickleKind::Str)) return reject("non-string dict key");
+  dict.setChildren(growPair(dict.children(), key.s(), value));
+  return true;
+}
+
+// ---- objects
+
+bool PickleVM::build() {
+  if (stack_.size() < 2) return fail("build underflow");
+  (void)pop();  // the state
+  const PickleValue& object = stack_.back();
+  const bool known = object.is(PickleKind::Storage) || object.is(PickleKind::Tensor);
+  return known || reject("BUILD on unsupported object");
+}
+
+bool PickleVM::reduce() {
+  if (stack_.size() < 2) return fail("reduce underflow");
+  const PickleValue args = pop();
+  const PickleValue callable = pop();
+  if (!args.is(PickleKind::Tuple)) return reject("reduce args not a tuple");
+  if (!callable.is(PickleKind::Global)) return reject("REDUCE on non-global");
+  const auto calls = [&](std::string_view module, std::string_view name) {
+    return callable.module() == module && callable.name() == name;
+  };
+  if (calls("torch._utils", "_rebuild_tensor_v2")) return rebuildTensor(args);
+  if (calls("_codecs", "encode")) return codecsEncode(args);
+  return reject("REDUCE on foreign object");
+}
+
+// args: storage, storage offset, size, stride, ...; what follows the size is ignored unchecked.
+bool PickleVM::rebuildTensor(const PickleValue& args) {
+  if (args.itemCount() < 4) return fail("_rebuild_tensor_v2 args");
+  const PickleValue parts[] = {args.item(0), args.item(2), args.item(1)};
+  if (!parts[0].is(PickleKind::Storage) || !parts[1].is(PickleKind::Tuple) || !parts[2].is(PickleKind::Int)) {
+    return fail("bad tensor args");
+  }
+  return push(PickleValue::list(PickleKind::Tensor, listOf(parts, std::size(parts))));
+}
+
+// args: bytes, encoding; the bytes stay as they are.
+bool PickleVM::codecsEncode(const PickleValue& args) {
+  if (args.itemCount() < 1 || !args.item(0).is(PickleKind::Bytes)) return fail("_codecs.encode args");
+  return push(args.item(0));
+}
+
+bool PickleVM::newObject() {
+  if (stack_.size() < 2) return fail("newobj underflow");
+  const PickleValue args = pop();
+  const PickleValue type = pop();
+  if (!args.is(PickleKind::Tuple)) return reject("newobj args not a tuple");
+  if (!type.is(PickleKind::Global)) return reject("NEWOBJ on non-global");
+  if (type.module() != "torch") return reject("NEWOBJ on foreign class");
+  // args: storage key, element count. Which class names are storages is settled by the tensor records.
+  if (args.itemCount() < 2 || !args.item(0).is(PickleKind::Str) || !args.item(1).is(PickleKind::Int)) {
+    return fail("bad storage args");
+  }
+  const PickleTexts* texts = texts_.make(args.item(0).s(), type.name(), std::string_view());
+  return push(PickleValue::text(PickleKind::Storage, texts, args.item(1).i()));
+}
+
+// ---- tensor records
+
+struct StorageClass {
+  std::string_view name;
+  DType dtype;
+};
+constexpr StorageClass kStorageClasses[] = {
+    {"FloatStorage", DType::F32},
+    {"HalfStorage", DType::F16},
+    {"BFloat16Storage", DType::BF16},
+};
+
+// One tensor as the program describes it.
+struct TensorRecord {
+  std::string_view name;
+  DType dtype = DType::F32;
+  std::uint16_t ndim = 0;
+  std::uint64_t shape[4] = {};
+  std::string_view storage;
+  std::uint64_t numel = 1;       // wrapping
+  std::uint64_t byteOffset = 0;  // wrapping
+  bool fits64 = true;            // numel and byteOffset did not wrap
+  const ZipEntry* entry = nullptr;
+};
+
+std::uint64_t elementSize(DType dtype) { return kBlockGeometry[std::size_t(dtype)].blockBytes; }
+
+Status readRecord(std::string_view name, const PickleValue& value, TensorRecord& out) {
+  if (!value.is(PickleKind::Tensor)) {
+    return unsupported("torch: state_dict contains a non-tensor python object (rejected for safety)");
+  }
+  const PickleValue& storage = value.item(0);
+  const PickleValue& size = value.item(1);
+  const std::string_view className = storage.module();
+  const auto* known = std::find_if(std::begin(kStorageClasses), std::end(kStorageClasses),
+                                   [&](const StorageClass& row) { return row.name == className; });
+  if (known == std::end(kStorageClasses)) {
+    return unsupported("torch: unsupported storage dtype '" + std::string(className) + "'");
+  }
+  out.name = name;
+  out.dtype = known->dtype;
+  out.storage = storage.s();
+  out.ndim = std::uint16_t(size.itemCount());
+  // Strides play no part: a tensor is taken as contiguous in its storage.
+  bool empty = false;
+  for (std::uint64_t k = 0; k < std::min<std::uint64_t>(out.ndim, std::size(out.shape)); ++k) {
+    out.shape[k] = std::uint64_t(size.item(k).i());  // whatever its kind
+    std::uint64_t product;
+    if (!checkedMul(out.numel, out.shape[k], product)) out.fits64 = false;
+    empty = empty || out.shape[k] == 0;
+    out.numel *= out.shape[k];
+  }
+  if (empty) out.fits64 = true;
+  const auto offset = std::uint64_t(value.item(2).i());
+  std::uint64_t ignored;
+  if (!checkedMul(offset, elementSize(out.dtype), ignored)) out.fits64 = false;
+  out.byteOffset = offset * elementSize(out.dtype);
+  return {};
+}
+
+// Measured exactly, also where the stored values wrap.
+bool liesInside(const TensorRecord& record, std::uint64_t storageBytes) {
+  std::uint64_t bytes;
+  return record.fits64 && checkedMul(record.numel, elementSize(record.dtype), bytes) &&
+         checkedAdd(bytes, record.byteOffset, bytes) && bytes <= storageBytes;
+}
+
+bool nameLess(const TensorRecord& a, const TensorRecord& b) {
+  // A key that the program pushed again from its memo is the same text at the same place.
+  const bool same = a.name.data() == b.name.data() && a.name.size() == b.name.size();
+  return !same && a.name < b.name;
+}
+
+// Looks storages up by name, each place of the program that spells one only once: a program may name one
+// storage a million times.
+class StorageEntries {
+ public:
+  explicit StorageEntries(const PyTorchImporter& importer) : importer_(importer) {}
+
+  const ZipEntry* find(std::string_view storage) {
+    const auto [known, isNew] = entries_.try_emplace(storage.data(), nullptr);
+    if (isNew) known->second = importer_.findEntry(storage);
+    return known->second;
+  }
+
+ private:
+  const PyTorchImporter& importer_;
+  std::unordered_map<const char*, const ZipEntry*> entries_;  // by where the program spells the name
+};
+
+}  // namespace
+
+Status PyTorchImporter::parsePickle() {
+  const ZipEntry* program = findEntry("data.pkl");
+  if (program == nullptr) return invalidFormat("torch: no data.pkl");
+  hasConstants_ = findEntry("constants.pkl") != nullptr;
+
+  PickleVM vm(file_.substr(program->dataOffset, program->compressedSize));
+  ZEL_RETURN_IF_ERROR(vm.value());
+  if (vm.stack().empty() || !vm.stack().back().is(PickleKind::Dict)) {
+    return corrupted("torch: pickle root is not a dict");
+  }
+
+  std::vector<TensorRecord> records;
+  for (const auto& [key, value] : vm.stack().back().dict()) {
+    ZEL_RETURN_IF_ERROR(readRecord(key, value, records.emplace_back()));
+  }
+  std::stable_sort(records.begin(), records.end(), nameLess);
+
+  StorageEntries storages(*this);
+  std::uint64_t nameBytes = 0;
+  for (TensorRecord& record : records) {
+    record.entry = storages.find(record.storage);
+    if (record.entry == nullptr) {
+      return corrupted("torch: missing storage entry '" + std::string(record.storage) + "'");
+    }
+    if (!liesInside(record, record.entry->uncompressedSize)) {
+      using Long = unsigned long long;
+      std::fprintf(stderr, "  DBG: %s numel=%llu es=%zu bo=%llu usize=%llu\n",
+                   std::string(record.name).c_str(), Long(record.numel),
+                   std::size_t(elementSize(record.dtype)), Long(record.byteOffset),
+                   Long(record.entry->uncompressedSize));
+      return corrupted("torch: tensor exceeds storage");
+    }
+    nameBytes += record.name.size();
+  }
+  // Names that the program spells out cannot be longer than itself. One long name taken from the memo a
+  // million times would be, here and in everything that copies names later: memory out of all proportion to
+  // the file is answered as the failed allocation that it would end in.
+  constexpr std::uint64_t kFreeNameBytes = 1 << 24;
+  if (nameBytes > program->compressedSize + kFreeNameBytes) throw std::bad_alloc();
+
+  tensors_.reserve(records.size());
+  for (const TensorRecord& record : records) {
+    PtTensorInfo& tensor = tensors_.emplace_back();
+    tensor.name = record.name;
+    tensor.dtype = std::uint16_t(record.dtype);
+    tensor.ndim = record.ndim;
+    std::copy(std::begin(record.shape), std::end(record.shape), tensor.shape);
+    tensor.storage = record.entry->name;
+    tensor.dataOffset = record.entry->dataOffset;
+    tensor.offset = record.byteOffset;
+    tensor.nbytes = record.numel * elementSize(record.dtype);
+  }
+  return {};
+}
+
+}  // namespace zel

@@ -1,0 +1,316 @@
+// Programs made to exhaust a stack, the memory or the time of whoever runs them.
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
+#include <initializer_list>
+#include <new>
+#include <ostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "pickle_machine.h"
+#include "readers/pytorch_importer.h"
+#include "support/pickle_builder.h"
+#include "support/status_matchers.h"
+#include "support/zip_builder.h"
+
+// ---- every byte that this executable allocates
+
+namespace {
+std::atomic<std::size_t> liveBytes{0};
+std::atomic<std::size_t> peakBytes{0};
+
+void* countedAllocation(std::size_t size) noexcept {
+  void* const p = std::malloc(size == 0 ? 1 : size);
+  if (p == nullptr) return nullptr;
+  const std::size_t live = liveBytes += malloc_usable_size(p);
+  std::size_t peak = peakBytes;
+  while (live > peak && !peakBytes.compare_exchange_weak(peak, live)) {
+  }
+  return p;
+}
+void countedRelease(void* p) noexcept {
+  if (p != nullptr) liveBytes -= malloc_usable_size(p);
+  std::free(p);
+}
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (void* const p = countedAllocation(size)) return p;
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return ::operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return countedAllocation(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return countedAllocation(size); }
+void operator delete(void* p) noexcept { countedRelease(p); }
+void operator delete[](void* p) noexcept { countedRelease(p); }
+void operator delete(void* p, std::size_t) noexcept { countedRelease(p); }
+void operator delete[](void* p, std::size_t) noexcept { countedRelease(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { countedRelease(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { countedRelease(p); }
+
+namespace zel {
+namespace {
+
+using test::IsOk;
+using test::Op;
+using test::PickleBuilder;
+using test::StatusIs;
+
+// Instrumented code is several times larger and slower; the promises are the same.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kShrink = 20;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+constexpr std::size_t kShrink = 20;
+#else
+constexpr std::size_t kShrink = 1;
+#endif
+#else
+constexpr std::size_t kShrink = 1;
+#endif
+
+// Runs `work` to its end on a thread with a stack of 256 KiB.
+void onASmallStack(const std::function<void()>& work) {
+  pthread_attr_t attributes;
+  ASSERT_EQ(pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, 256 * 1024), 0);
+  pthread_t thread;
+  const auto call = [](void* argument) -> void* {
+    (*static_cast<const std::function<void()>*>(argument))();
+    return nullptr;
+  };
+  std::function<void()> copy = work;
+  ASSERT_EQ(pthread_create(&thread, &attributes, call, &copy), 0);
+  ASSERT_EQ(pthread_join(thread, nullptr), 0);
+  ASSERT_EQ(pthread_attr_destroy(&attributes), 0);
+}
+
+// Copies of the top value by every road, one of them changed, and all thrown away by the machine's end.
+PickleBuilder copied(PickleBuilder program, std::uint8_t memoIndex = 0) {
+  program.op(Op::MEMOIZE)
+      .binget(memoIndex)
+      .op(Op::DUP)
+      .longBinget(memoIndex)
+      .ops({Op::NONE, Op::APPEND, Op::POP});
+  return program;
+}
+
+constexpr std::size_t kDepth = 10'000'000 / kShrink;
+
+void expectHarmless(const PickleBuilder& program, std::size_t stackSize) {
+  const std::string stream = program.stop();
+  onASmallStack([&] {
+    const test::PickleVerdict verdict = test::judgePickle(stream);
+    EXPECT_THAT(verdict.status, IsOk());
+    EXPECT_EQ(verdict.stackSize, stackSize);
+  });
+}
+
+TEST(PickleDepth, OfTuplesIsBuiltCopiedAndDestroyedOnASmallStack) {
+  PickleBuilder program;
+  program.op(Op::NONE).repeat(kDepth, std::string(1, char(Op::TUPLE1)));
+  expectHarmless(copied(program), 3);
+}
+
+TEST(PickleDepth, OfAppendedListsIsBuiltCopiedAndDestroyedOnASmallStack) {
+  PickleBuilder program;
+  program.repeat(kDepth + 1, std::string(1, char(Op::EMPTY_LIST)))
+      .repeat(kDepth, std::string(1, char(Op::APPEND)));
+  expectHarmless(copied(program), 3);
+}
+
+TEST(PickleDepth, OfDictsIsBuiltCopiedAndDestroyedOnASmallStack) {
+  PickleBuilder program;
+  const std::string dictAndKey = PickleBuilder().op(Op::EMPTY_DICT).binget(0).bytes();
+  program.shortBinunicode("key")
+      .ops({Op::MEMOIZE, Op::POP})
+      .repeat(kDepth, dictAndKey)
+      .op(Op::EMPTY_DICT)
+      .repeat(kDepth, std::string(1, char(Op::SETITEM)));
+  expectHarmless(copied(program, 1), 3);
+}
+
+TEST(PickleDepth, OfMarksIsClosedOnASmallStack) {
+  PickleBuilder program;
+  program.repeat(kDepth / 10, std::string(1, char(Op::MARK)))
+      .repeat(kDepth / 10, std::string(1, char(Op::LIST)));
+  expectHarmless(program, 1);
+}
+
+TEST(PickleDepth, IsHarmlessInAProgramThatFails) {
+  PickleBuilder program;
+  program.op(Op::NONE).repeat(kDepth / 10, std::string(1, char(Op::TUPLE1))).raw("t");
+  onASmallStack([&] {
+    EXPECT_THAT(test::judgePickle(program.bytes()).status,
+                StatusIs(Code::Unsupported, "torch: pickle unknown pickle opcode"));
+  });
+}
+
+// ---- memory and time in proportion to the program
+
+struct Bomb {
+  const char* name;
+  std::string head;    // run once
+  std::string period;  // repeated to the wanted length
+};
+
+void PrintTo(const Bomb& bomb, std::ostream* os) { *os << bomb.name; }
+
+std::string streamOf(const Bomb& bomb, std::size_t bytes) {
+  PickleBuilder program;
+  return program.raw(bomb.head).repeat(bytes / bomb.period.size(), bomb.period).stop();
+}
+
+class PickleBombs : public testing::TestWithParam<Bomb> {};
+
+constexpr std::size_t kLong = 1'000'000 / kShrink;
+constexpr std::size_t kShort = kLong / 10;
+
+// What one byte of program may cost: a list cell and its share of growing vectors.
+constexpr std::size_t kBytesPerByte = 256;
+// Anything quadratic costs ten times as much a byte in ten times the length.
+constexpr double kTolerance = 4;
+
+TEST_P(PickleBombs, CostMemoryInProportionToTheProgram) {
+  const std::string stream = streamOf(GetParam(), kLong);
+  const std::size_t before = liveBytes;
+  peakBytes = before;
+  EXPECT_THAT(test::judgePickle(stream).status, IsOk());
+  EXPECT_LE(peakBytes - before, stream.size() * kBytesPerByte + (1 << 20));
+  EXPECT_EQ(liveBytes, before);
+}
+
+double secondsPerByte(const std::string& stream, int runs) {
+  double best = 1e9;
+  for (int k = 0; k < runs; ++k) {
+    timespec begin{}, end{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+    const Status status = test::judgePickle(stream).status;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+    if (!status.ok()) throw std::runtime_error(status.message());
+    best = std::min(best, double(end.tv_sec - begin.tv_sec) + 1e-9 * double(end.tv_nsec - begin.tv_nsec));
+  }
+  return best / double(stream.size());
+}
+
+void expectLinearTime(const std::string& shortStream, const std::string& longStream) {
+  double ratio = 0;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    ratio = secondsPerByte(longStream, 1) / secondsPerByte(shortStream, 2);
+    if (ratio < kTolerance) break;
+  }
+  EXPECT_LT(ratio, kTolerance);
+}
+
+TEST_P(PickleBombs, CostTimeInProportionToTheProgram) {
+  expectLinearTime(streamOf(GetParam(), kShort), streamOf(GetParam(), kLong));
+}
+
+std::string ops(std::initializer_list<Op> opcodes) { return PickleBuilder().ops(opcodes).bytes(); }
+
+std::vector<Bomb> bombs() {
+  using P = PickleBuilder;
+  const std::string longText = P().binunicode(std::string(50000 / kShrink, 'x')).op(Op::MEMOIZE).bytes();
+  const std::string longList =
+      P().op(Op::EMPTY_LIST).repeat(50000 / kShrink, ops({Op::NONE, Op::APPEND})).op(Op::MEMOIZE).bytes();
+  return {
+      {"DoublingTuples", ops({Op::NONE}), ops({Op::DUP, Op::TUPLE2})},
+      {"DoublingThroughTheMemo", ops({Op::NONE}), ops({Op::MEMOIZE, Op::DUP, Op::TUPLE2})},
+      {"CopiesOfALongText", longText, ops({Op::DUP})},
+      {"CopiesOfALongTextFromTheMemo", longText, P().binget(0).bytes()},
+      {"CopiesOfALongList", longList, P().binget(0).bytes()},
+      {"MemoizingALongList", longList, ops({Op::MEMOIZE})},
+      {"AppendingAfterEveryMemoize", ops({Op::EMPTY_LIST}), ops({Op::MEMOIZE, Op::NONE, Op::APPEND})},
+      {"AppendingToEveryDuplicate", ops({Op::EMPTY_LIST}), ops({Op::DUP, Op::NONE, Op::APPEND})},
+      {"AppendingAListToItself", ops({Op::EMPTY_LIST}), ops({Op::DUP, Op::APPEND})},
+      {"ForkingALongList", longList, P().binget(0).ops({Op::NONE, Op::APPEND}).bytes()},
+      {"ForkingALongListByAppends", longList, P().binget(0).ops({Op::MARK, Op::NONE, Op::APPENDS}).bytes()},
+      {"ForkingALongText", longText, P().binget(0).ops({Op::NONE, Op::APPEND}).bytes()},
+      {"ForkingADict",
+       P().op(Op::EMPTY_DICT)
+           .binunicode(std::string(50000 / kShrink, 'x'))
+           .ops({Op::NONE, Op::SETITEM, Op::MEMOIZE})
+           .bytes(),
+       P().binget(0).shortBinunicode("k").ops({Op::NONE, Op::SETITEM}).bytes()},
+      {"OneLongKeyForManyPairs", P().raw(longText).op(Op::EMPTY_DICT).bytes(),
+       P().binget(0).ops({Op::NONE, Op::SETITEM}).bytes()},
+      {"StoragesOfOneLongKey", longText,
+       P().global("torch", "C").binget(0).binint1(1).ops({Op::TUPLE2, Op::NEWOBJ}).bytes()},
+      {"LookingForAMarkThatIsNotThere", std::string(100000 / kShrink, char(Op::NONE)), ops({Op::LIST})},
+      {"LookingForAMarkFarBelow", ops({Op::MARK}), ops({Op::NONE, Op::MARK, Op::LIST})},
+      {"MarksAndLists", "", ops({Op::MARK, Op::MARK, Op::LIST, Op::LIST})},
+      {"CopiesOfAMark", ops({Op::MARK, Op::MEMOIZE}), P().binget(0).op(Op::LIST).bytes()},
+      {"ManySmallTexts", "", P().shortBinunicode("").bytes()},
+      {"ManyNumbersInDigits", "", ops({Op::LONG}) + "L"},
+      {"ManyGlobals", "", P().global("", "").bytes()},
+      {"FramesAndProtocols", "", P().frame(1).proto(2).bytes()},
+  };
+}
+
+INSTANTIATE_TEST_SUITE_P(All, PickleBombs, testing::ValuesIn(bombs()),
+                         [](const testing::TestParamInfo<Bomb>& row) { return row.param.name; });
+
+// All of them in turn, each behind what the others left, in pieces of a thousand bytes.
+std::string everyBomb(std::size_t bytes) {
+  std::string stream;
+  while (stream.size() < bytes) {
+    for (const Bomb& bomb : bombs()) {
+      if (stream.size() < bytes / 2 && stream.size() % 7 == 0) stream += char(Op::MARK);
+      if (bomb.head.size() > 100) continue;  // the memo indices of these count from an empty memo
+      stream += streamOf(bomb, 1000);
+      stream.pop_back();
+    }
+  }
+  return stream + char(Op::STOP);
+}
+
+TEST(PickleBomb, OfTenMegabytesOfEveryKindCostsTimeAndMemoryInProportion) {
+  const std::string stream = everyBomb(10'000'000 / kShrink);
+  const std::size_t before = liveBytes;
+  peakBytes = before;
+  EXPECT_THAT(test::judgePickle(stream).status, IsOk());
+  EXPECT_LE(peakBytes - before, stream.size() * kBytesPerByte + (1 << 20));
+  expectLinearTime(everyBomb(1'000'000 / kShrink), stream);
+}
+
+// ---- whole checkpoints
+
+TEST(PyTorchBomb, OfManyTensorsOverOneLongStorageKeyCostsNoCopiesOfTheKey) {
+  const std::string key(60000, 's');
+  PickleBuilder program;
+  program.binunicode("n").op(Op::MEMOIZE).tensor({"", {1}, key}).op(Op::MEMOIZE).op(Op::EMPTY_DICT);
+  program.repeat(20000 / kShrink, PickleBuilder().binget(0).binget(1).op(Op::SETITEM).bytes());
+  const std::string bytes = test::ZipBuilder().add("data.pkl", program.stop()).add(key, "1234").build();
+  const std::size_t before = liveBytes;
+  peakBytes = before;
+  PyTorchImporter importer;
+  EXPECT_THAT(importer.openBytes(bytes), IsOk());
+  EXPECT_EQ(importer.tensors().size(), 20000 / kShrink);
+  EXPECT_LE(peakBytes - before, bytes.size() * kBytesPerByte + (1 << 20));
+}
+
+TEST(PyTorchBomb, OfOneLongNameForManyTensorsIsRefusedBeforeAnyIsCopied) {
+  const std::string name(60000, 'n');
+  PickleBuilder program;
+  program.binunicode(name).op(Op::MEMOIZE).tensor({"", {1}, "s"}).op(Op::MEMOIZE).op(Op::EMPTY_DICT);
+  program.repeat(20000, PickleBuilder().binget(0).binget(1).op(Op::SETITEM).bytes());
+  const std::string bytes = test::ZipBuilder().add("data.pkl", program.stop()).add("s", "1234").build();
+  const std::size_t before = liveBytes;
+  peakBytes = before;
+  PyTorchImporter importer;
+  EXPECT_THROW((void)importer.openBytes(bytes), std::bad_alloc);
+  EXPECT_LE(peakBytes - before, bytes.size() * kBytesPerByte + (1 << 20));
+}
+
+}  // namespace
+}  // namespace zel
