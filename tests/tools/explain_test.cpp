@@ -1,0 +1,262 @@
+// Findings that the corpus has no example of, each in the smallest directory that has it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "okv2/explain/explanation.h"
+#include "support/model_dir_builder.h"
+#include "support/zip_builder.h"
+
+namespace zel::explain {
+namespace {
+
+using test::ModelDirBuilder;
+using test::SafetensorsBuilder;
+using test::TempDir;
+
+constexpr char kLlama[] = R"({"model_type":"llama")";
+
+Explanation explained(const ModelDirBuilder& builder) {
+  const TempDir dir;
+  return explainDirectory(builder.write(dir));
+}
+
+// "subject: detail" of every finding of this kind.
+std::vector<std::string> found(const Explanation& explanation, Id id) {
+  std::vector<std::string> out;
+  for (const Finding& finding : explanation.findings) {
+    if (finding.id == id) out.push_back(finding.subject + ": " + finding.detail);
+  }
+  return out;
+}
+std::vector<std::string> found(const ModelDirBuilder& builder, Id id) {
+  return found(explained(builder), id);
+}
+
+ModelDirBuilder withConfig(const std::string& members) {
+  return ModelDirBuilder().config(std::string(kLlama) + "," + members + "}").tokenizer();
+}
+ModelDirBuilder withTokenizer(const std::string& json) { return ModelDirBuilder().tokenizer(json); }
+ModelDirBuilder withTensor(const std::string& name, const std::string& type,
+                           const std::vector<std::uint64_t>& shape) {
+  return ModelDirBuilder().tokenizer().shard("model.safetensors",
+                                             SafetensorsBuilder().tensor(name, type, shape));
+}
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+TEST(Explain, SaysNothingFatalAboutAGoodDirectory) {
+  const Explanation explanation = explained(ModelDirBuilder().tokenizer());
+  EXPECT_EQ(explanation.importCode, 0);
+  EXPECT_EQ(explanation.count(Severity::Fatal), 0U);
+  EXPECT_EQ(explanation.count(Severity::Loss), 0U);
+}
+
+TEST(ExplainConfig, NamesAFractionInAnIntegerPlace) {
+  EXPECT_THAT(found(withConfig(R"("hidden_size":4096.5)"), Id::ConfigWrongKind),
+              ElementsAre("hidden_size: config.json: $.hidden_size is 4096.5"));
+  EXPECT_THAT(found(withConfig(R"("hidden_size":4096.0)"), Id::ConfigWrongKind), IsEmpty());
+}
+
+TEST(ExplainConfig, NamesATextInANumbersPlace) {
+  EXPECT_THAT(found(withConfig(R"("rope_theta":"1e6")"), Id::ConfigWrongKind),
+              ElementsAre("rope_theta: config.json: $.rope_theta is \"1e6\""));
+}
+
+TEST(ExplainConfig, IsQuietAboutAnotherSpellingWhenTheRightOneIsThere) {
+  EXPECT_THAT(found(withConfig(R"("n_embd":8)"), Id::ConfigKeyNotRead),
+              ElementsAre("n_embd: config.json: $.n_embd is 8; $.hidden_size is read, and stays 0"));
+  EXPECT_THAT(found(withConfig(R"("n_embd":8,"hidden_size":8)"), Id::ConfigKeyNotRead), IsEmpty());
+}
+
+TEST(ExplainConfig, NamesTheKeysOfANestedObjectThatStayZero) {
+  EXPECT_THAT(found(withConfig(R"("hidden_size":8,"text_config":{"hidden_size":9,"vocab_size":4})"),
+                    Id::ConfigNested),
+              ElementsAre("text_config: config.json: $.text_config.vocab_size is 4"));
+}
+
+TEST(ExplainConfig, KnowsThatSomeKeysAreWrittenForOneArchitectureOnly) {
+  EXPECT_THAT(found(withConfig(R"("head_dim":64)"), Id::ConfigReadNotWritten),
+              ElementsAre("head_dim: config.json: $.head_dim is 64"));
+  EXPECT_THAT(
+      found(ModelDirBuilder().config(R"({"model_type":"gemma4","head_dim":64})"), Id::ConfigReadNotWritten),
+      IsEmpty());
+}
+
+TEST(ExplainConfig, NamesAHeadDimensionThatIsReplaced) {
+  EXPECT_THAT(found(withConfig(R"("head_dim":64,"key_length":128)"), Id::ConfigHeadDimOverwritten),
+              ElementsAre("head_dim: config.json: $.head_dim is 64, and $.key_length replaces it by 128"));
+}
+
+struct TokenizerFault {
+  const char* name;
+  const char* json;
+  Id id;
+  const char* detail;
+};
+
+class ExplainTokenizer : public testing::TestWithParam<TokenizerFault> {};
+
+TEST_P(ExplainTokenizer, GivesPlaceAndValueOfTheFault) {
+  EXPECT_THAT(found(withTokenizer(GetParam().json), GetParam().id),
+              ElementsAre("tokenizer.json: " + std::string(GetParam().detail)));
+}
+
+// Byte offsets counted by hand in the text.
+INSTANTIATE_TEST_SUITE_P(
+    Faults, ExplainTokenizer,
+    testing::Values(
+        TokenizerFault{"Syntax", R"({"model":})", Id::TokenizerJsonBadJson,
+                       "tokenizer.json: byte 9: json: unexpected char [hf: bad tokenizer.json]"},
+        TokenizerFault{
+            "NoModel", R"({"model":[1]})", Id::TokenizerJsonNoModel,
+            "tokenizer.json: $.model is an array, [1] (byte 9) [hf: tokenizer.json has no model object]"},
+        TokenizerFault{"AbsentModel", "{}", Id::TokenizerJsonNoModel,
+                       "tokenizer.json: $.model is absent [hf: tokenizer.json has no model object]"},
+        TokenizerFault{"ArrayVocab", R"({"model":{"type":"Unigram","vocab":[]}})", Id::TokenizerJsonNoVocab,
+                       "tokenizer.json: $.model.vocab is an array, [] (byte 35), model type Unigram [hf: "
+                       "tokenizer.json has no vocab]"},
+        TokenizerFault{"BadId", R"({"model":{"vocab":{"a":0,"b":1.5}}})", Id::TokenizerJsonBadId,
+                       "tokenizer.json: $.model.vocab[\"b\"] is a number, 1.5 (byte 29) [hf: bad vocab id]"},
+        TokenizerFault{"Gap", R"({"model":{"vocab":{"a":0,"b":2}}})", Id::TokenizerJsonIdGap,
+                       "tokenizer.json: $.model.vocab: id 1 is missing, the next one is 2 [hf: vocab ids not "
+                       "contiguous]"},
+        TokenizerFault{"Twice", R"({"model":{"vocab":{"a":0,"b":0}}})", Id::TokenizerJsonIdGap,
+                       "tokenizer.json: $.model.vocab: id 0 is given twice [hf: vocab ids not contiguous]"},
+        TokenizerFault{"Merges", R"({"model":{"vocab":{"a":0},"merges":{}}})", Id::TokenizerJsonBadMerges,
+                       "tokenizer.json: $.model.merges is an object, {} (byte 35) [hf: bad merges]"},
+        TokenizerFault{
+            "Pairs", R"({"model":{"vocab":{"a":0},"merges":["a a",["a","a"]]}})", Id::TokenizerJsonMergePairs,
+            "tokenizer.json: $.model.merges[1] is an array, [\"a\",\"a\"] (byte 42) [hf: bad merge entry]"},
+        TokenizerFault{"NumberMerge", R"({"model":{"vocab":{"a":0},"merges":[7]}})",
+                       Id::TokenizerJsonBadMerges,
+                       "tokenizer.json: $.model.merges[0] is a number, 7 (byte 36) [hf: bad merge entry]"},
+        TokenizerFault{"Added", R"({"model":{"vocab":{"a":0}},"added_tokens":1})",
+                       Id::TokenizerJsonBadAddedTokens,
+                       "tokenizer.json: $.added_tokens is a number, 1 (byte 42) [hf: bad added_tokens]"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(ExplainTokenizerFile, ThatEndsInTheMiddleIsAPartialDownload) {
+  EXPECT_THAT(found(withTokenizer(R"({"model":{"vocab":{"a)"), Id::FilePartial),
+              ElementsAre("tokenizer.json: the text ends in the middle"));
+  EXPECT_THAT(found(withTokenizer(R"({"model":})"), Id::FilePartial), IsEmpty());
+}
+
+TEST(ExplainTemplate, NamesAListOfTemplates) {
+  EXPECT_THAT(
+      found(ModelDirBuilder().tokenizer().file("tokenizer_config.json",
+                                               R"({"chat_template":[{"name":"default","template":"x"}]})"),
+            Id::TemplateList),
+      ElementsAre("tokenizer_config.json: tokenizer_config.json: $.chat_template is an array of 1 entries"));
+}
+
+TEST(ExplainTemplate, NamesTheTemplateThatIsPassedOver) {
+  const ModelDirBuilder both =
+      withConfig(R"("chat_template":"first")").file("tokenizer_config.json", R"({"chat_template":"second"})");
+  EXPECT_THAT(found(both, Id::TemplateConfigWins),
+              ElementsAre("tokenizer_config.json: $.chat_template of 6 bytes"));
+  EXPECT_EQ(explained(both).chatTemplate.source, "config.json");
+}
+
+TEST(ExplainTemplate, NamesTheJinjaFileUnlessItsTextIsKept) {
+  const auto with = [](const char* text) {
+    return ModelDirBuilder()
+        .tokenizer()
+        .file("tokenizer_config.json", R"({"chat_template":"same"})")
+        .file("chat_template.jinja", text);
+  };
+  EXPECT_THAT(found(with("other"), Id::TemplateJinjaFile), ElementsAre("chat_template.jinja: 5 bytes"));
+  EXPECT_THAT(found(with("same"), Id::TemplateJinjaFile), IsEmpty());
+}
+
+TEST(ExplainSideFiles, NamesOneThatIsNoJson) {
+  EXPECT_THAT(found(ModelDirBuilder().tokenizer().file("tokenizer_config.json", "{"), Id::SideBadJson),
+              ElementsAre("tokenizer_config.json: json: object key"));
+}
+
+TEST(ExplainTensors, NamesOneWhoseNameIsCut) {
+  const std::string name63(63, 'n'), name64(64, 'n');
+  EXPECT_THAT(found(withTensor(name63, "F32", {1}), Id::TensorNameCut), IsEmpty());
+  EXPECT_THAT(found(withTensor(name64, "F32", {1}), Id::TensorNameCut),
+              ElementsAre(name64 + ": 64 bytes, stored as " + name63));
+}
+
+TEST(ExplainTensors, NamesTwoThatAreEqualOnceCut) {
+  const std::string stem(63, 'n');
+  EXPECT_THAT(found(ModelDirBuilder().shard(
+                        "model.safetensors",
+                        SafetensorsBuilder().tensor(stem + "a", "F32", {1}).tensor(stem + "b", "F32", {1})),
+                    Id::TensorNameCollision),
+              ElementsAre(stem + ": " + stem + "a, " + stem + "b"));
+}
+
+TEST(ExplainTensors, NamesOneThatTwoShardsHold) {
+  const SafetensorsBuilder shard = SafetensorsBuilder().tensor("lm_head.weight", "F32", {1});
+  EXPECT_THAT(found(ModelDirBuilder().shard("a.safetensors", shard).shard("b.safetensors", shard),
+                    Id::TensorDuplicate),
+              ElementsAre("output.weight: in a.safetensors, b.safetensors"));
+}
+
+TEST(ExplainTensors, NamesRowsThatAFusedProjectionLoses) {
+  const std::string name = "transformer.h.0.attn.c_attn.weight";
+  EXPECT_THAT(found(withTensor(name, "F32", {6, 2}), Id::TensorFusedRemainder), IsEmpty());
+  EXPECT_THAT(found(withTensor(name, "F32", {8, 2}), Id::TensorFusedRemainder),
+              ElementsAre(name + ": 2 of 8 rows are dropped"));
+  EXPECT_THAT(found(withTensor(name, "F32", {6, 2}), Id::TensorFused), ElementsAre("1 tensor: " + name));
+}
+
+TEST(ExplainTensors, NamesAFusedProjectionWhosePartsLieSideBySide) {
+  EXPECT_THAT(found(withTensor("transformer.h.0.attn.c_attn.weight", "F32", {3, 9}), Id::TensorFusedColumns),
+              ElementsAre("transformer.h.0.attn.c_attn.weight: [3, 9] is cut into parts of 1 rows"));
+}
+
+TEST(ExplainTensors, NamesOnesThatNoTableKnows) {
+  EXPECT_THAT(found(withTensor("model.layers.3.mlp.router.weight", "F32", {1}), Id::TensorUnmapped),
+              ElementsAre("1 tensor: model.layers.3.mlp.router.weight becomes blk.3.mlp.router.weight"));
+  EXPECT_THAT(found(withTensor("model.layers.3.proj.weight", "F32", {1}), Id::TensorUnmapped), IsEmpty());
+}
+
+TEST(ExplainTensors, NamesAScalar) {
+  EXPECT_THAT(found(withTensor("s", "F32", {}), Id::TensorRefused),
+              ElementsAre("s: model.safetensors: 0 dimensions, 4 bytes"));
+}
+
+TEST(ExplainWeights, NamesAWebPageAndAPartialDownload) {
+  EXPECT_THAT(
+      found(ModelDirBuilder().noWeights().file("model.safetensors", "<html>Sign in"), Id::WeightsWebPage),
+      ElementsAre("model.safetensors: 13 bytes"));
+  std::string cut = SafetensorsBuilder().tensor("w", "F32", {2}).bytes();
+  cut.pop_back();
+  EXPECT_THAT(found(ModelDirBuilder().noWeights().file("model.safetensors", cut), Id::WeightsPartial),
+              ElementsAre("model.safetensors: " + std::to_string(cut.size()) +
+                          " bytes [safetensors: offset out of range 'w']"));
+}
+
+TEST(ExplainWeights, NamesAFileThatTheIndexDoesNot) {
+  EXPECT_THAT(found(ModelDirBuilder().file("model.safetensors.index.json",
+                                           R"({"weight_map":{"x":"other.safetensors"}})"),
+                    Id::WeightsIndexMissing),
+              ElementsAre("other.safetensors: model.safetensors.index.json names it for 1 tensors"));
+}
+
+TEST(ExplainWeights, NamesOtherFormatsAndAnAdapter) {
+  EXPECT_THAT(found(ModelDirBuilder().file("model.gguf", "x"), Id::WeightsOtherFormat),
+              ElementsAre("model.gguf: 1 bytes"));
+  EXPECT_THAT(found(ModelDirBuilder().file("adapter_config.json", "{}"), Id::WeightsAdapter),
+              ElementsAre("adapter_config.json: "));
+  EXPECT_THAT(found(ModelDirBuilder().file("pytorch_model.bin", "x"), Id::WeightsBinIgnored),
+              ElementsAre("pytorch_model.bin: "));
+  EXPECT_THAT(found(ModelDirBuilder().file("model.SafeTensors", "x"), Id::WeightsSuffixCase),
+              ElementsAre("model.SafeTensors: "));
+}
+
+TEST(ExplainWeights, SurvivesAFifo) {
+  EXPECT_THAT(found(ModelDirBuilder().noWeights().fifo("model.safetensors"), Id::FileNotRegular),
+              ElementsAre("model.safetensors: "));
+}
+
+}  // namespace
+}  // namespace zel::explain

@@ -1,0 +1,29 @@
+// Containers in words: what list, diff and the HTML page share.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "okv2/container_file.h"
+#include "okv2/container_reader.h"
+
+namespace zel::tool {
+
+// kExitOk, or the code to leave with; the complaint, or the failure document of `command`, has been made.
+[[nodiscard]] int openContainer(bool json, const char* command, const std::string& path, ContainerFile& file);
+
+// Opens and decodes. A container that cannot be decoded gives kExitBadContainer and its findings on stderr.
+[[nodiscard]] int readContainer(bool json, const char* command, const std::string& path, ContainerFile& file,
+                                ContainerView& view);
+
+// One line each on standard error.
+void printFindings(const std::string& path, const Findings& findings);
+
+// The type's name and the value, escaped and cut.
+[[nodiscard]] std::pair<const char*, std::string> describe(const MetaView& item);
+
+// "[2, 3]"
+[[nodiscard]] std::string shapeText(const TensorView& tensor);
+
+}  // namespace zel::tool

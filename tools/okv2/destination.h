@@ -1,0 +1,13 @@
+// Which output files an import may create or replace.
+#pragma once
+
+#include <string>
+
+namespace zel::tool {
+
+// Empty when `file` may be written by an import of `directory`, else a sentence that says why not. An
+// existing regular file or symbolic link may only be replaced with `force`; a directory, a FIFO or another
+// special file, and a file that the import reads (through whatever link), never.
+[[nodiscard]] std::string whyRefused(const std::string& directory, const std::string& file, bool force);
+
+}  // namespace zel::tool

@@ -1,0 +1,224 @@
+// config.json: which keys are read, which look as if they should be, and what becomes of them.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
+#include "hf/json_parser.h"
+#include "hf/read_file.h"
+#include "okv2/explain/steps.h"
+
+namespace zel::explain {
+namespace {
+
+using json::Kind;
+using json::Value;
+
+enum class Use { Everywhere, Gemma4Only };
+
+struct ReadKey {
+  const char* key;
+  Kind kind;
+  bool integral;
+  Use use;
+  const char* field;  // the metadata item
+};
+constexpr ReadKey kReadKeys[] = {
+    {"hidden_size", Kind::Number, true, Use::Everywhere, "model.hidden_size"},
+    {"num_hidden_layers", Kind::Number, true, Use::Everywhere, "model.num_layers"},
+    {"num_attention_heads", Kind::Number, true, Use::Everywhere, "model.num_heads"},
+    {"num_key_value_heads", Kind::Number, true, Use::Everywhere, "model.num_kv_heads"},
+    {"intermediate_size", Kind::Number, true, Use::Everywhere, "model.intermediate_size"},
+    {"vocab_size", Kind::Number, true, Use::Everywhere, "model.vocab_size"},
+    {"max_position_embeddings", Kind::Number, true, Use::Everywhere, "model.context_length"},
+    {"rope_theta", Kind::Number, false, Use::Everywhere, "model.rope_theta"},
+    {"rms_norm_eps", Kind::Number, false, Use::Everywhere, "model.rms_norm_eps"},
+    {"final_logit_softcapping", Kind::Number, false, Use::Gemma4Only, "gemma4.final_logit_softcapping"},
+    {"attn_logit_softcapping", Kind::Number, false, Use::Gemma4Only, "gemma4.final_logit_softcapping"},
+    {"head_dim", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.key_length"},
+    {"key_length", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.key_length"},
+    {"key_length_swa", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.key_length_swa"},
+    {"embedding_length_per_layer_input", Kind::Number, true, Use::Gemma4Only,
+     "gemma4.embedding_length_per_layer_input"},
+    {"shared_kv_layers", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.shared_kv_layers"},
+    {"sliding_window", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.sliding_window"},
+    {"swa_pattern", Kind::Array, false, Use::Gemma4Only, "gemma4.swa_pattern"},
+};
+
+// Spellings of other architectures and the key that is read instead.
+struct OtherSpelling {
+  const char* key;
+  const char* read;
+};
+constexpr OtherSpelling kOtherSpellings[] = {
+    {"n_embd", "hidden_size"},
+    {"n_embed", "hidden_size"},
+    {"d_model", "hidden_size"},
+    {"dim", "hidden_size"},
+    {"hidden_dim", "hidden_size"},
+    {"n_layer", "num_hidden_layers"},
+    {"n_layers", "num_hidden_layers"},
+    {"num_layers", "num_hidden_layers"},
+    {"n_head", "num_attention_heads"},
+    {"n_heads", "num_attention_heads"},
+    {"num_heads", "num_attention_heads"},
+    {"decoder_attention_heads", "num_attention_heads"},
+    {"encoder_attention_heads", "num_attention_heads"},
+    {"n_head_kv", "num_key_value_heads"},
+    {"n_kv_heads", "num_key_value_heads"},
+    {"num_kv_heads", "num_key_value_heads"},
+    {"multi_query_group_num", "num_key_value_heads"},
+    {"n_inner", "intermediate_size"},
+    {"d_ff", "intermediate_size"},
+    {"ffn_dim", "intermediate_size"},
+    {"ffn_hidden_size", "intermediate_size"},
+    {"decoder_ffn_dim", "intermediate_size"},
+    {"encoder_ffn_dim", "intermediate_size"},
+    {"n_positions", "max_position_embeddings"},
+    {"n_ctx", "max_position_embeddings"},
+    {"seq_length", "max_position_embeddings"},
+    {"max_seq_len", "max_position_embeddings"},
+    {"max_sequence_length", "max_position_embeddings"},
+    {"padded_vocab_size", "vocab_size"},
+    {"n_vocab", "vocab_size"},
+    {"rotary_emb_base", "rope_theta"},
+    {"rope_base", "rope_theta"},
+    {"layer_norm_eps", "rms_norm_eps"},
+    {"layer_norm_epsilon", "rms_norm_eps"},
+    {"layernorm_epsilon", "rms_norm_eps"},
+    {"norm_epsilon", "rms_norm_eps"},
+    {"norm_eps", "rms_norm_eps"},
+};
+
+constexpr const char* kNestedObjects[] = {
+    "text_config",    "text_config_dict", "llm_config",    "language_config", "decoder",
+    "thinker_config", "encoder",          "vision_config", "audio_config",
+};
+
+bool isGiven(const Value* value) { return value != nullptr && value->kind != Kind::Null; }
+
+// Whether the field that `key` fills ends up with something in it.
+bool fillsField(const Value& config, std::string_view key) {
+  const Value* value = config.get(std::string(key).c_str());
+  return value != nullptr && value->isNumber() && value->number != 0;
+}
+
+void usedKeys(const Value& config, bool isGemma4, Explanation& out) {
+  const auto text = [&](const char* key, const char* field) {
+    if (const Value* value = config.get(key); isGiven(value)) {
+      out.config.push_back({key, shortJson(*value), field});
+    }
+  };
+  text("model_type", "general.architecture");
+  if (const Value* type = config.get("model_type"); type == nullptr || !type->isString()) {
+    text("architectures", "general.architecture");
+  }
+  text("_name_or_path", "general.name");
+  for (const ReadKey& row : kReadKeys) {
+    const Value* value = config.get(row.key);
+    if (!isGiven(value)) continue;
+    std::int64_t integer = 0;
+    const bool good = value->kind == row.kind && (!row.integral || json::toInt64(value->number, integer));
+    if (!good) {
+      out.add(Id::ConfigWrongKind, row.key,
+              fmt::format("config.json: $.{} is {}", row.key, shortJson(*value)));
+    }
+    const bool written = row.use == Use::Everywhere || isGemma4;
+    out.config.push_back({row.key, shortJson(*value), written ? row.field : "not written"});
+    if (good && !written) {
+      out.add(Id::ConfigReadNotWritten, row.key,
+              fmt::format("config.json: $.{} is {}", row.key, shortJson(*value)));
+    }
+  }
+  for (const char* key : {"bos_token_id", "eos_token_id", "unk_token_id", "pad_token_id", "chat_template"}) {
+    text(key, out.tokenizer.tokens > 0 ? "tokenizer" : "not written: the tokenizer is empty");
+  }
+}
+
+void otherSpellings(const Value& config, Explanation& out) {
+  for (const OtherSpelling& row : kOtherSpellings) {
+    const Value* value = config.get(row.key);
+    if (!isGiven(value) || fillsField(config, row.read)) continue;
+    out.add(Id::ConfigKeyNotRead, row.key,
+            fmt::format("config.json: $.{} is {}; $.{} is read, and stays 0", row.key, shortJson(*value),
+                        row.read));
+  }
+}
+
+void nestedObjects(const Value& config, Explanation& out) {
+  for (const char* name : kNestedObjects) {
+    const Value* nested = config.get(name);
+    if (nested == nullptr || !nested->isObject()) continue;
+    std::string lost;
+    for (const ReadKey& row : kReadKeys) {
+      const Value* value = nested->get(row.key);
+      if (!isGiven(value) || fillsField(config, row.key)) continue;
+      lost += fmt::format("{}$.{}.{} is {}", lost.empty() ? "" : ", ", name, row.key, shortJson(*value));
+    }
+    if (!lost.empty()) out.add(Id::ConfigNested, name, "config.json: " + lost);
+  }
+}
+
+void unreadSettings(const Value& config, Explanation& out) {
+  for (const char* key : {"rope_scaling", "rope_parameters"}) {
+    if (const Value* value = config.get(key); isGiven(value)) {
+      out.add(Id::ConfigRopeScaling, key, fmt::format("config.json: $.{} is {}", key, shortJson(*value)));
+    }
+  }
+  for (const char* key : {"quantization_config", "compression_config"}) {
+    if (const Value* value = config.get(key); isGiven(value)) {
+      out.add(Id::ConfigQuantization, key, fmt::format("config.json: $.{} is {}", key, shortJson(*value)));
+    }
+  }
+  if (const Value* eos = config.get("eos_token_id");
+      eos != nullptr && eos->isArray() && (eos->items.size() != 1 || !eos->items[0].isNumber())) {
+    out.add(Id::ConfigEosList, "eos_token_id", "config.json: $.eos_token_id is " + shortJson(*eos));
+  }
+  const auto both = [&](Id id, const char* lost, const char* kept) {
+    const Value* first = config.get(lost);
+    const Value* second = config.get(kept);
+    if (first == nullptr || second == nullptr || !first->isNumber() || !second->isNumber() ||
+        first->number == second->number)
+      return;
+    out.add(id, lost,
+            fmt::format("config.json: $.{} is {}, and $.{} replaces it by {}", lost, shortJson(*first), kept,
+                        shortJson(*second)));
+  };
+  both(Id::ConfigSoftcapOverwritten, "final_logit_softcapping", "attn_logit_softcapping");
+  both(Id::ConfigHeadDimOverwritten, "head_dim", "key_length");
+}
+
+// Where the JSON of config.json breaks off.
+std::string jsonFault(const std::string& path) {
+  std::vector<std::uint8_t> bytes;
+  if (!readFile(path, bytes)) return "";
+  json::detail::Parser parser(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  if (parser.skip(0) && parser.finish()) return "";
+  return fmt::format("byte {}: {}", bytes.size() - parser.remaining(), parser.status().message());
+}
+
+}  // namespace
+
+void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
+  const std::string& message = plan.status.message();
+  const std::string path = directory.pathOf("config.json");
+  if (message == "hf: no config.json in directory") {
+    out.add(Id::ConfigMissing, "config.json");
+  } else if (message == "hf: bad config.json") {
+    out.add(Id::ConfigBadJson, "config.json", jsonFault(path));
+  } else if (message == "hf: config.json not an object") {
+    out.add(Id::ConfigNotObject, "config.json", std::string("$ is ") + kindName(plan.model.config.kind));
+  } else if (message == "hf: config.json has no model_type") {
+    out.add(Id::ConfigNoModelType, "config.json");
+  }
+  if (!plan.model.hasConfig) return;
+  out.architecture = plan.model.arch;
+  out.vocabSize = static_cast<std::uint64_t>(plan.model.vocabSize);
+  usedKeys(plan.model.config, plan.model.arch == "gemma4", out);
+  otherSpellings(plan.model.config, out);
+  nestedObjects(plan.model.config, out);
+  unreadSettings(plan.model.config, out);
+}
+
+}  // namespace zel::explain

@@ -1,0 +1,186 @@
+// The tokenizer and the chat template: which file won, and why the other did not.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "hf/read_file.h"
+#include "okv2/explain/steps.h"
+#include "okv2/explain/tokenizer_walk.h"
+
+namespace zel::explain {
+namespace {
+
+constexpr char kJson[] = "tokenizer.json";
+constexpr char kModel[] = "tokenizer.model";
+
+// Empty when the file counts as unreadable.
+std::string contentOf(const std::string& path) {
+  std::vector<std::uint8_t> bytes;
+  if (!readFile(path, bytes)) return {};
+  return {bytes.begin(), bytes.end()};
+}
+
+std::string at(const Place& place) {
+  return fmt::format("{}: {} is {}, {} (byte {})", kJson, place.path, place.kind, place.value, place.offset);
+}
+
+void refusedJson(const std::string& message, const TokenizerJsonWalk& walk, Explanation& out) {
+  const std::string because = fmt::format(" [{}]", message);
+  const auto add = [&](Id id, const std::string& detail) { out.add(id, kJson, detail + because); };
+  if (message == "hf: bad tokenizer.json") {
+    add(Id::TokenizerJsonBadJson, fmt::format("{}: byte {}: {}", kJson, walk.syntaxOffset, walk.syntaxError));
+    if (walk.cutShort) out.add(Id::FilePartial, kJson, "the text ends in the middle");
+  } else if (message == "hf: tokenizer.json has no model object") {
+    add(Id::TokenizerJsonNoModel, walk.model ? at(*walk.model) : "tokenizer.json: $.model is absent");
+  } else if (message == "hf: tokenizer.json has no vocab") {
+    add(Id::TokenizerJsonNoVocab,
+        (walk.vocab ? at(*walk.vocab) : std::string("tokenizer.json: $.model.vocab is absent")) +
+            (walk.modelType.empty() ? "" : ", model type " + walk.modelType));
+  } else if (message == "hf: bad vocab id" && walk.badId) {
+    add(Id::TokenizerJsonBadId, at(*walk.badId));
+  } else if (message == "hf: vocab ids not contiguous") {
+    add(Id::TokenizerJsonIdGap, "tokenizer.json: $.model.vocab: " + walk.idFault);
+  } else if (message == "hf: bad merges" && walk.merges) {
+    add(Id::TokenizerJsonBadMerges, at(*walk.merges));
+  } else if (message == "hf: bad merge entry" && walk.badMerge) {
+    add(walk.badMerge->kind == kindName(json::Kind::Array) ? Id::TokenizerJsonMergePairs
+                                                           : Id::TokenizerJsonBadMerges,
+        at(*walk.badMerge));
+  } else if (message == "hf: bad added_tokens" && walk.addedTokens) {
+    add(Id::TokenizerJsonBadAddedTokens, at(*walk.addedTokens));
+  }
+}
+
+void addedTokens(const TokenizerJsonWalk& walk, Explanation& out) {
+  out.tokenizer.addedTokens = walk.addedIds.size();
+  std::string first;
+  for (std::size_t k = 0; k < walk.addedIds.size(); ++k) {
+    const std::int64_t id = walk.addedIds[k];
+    if (id >= 0 && static_cast<std::uint64_t>(id) < out.tokenizer.tokens) continue;
+    if (out.tokenizer.addedOutside++ == 0) first = fmt::format("\"{}\" with id {}", walk.addedTexts[k], id);
+  }
+  if (out.tokenizer.addedOutside == 0) return;
+  out.add(Id::TokenizerAddedOutside, kJson,
+          fmt::format("{} of {} added tokens lie outside the {} tokens of $.model.vocab, the first is {}",
+                      out.tokenizer.addedOutside, out.tokenizer.addedTokens, out.tokenizer.tokens, first));
+}
+
+void specialIds(const TokenizerData& data, Explanation& out) {
+  const std::pair<const char*, std::int32_t> ids[] = {
+      {"bos", data.bosId}, {"eos", data.eosId}, {"unk", data.unkId}, {"pad", data.padId}};
+  for (const auto& [name, id] : ids) {
+    if (id >= -1 && id < static_cast<std::int64_t>(data.tokens.size())) continue;
+    out.add(Id::TokenizerSpecialIdOutside, name,
+            fmt::format("{} id {} with {} tokens", name, id, data.tokens.size()));
+  }
+}
+
+// True when tokenizer.json is the tokenizer.
+bool explainJson(const Directory& directory, const json::Value& config, Explanation& out) {
+  const std::string text = contentOf(directory.pathOf(kJson));
+  if (text.empty()) return false;
+  const TokenizerJsonWalk walk = walkTokenizerJson(text);
+  TokenizerData data;
+  if (const Status status = readTokenizerJson(text, config, data); !status.ok()) {
+    refusedJson(status.message(), walk, out);
+    return false;
+  }
+  out.tokenizer.winner = kJson;
+  addedTokens(walk, out);
+  if (!walk.ignoredParts.empty()) out.add(Id::TokenizerJsonPartsIgnored, kJson, walk.ignoredParts);
+  return true;
+}
+
+void explainModel(const Directory& directory, const json::Value& config, Explanation& out) {
+  const std::string bytes = contentOf(directory.pathOf(kModel));
+  if (bytes.empty()) return;
+  TokenizerData data;
+  if (const Status status = readTokenizerModel(bytes, config, data); !status.ok()) {
+    out.add(isTiktoken(bytes) ? Id::TokenizerModelTiktoken : Id::TokenizerModelRefused, kModel,
+            "tokenizer.model: " + status.message());
+    return;
+  }
+  out.tokenizer.winner = kModel;
+  std::uint64_t pieces = 0;
+  if (!hasUsualFieldNumbers(bytes, pieces)) return;
+  out.add(Id::TokenizerModelFieldNumbers, kModel,
+          fmt::format("{} pieces in field 1 give {} token{}{}", pieces, data.tokens.size(),
+                      data.tokens.size() == 1 ? "" : "s",
+                      data.tokens.empty() ? "" : fmt::format(", the first is \"{}\"", data.tokens[0])));
+}
+
+}  // namespace
+
+void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
+  const TokenizerData& data = plan.model.tokenizer;
+  TokenizerUse& use = out.tokenizer;
+  use.tokens = data.tokens.size();
+  use.scores = data.scores.size();
+  use.merges = data.merges.size();
+  use.special = static_cast<std::uint64_t>(std::count(data.types.begin(), data.types.end(), 3));
+  use.bos = data.bosId, use.eos = data.eosId, use.unk = data.unkId, use.pad = data.padId;
+  const bool jsonWon = explainJson(directory, plan.model.config, out);
+  if (jsonWon) {
+    if (directory.has(kModel)) out.add(Id::TokenizerModelIgnored, kModel);
+  } else {
+    explainModel(directory, plan.model.config, out);
+  }
+  if (!directory.has(kJson) && !directory.has(kModel)) out.add(Id::TokenizerNone, kJson);
+  if (use.tokens == 0) {
+    out.add(
+        Id::TokenizerEmpty, use.winner.empty() ? kJson : use.winner,
+        use.winner.empty() ? "neither tokenizer.json nor tokenizer.model could be read" : "it has no token");
+    return;
+  }
+  specialIds(data, out);
+  if (out.vocabSize != use.tokens) {
+    out.add(Id::TokenizerVocabSize, "vocab_size",
+            fmt::format("vocab_size is {}, the vocabulary has {} tokens", out.vocabSize, use.tokens));
+  }
+  if (use.scores != 0 && use.scores != use.tokens) {
+    out.add(Id::TokenizerScoreCount, use.winner, fmt::format("{} scores, {} tokens", use.scores, use.tokens));
+  }
+}
+
+void explainTemplate(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
+  const json::Value* inConfig = plan.model.config.get("chat_template");
+  const bool configHasText = inConfig != nullptr && inConfig->isString() && !inConfig->text.empty();
+  json::Value side;
+  const std::string sideText = contentOf(directory.pathOf("tokenizer_config.json"));
+  if (!sideText.empty()) {
+    const Status status = json::parse(sideText.data(), sideText.size(), side);
+    if (!status.ok() || !side.isObject()) {
+      out.add(Id::SideBadJson, "tokenizer_config.json",
+              status.ok() ? std::string("$ is ") + kindName(side.kind) : status.message());
+      side = json::Value();
+    }
+  }
+  const json::Value* inSide = side.get("chat_template");
+  const std::string& kept = plan.model.tokenizer.chatTemplate;
+  // config.json's template is taken by the tokenizer readers only.
+  const bool fromConfig = configHasText && !out.tokenizer.winner.empty();
+  if (!kept.empty()) out.chatTemplate.source = fromConfig ? "config.json" : "tokenizer_config.json";
+  out.chatTemplate.bytes = kept.size();
+  out.chatTemplate.stored = !kept.empty() && out.tokenizer.tokens > 0;
+  for (const auto& [value, file] : {std::pair(inConfig, "config.json"), {inSide, "tokenizer_config.json"}}) {
+    if (value == nullptr || value->isString() || value->kind == json::Kind::Null) continue;
+    out.add(value->isArray() ? Id::TemplateList : Id::TemplateNotText, file,
+            fmt::format("{}: $.chat_template is {} of {} entries", file, kindName(value->kind),
+                        value->items.size() + value->members.size()));
+  }
+  if (fromConfig && inSide != nullptr && inSide->isString() && inSide->text != kept) {
+    out.add(Id::TemplateConfigWins, "tokenizer_config.json",
+            fmt::format("$.chat_template of {} bytes", inSide->text.size()));
+  }
+  if (directory.has("chat_template.jinja") && contentOf(directory.pathOf("chat_template.jinja")) != kept) {
+    out.add(Id::TemplateJinjaFile, "chat_template.jinja",
+            fmt::format("{} bytes", directory.files.at("chat_template.jinja").bytes));
+  }
+  if (!out.chatTemplate.stored && (!kept.empty() || configHasText)) {
+    out.add(Id::TemplateDropped, kept.empty() || fromConfig ? "config.json" : out.chatTemplate.source,
+            fmt::format("$.chat_template of {} bytes", kept.empty() ? inConfig->text.size() : kept.size()));
+  }
+}
+
+}  // namespace zel::explain

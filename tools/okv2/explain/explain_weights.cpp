@@ -1,0 +1,273 @@
+// The weight files and their tensors.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string_view>
+
+#include "convert/name_mapping.h"
+#include "hf/read_file.h"
+#include "okv2/explain/steps.h"
+#include "okv2/plan/mapped_weights.h"
+#include "okv2/plan/weight_files.h"
+
+namespace zel::explain {
+namespace {
+
+using plan::MappedWeights;
+
+constexpr std::size_t kStoredNameBytes = 63;
+constexpr std::size_t kListed = 3;  // names given in a finding that stands for many tensors
+
+const char* typeName(DType dtype) {
+  switch (dtype) {
+    case DType::F32: return "F32";
+    case DType::F16: return "F16";
+    case DType::BF16: return "BF16";
+    case DType::Q4_K: return "Q4_K";
+    case DType::Q5_K: return "Q5_K";
+    case DType::Q6_K: return "Q6_K";
+    case DType::Block32x18:
+    case DType::Block32x34:
+    case DType::Block256x290: break;
+  }
+  return "other";
+}
+
+// One finding for all the tensors to which it applies.
+class Group {
+ public:
+  void add(const std::string& text) {
+    if (count_++ < kListed) text_ += (text_.empty() ? "" : "; ") + text;
+  }
+  void report(Id id, Explanation& out) const {
+    if (count_ == 0) return;
+    const std::string more = count_ > kListed ? fmt::format("; {} more", count_ - kListed) : "";
+    out.add(id, fmt::format("{} tensor{}", count_, count_ == 1 ? "" : "s"), text_ + more);
+  }
+
+ private:
+  std::size_t count_ = 0;
+  std::string text_;
+};
+
+// What the tensors of all files give rise to.
+class Tensors {
+ public:
+  Tensors(const std::string& architecture, Explanation& out) : architecture_(architecture), out_(out) {}
+
+  void addFile(const std::string& file, const MappedWeights& source) {
+    for (std::size_t i = 0; i < source.count(); ++i) {
+      WeightTensor tensor;
+      if (source.tensorAt(i, tensor)) {
+        add(file, tensor);
+      } else if (source.nameAt(i) != nullptr) {
+        out_.add(Id::TensorOutside, file, *source.nameAt(i));
+      }
+    }
+  }
+
+  void report() {
+    unmapped_.report(Id::TensorUnmapped, out_);
+    fused_.report(Id::TensorFused, out_);
+    for (const auto& [type, use] : types_)
+      out_.types.push_back(use);
+    for (const auto& [cutName, names] : stored_) {
+      if (names.size() < 2) continue;
+      std::string list;
+      for (const auto& [name, files] : names)
+        list += (list.empty() ? "" : ", ") + name;
+      out_.add(Id::TensorNameCollision, cutName, list);
+    }
+    for (const auto& [cutName, names] : stored_) {
+      for (const auto& [name, files] : names) {
+        if (files.size() < 2) continue;
+        std::string list;
+        for (const std::string& file : files)
+          list += (list.empty() ? "" : ", ") + file;
+        out_.add(Id::TensorDuplicate, name, "in " + list);
+      }
+    }
+  }
+
+ private:
+  void add(const std::string& file, const WeightTensor& tensor) {
+    const auto code = kBlockGeometry[static_cast<std::size_t>(tensor.dtype)].containerCode;
+    TypeUse& use = types_[typeName(tensor.dtype)];
+    use.type = typeName(tensor.dtype);
+    use.code = code;
+    ++use.tensors;
+    if (code == 0 && tensor.dtype != DType::F32) out_.add(Id::TensorTypeCodeZero, tensor.name, use.type);
+    const adapter::MappedName mapped = adapter::toOkvName(architecture_, tensor.name);
+    if (!mapped.ok) {
+      out_.add(Id::TensorUnnamed, file);
+      return;
+    }
+    if (tensor.ndim == 0 || tensor.ndim > 4 || tensor.nbytes == 0) {
+      out_.add(Id::TensorRefused, tensor.name,
+               fmt::format("{}: {} dimensions, {} bytes", file, tensor.ndim, tensor.nbytes));
+      return;
+    }
+    if (!mapped.slices.empty()) {
+      addFused(tensor);
+      for (const adapter::Slice& slice : mapped.slices)
+        addName(file, slice.name);
+      return;
+    }
+    addName(file, mapped.name);
+    // A layer's number is translated even where the rest of the name is not.
+    if (mapped.name == tensor.name || endsAlike(mapped.name, tensor.name)) {
+      unmapped_.add(mapped.name == tensor.name ? tensor.name : tensor.name + " becomes " + mapped.name);
+    }
+  }
+
+  // "blk.0.x.y" from "model.layers.0.x.y", where x.y is in no table.
+  static bool endsAlike(const std::string& mapped, const std::string& source) {
+    const std::size_t dot = mapped.find('.', mapped.find('.') + 1);
+    if (mapped.compare(0, 4, "blk.") != 0 || dot == std::string::npos) return false;
+    const std::string suffix = mapped.substr(dot + 1);
+    // These suffixes are in the table, and stay as they are.
+    for (const std::string_view known :
+         {"post_norm.weight", "inp_gate.weight", "proj.weight", "layer_output_scale.weight"}) {
+      if (suffix == known) return false;
+    }
+    return source.size() > suffix.size() && source.substr(source.size() - suffix.size() - 1) == "." + suffix;
+  }
+
+  void addFused(const WeightTensor& tensor) {
+    fused_.add(tensor.name);
+    const bool inBlocks = kBlockGeometry[static_cast<std::size_t>(tensor.dtype)].splitUnit >= 144;
+    const std::uint64_t rows = tensor.dims[0] / 3;
+    const std::uint64_t kept = inBlocks ? rows / 256 * 256 : rows;
+    if (tensor.ndim == 2 && tensor.dims[1] == 3 * tensor.dims[0]) {
+      out_.add(Id::TensorFusedColumns, tensor.name,
+               fmt::format("[{}, {}] is cut into parts of {} rows", tensor.dims[0], tensor.dims[1], rows));
+    }
+    if (3 * kept != tensor.dims[0]) {
+      out_.add(Id::TensorFusedRemainder, tensor.name,
+               fmt::format("{} of {} rows are dropped", tensor.dims[0] - 3 * kept, tensor.dims[0]));
+    }
+  }
+
+  void addName(const std::string& file, const std::string& name) {
+    const std::size_t nul = name.find('\0');
+    if (nul != std::string::npos) out_.add(Id::TensorNameNul, name, fmt::format("zero byte at {}", nul));
+    const std::string whole = name.substr(0, nul);
+    const std::string cut = whole.substr(0, kStoredNameBytes);
+    if (cut.size() != whole.size()) {
+      out_.add(Id::TensorNameCut, whole, fmt::format("{} bytes, stored as {}", whole.size(), cut));
+    }
+    stored_[cut][whole].push_back(file);
+  }
+
+  std::string architecture_;
+  Explanation& out_;
+  Group unmapped_, fused_;
+  std::map<std::string, TypeUse> types_;
+  // Name as stored, then whole name, then the files it comes from.
+  std::map<std::string, std::map<std::string, std::vector<std::string>>> stored_;
+};
+
+Id pytorchId(const std::string& message, std::string_view head) {
+  if (message == "torch: no data.pkl") return Id::PytorchFolder;
+  if (message.find("compression") != std::string::npos) return Id::PytorchDeflated;
+  if (message.find("unsupported storage dtype") != std::string::npos) return Id::PytorchStorageType;
+  if (message.find("torch: pickle") == 0 || message.find("state_dict") != std::string::npos)
+    return Id::PytorchPickle;
+  // A pickle begins with the opcode PROTO: the format before zip archives is a row of pickles.
+  if (message == "torch: no EOCD" && !head.empty() && head[0] == '\x80') return Id::PytorchLegacy;
+  return Id::WeightsRefused;
+}
+
+// A file that its reader refuses; what disguises it has been reported before.
+void reportRefusal(const Directory& directory, const std::string& name, MappedWeights::Format format,
+                   const Status& status, Explanation& out) {
+  const FileLook& look = directory.files.at(name);
+  const std::string& message = status.message();
+  if (look.disguise != Disguise::None && look.disguise != Disguise::Empty &&
+      look.disguise != Disguise::NotRegular) {
+    return;
+  }
+  if (endsEarly(directory.pathOf(name), look)) {
+    out.add(Id::WeightsPartial, name, fmt::format("{} bytes [{}]", look.bytes, message));
+  } else if (format == MappedWeights::Format::PyTorch) {
+    out.add(pytorchId(message, look.head), name, message);
+  } else {
+    const bool type = message.find("safetensors: unsupported dtype") == 0;
+    out.add(type ? Id::WeightsType : Id::WeightsRefused, name, message);
+  }
+}
+
+// Shards that an index file names and the directory lacks, and the other way round.
+void compareWithIndex(const Directory& directory, const std::string& indexName, Explanation& out) {
+  std::vector<std::uint8_t> bytes;
+  json::Value index;
+  if (!directory.has(indexName) || !readFile(directory.pathOf(indexName), bytes)) return;
+  if (!json::parse(reinterpret_cast<const char*>(bytes.data()), bytes.size(), index).ok()) return;
+  const json::Value* map = index.get("weight_map");
+  if (map == nullptr || !map->isObject()) return;
+  std::map<std::string, std::size_t> named;
+  for (const auto& [tensor, file] : map->members)
+    ++named[file.str()];
+  for (const auto& [file, tensors] : named) {
+    if (!directory.has(file)) {
+      out.add(Id::WeightsIndexMissing, file, fmt::format("{} names it for {} tensors", indexName, tensors));
+    }
+  }
+  for (const auto& [name, look] : directory.files) {
+    if (plan::isSafetensorsName(name) && named.count(name) == 0 &&
+        indexName == "model.safetensors.index.json") {
+      out.add(Id::WeightsIndexUnlisted, name, indexName);
+    }
+  }
+}
+
+void noWeights(const Directory& directory, Explanation& out) {
+  std::string shards;
+  std::size_t count = 0;
+  for (const auto& [name, look] : directory.files) {
+    if (name.compare(0, 14, "pytorch_model-") != 0) continue;
+    if (count++ == 0) shards = name;
+  }
+  if (count > 0) {
+    out.add(Id::WeightsShardedBin, shards, fmt::format("{} files of this kind", count));
+  } else {
+    out.add(Id::WeightsNone, out.directory);
+  }
+}
+
+}  // namespace
+
+void explainWeights(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
+  compareWithIndex(directory, "model.safetensors.index.json", out);
+  compareWithIndex(directory, "pytorch_model.bin.index.json", out);
+  plan::WeightFiles files;
+  if (const Status status = plan::findWeightFiles(directory.path, files); !status.ok()) {
+    if (status.code() == Code::IOError) {
+      out.add(Id::DirectoryUnreadable, out.directory);
+    } else {
+      noWeights(directory, out);
+    }
+    return;
+  }
+  if (directory.has("adapter_config.json")) out.add(Id::WeightsAdapter, "adapter_config.json");
+  Tensors tensors(plan.model.arch, out);
+  bool allOpened = true;
+  std::size_t count = 0;
+  for (const std::string& name : files.names) {
+    MappedWeights source;
+    if (const Status status = source.open(directory.pathOf(name), files.format); !status.ok()) {
+      if (directory.has(name)) reportRefusal(directory, name, files.format, status, out);
+      allOpened = false;
+      continue;
+    }
+    count += source.count();
+    tensors.addFile(name, source);
+  }
+  tensors.report();
+  if (allOpened && count == 0) out.add(Id::WeightsNoTensors, files.names.front());
+}
+
+}  // namespace zel::explain

@@ -1,0 +1,35 @@
+// The steps of explainDirectory(), one for each concern. Each adds to the explanation.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "okv2/explain/disguise.h"
+#include "okv2/explain/explanation.h"
+#include "okv2/plan/import_plan.h"
+
+namespace zel::explain {
+
+// The directory, and how its entries look.
+struct Directory {
+  std::string path;
+  std::map<std::string, FileLook> files;  // by name; folders included
+
+  [[nodiscard]] bool has(const std::string& name) const { return files.count(name) != 0; }
+  [[nodiscard]] std::string pathOf(const std::string& name) const { return path + "/" + name; }
+};
+
+void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+void explainTemplate(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+void explainFiles(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+void explainWeights(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+
+// A JSON value as one line of at most about `maxBytes` bytes.
+[[nodiscard]] std::string shortJson(const json::Value& value, std::size_t maxBytes = 60);
+
+// "a text", "an array" and so on.
+[[nodiscard]] const char* kindName(json::Kind kind);
+
+}  // namespace zel::explain

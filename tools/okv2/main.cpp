@@ -1,0 +1,181 @@
+// okv2: turns model directories into OKV2 containers and looks into them.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "okv2/command_sample.h"
+#include "okv2/commands.h"
+#include "okv2/completion.h"
+#include "okv2/escape.h"
+#include "okv2/exit_codes.h"
+#include "okv2/failure.h"
+#include "okv2/messages.h"
+
+namespace zel::tool {
+namespace {
+
+CLI::App* addDirectoryCommand(CLI::App& app, const char* name, const char* description,
+                              ImportOptions& options) {
+  CLI::App* sub = app.add_subcommand(name, description);
+  sub->add_option("DIR", options.directory, "Model directory")->required();
+  sub->add_option("--plugin", options.plugin,
+                  "Plug-in to load (default: importer_hf.so of this installation)");
+  return sub;
+}
+
+void addImporterCommands(CLI::App& app, int& exitCode) {
+  const auto options = std::make_shared<ImportOptions>();
+  addDirectoryCommand(app, "probe", "Ask the plug-in whether DIR is a model directory", *options)
+      ->callback([options, &exitCode] { exitCode = runProbe(options->plugin, options->directory); });
+  addDirectoryCommand(app, "inspect", "Read the description of the model, but no weights", *options)
+      ->callback([options, &exitCode] { exitCode = runInspect(options->plugin, options->directory); });
+  CLI::App* import = addDirectoryCommand(app, "import", "Turn DIR into one container file", *options);
+  import->add_option("-o,--output", options->output, "Container file to write")->required();
+  import->add_flag("-q,--quiet", options->quiet, "Say nothing on success");
+  import->add_flag("--force", options->force, "Replace FILE when it exists");
+  import->add_flag("--skip-verified", options->skipVerified, "Do nothing when FILE exists and verifies");
+  import->add_option("--report", options->report, "Write a record of the import to this file, as JSON");
+  CLI::Option* dryRun =
+      import->add_flag("--dry-run", options->dryRun, "Write nothing; print the plan instead");
+  import->add_flag("--json", options->json, "Print the plan as JSON")->needs(dryRun);
+  import->callback([options, &exitCode] { exitCode = runImport(*options);
+});
+}  // namespace
+
+// A command with its options and what runs behind them.
+template <class Options>
+std::pair<CLI::App*, std::shared_ptr<Options>> addCommand(CLI::App& app, const char* name,
+                                                          const char* description, int (*run)(const Options&),
+                                                          int& exitCode) {
+  const auto options = std::make_shared<Options>();
+  CLI::App* sub = app.add_subcommand(name, description);
+  sub->callback([options, run, &exitCode] { exitCode = run(*options); });
+  return {sub, options};
+}
+
+void addJsonFlag(CLI::App& sub, bool& json) { sub.add_flag("--json", json, "Print one JSON document"); }
+
+void addForecastCommands(CLI::App& app, int& exitCode) {
+  const auto [explain, explained] = addCommand<ExplainOptions>(
+      app, "explain", "Tell what an import of DIR reads, ignores and loses", runExplain, exitCode);
+  explain->add_option("DIR", explained->directory, "Model directory")->required();
+  explain->add_flag("--strict", explained->strict, "Exit with 9 when anything would be lost");
+  addJsonFlag(*explain, explained->json);
+  const auto [plan, planned] = addCommand<PlanOptions>(
+      app, "plan", "Tell what an import of DIR writes, to the byte", runPlan, exitCode);
+  plan->add_option("DIR", planned->directory, "Model directory")->required();
+  plan->add_option("-o,--output", planned->output, "Where it would be written: for the free space");
+  addJsonFlag(*plan, planned->json);
+  CLI::App* findings = app.add_subcommand("findings", "Print everything that explain can find");
+  findings->add_flag("--markdown")->description("As Markdown, which is the only form");
+  findings->group("");  // for the documentation; not listed
+  findings->callback([&exitCode] { exitCode = runFindings(); });
+}
+
+void addListCommand(CLI::App& app, int& exitCode) {
+  const auto [list, options] =
+      addCommand<ListOptions>(app, "list", "Show what a container holds", runList, exitCode);
+  list->add_option("FILE", options->file, "Container file")->required();
+  addJsonFlag(*list, options->json);
+  list->add_flag("--markdown", options->markdown, "Print Markdown");
+  list->add_flag("--tensors", options->tensors, "Only the tensors");
+  list->add_flag("--tokenizer", options->tokenizer, "Only the tokenizer");
+  list->add_flag("--template", options->chatTemplate, "Only the chat template, as it is");
+  const auto keep = options;
+  list->add_option_function<std::string>(
+      "--meta",
+      [keep](const std::string& key) {
+        keep->meta = key;
+        keep->onlyMeta = true;
+      },
+      "Only the value of the metadata item KEY, as it is");
+}
+
+void addContainerCommands(CLI::App& app, int& exitCode) {
+  addListCommand(app, exitCode);
+  const auto [verify, verified] =
+      addCommand<VerifyOptions>(app, "verify", "Check a container against its format", runVerify, exitCode);
+  verify->add_option("FILE", verified->file, "Container file")->required();
+  verify->add_option("--against", verified->against, "Compare every tensor with this model directory");
+  addJsonFlag(*verify, verified->json);
+  const auto [hash, hashed] =
+      addCommand<HashOptions>(app, "hash", "Print the SHA-256 of every tensor", runHash, exitCode);
+  hash->add_option("FILE", hashed->file, "Container file")->required();
+  hash->add_option("--check", hashed->sums, "Compare with the sums in this file");
+  addJsonFlag(*hash, hashed->json);
+  const auto [diff, compared] =
+      addCommand<DiffOptions>(app, "diff", "Tell what two containers do not share", runDiff, exitCode);
+  diff->add_option("A", compared->first, "Container file")->required();
+  diff->add_option("B", compared->second, "Container file")->required();
+  addJsonFlag(*diff, compared->json);
+  const auto [page, shown] =
+      addCommand<PageOptions>(app, "report", "Write a page of HTML about a container", runPage, exitCode);
+  page->add_option("FILE", shown->file, "Container file")->required();
+  page->add_option("-o,--output", shown->output, "Page to write")->required();
+  page->add_flag("--force", shown->force, "Replace the page when it exists");
+  const auto [summary, summed] =
+      addCommand<SummaryOptions>(app, "summary", "Add up the reports of imports", runSummary, exitCode);
+  summary->add_option("REPORT", summed->reports, "Files that import --report wrote")->required();
+  addJsonFlag(*summary, summed->json);
+}
+
+// Known before the options are: a wrong command line is answered in JSON as well.
+bool wantsJson(int argc, char** argv) {
+  return std::any_of(argv + 1, argv + argc,
+                     [](const char* word) { return std::strcmp(word, "--json") == 0; });
+}
+const char* commandName(int argc, char** argv) { return argc > 1 && argv[1][0] != '-' ? argv[1] : "okv2"; }
+
+int parseAndRun(int argc, char** argv) {
+  int exitCode = kExitOk;
+  CLI::App app("Turns HuggingFace model directories into OKV2 containers, and looks into containers.",
+               "okv2");
+  app.set_version_flag("--version", "okv2 " OKV2_VERSION);
+  app.require_subcommand(1);
+  app.footer(kExitCodesHelp);
+  addImporterCommands(app, exitCode);
+  addForecastCommands(app, exitCode);
+  addContainerCommands(app, exitCode);
+  addSampleCommand(app, exitCode);
+  addCompletionCommand(app, exitCode);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    // Help and version are results too.
+    if (app.exit(error) == 0) return kExitOk;
+    return failDocument(wantsJson(argc, argv), commandName(argc, argv), kExitUsage, escaped(error.what()));
+  }
+  return exitCode;
+}
+
+// What was printed has not arrived before the stream is closed: a full disk shows only here.
+int closeStandardOutput(int exitCode) {
+  const bool failedEarlier = std::ferror(stdout) != 0;
+  if (std::fclose(stdout) == 0 && !failedEarlier) return exitCode;
+  complain("cannot write standard output: {}", std::strerror(errno));
+  return exitCode != kExitOk ? exitCode : kExitStdout;
+}
+
+int guardedMain(int argc, char** argv) {
+  try {
+    return closeStandardOutput(parseAndRun(argc, argv));
+  } catch (const std::bad_alloc&) {
+    return closeStandardOutput(
+        fail(wantsJson(argc, argv), commandName(argc, argv), kExitFailed, "out of memory"));
+  } catch (const std::exception& error) {
+    return closeStandardOutput(
+        fail(wantsJson(argc, argv), commandName(argc, argv), kExitFailed, escaped(error.what())));
+  }
+}
+
+}  // namespace zel::tool
+}  // namespace zel::tool
+
+int main(int argc, char** argv) { return zel::tool::guardedMain(argc, argv); }
