@@ -1,0 +1,127 @@
+// Cost as work grows: every benchmark reports the time of one unit (tensor, token, entry, byte), which must
+// stay flat, or grow like log n where something is sorted.
+//
+//   scaling_bench --benchmark_format=json | bench/charts.py OUT_DIR
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "bench/inputs.h"
+#include "hf/hf_importer.h"
+#include "readers/pytorch_importer.h"
+#include "readers/safetensors_importer.h"
+#include "support/pickle_builder.h"
+#include "support/zip_builder.h"
+
+namespace {
+
+using zel::bench::NonAscii;
+using zel::test::Op;
+using zel::test::PickleBuilder;
+using zel::test::ZipBuilder;
+
+void require(bool right, const char* what) {
+  if (right) return;
+  std::fprintf(stderr, "scaling_bench: wrong answer: %s\n", what);
+  std::exit(1);
+}
+
+void perUnit(benchmark::State& state, double units) {
+  state.counters["per_unit"] = benchmark::Counter(units * double(state.iterations()),
+                                                  benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+
+void safetensorsHeader(benchmark::State& state) {
+  const auto tensors = std::size_t(state.range(0));
+  const std::string file = zel::bench::makeSafetensorsFile(tensors);
+  for (auto _ : state) {
+    zel::SafetensorsImporter importer;
+    require(importer.openBytes(file).ok() && importer.tensors().size() == tensors, "header");
+  }
+  perUnit(state, double(tensors));
+}
+
+void tokenizerJson(benchmark::State& state) {
+  const auto tokens = std::size_t(state.range(0));
+  const std::string text = zel::bench::makeTokenizerJson(tokens, tokens * 2, NonAscii::Raw);
+  const zel::json::Value config;
+  for (auto _ : state) {
+    zel::TokenizerData data;
+    require(zel::readTokenizerJson(text, config, data).ok() && data.tokens.size() == tokens, "tokenizer");
+  }
+  perUnit(state, double(tokens));
+}
+
+// One tensor for each storage entry.
+std::string checkpoint(std::size_t tensors) {
+  PickleBuilder program;
+  program.op(Op::EMPTY_DICT);
+  ZipBuilder zip;
+  for (std::size_t k = 0; k < tensors; ++k) {
+    const std::string number = std::to_string(k);
+    program.binunicode("model.layers." + number + ".weight").tensor({"", {1}, "data/" + number});
+    program.op(Op::SETITEM);
+    zip.add("data/" + number, "1234");
+  }
+  return zip.add("data.pkl", program.stop()).build();
+}
+
+void zipEntries(benchmark::State& state) {
+  const auto tensors = std::size_t(state.range(0));
+  const std::string file = checkpoint(tensors);
+  for (auto _ : state) {
+    zel::PyTorchImporter importer;
+    require(importer.openBytes(file).ok() && importer.tensors().size() == tensors, "checkpoint");
+  }
+  perUnit(state, double(tensors));
+}
+
+// A program of `bytes` bytes that pushes, appends, memoises and drops.
+void pickleBytes(benchmark::State& state) {
+  const auto bytes = std::size_t(state.range(0));
+  const std::string round = PickleBuilder()
+                                .op(Op::EMPTY_LIST)
+                                .binint1(7)
+                                .op(Op::APPEND)
+                                .binunicode("some text")
+                                .op(Op::TUPLE1)
+                                .op(Op::DUP)
+                                .op(Op::TUPLE2)
+                                .ops({Op::APPEND, Op::POP})
+                                .bytes();
+  PickleBuilder program;
+  program.repeat(bytes / round.size(), round).op(Op::EMPTY_DICT);
+  const std::string file = ZipBuilder().add("data.pkl", program.stop()).build();
+  for (auto _ : state) {
+    zel::PyTorchImporter importer;
+    require(importer.openBytes(file).ok(), "pickle");
+  }
+  perUnit(state, double(bytes));
+}
+
+// CI sets this for one quick pass that only checks answers.
+std::int64_t largest(std::int64_t full) {
+  return std::getenv("OKV2_BENCH_QUICK") != nullptr ? std::min<std::int64_t>(full, 10'000) : full;
+}
+
+void decades(benchmark::internal::Benchmark* bench, std::int64_t from, std::int64_t to) {
+  for (std::int64_t n = from; n < to; n *= 10)
+    bench->Arg(n);
+  bench->Arg(to);
+  bench->Unit(benchmark::kMillisecond);
+}
+
+[[maybe_unused]] const bool registered = [] {
+  decades(benchmark::RegisterBenchmark("safetensorsHeader", safetensorsHeader), 100, largest(1'000'000));
+  decades(benchmark::RegisterBenchmark("tokenizerJson", tokenizerJson), 1'000, largest(1'000'000));
+  decades(benchmark::RegisterBenchmark("zipEntries", zipEntries), 100, largest(65'534));
+  decades(benchmark::RegisterBenchmark("pickleBytes", pickleBytes), 10'000, largest(100'000'000));
+  return true;
+}();
+
+}  // namespace
+
+BENCHMARK_MAIN();
