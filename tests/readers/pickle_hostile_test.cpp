@@ -174,12 +174,13 @@ std::string streamOf(const Bomb& bomb, std::size_t bytes) {
 class PickleBombs : public testing::TestWithParam<Bomb> {};
 
 constexpr std::size_t kLong = 1'000'000 / kShrink;
-constexpr std::size_t kShort = kLong / 10;
+constexpr std::size_t kShort = kLong / 50;
 
 // What one byte of program may cost: a list cell and its share of growing vectors.
 constexpr std::size_t kBytesPerByte = 256;
-// Anything quadratic costs ten times as much a byte in ten times the length.
-constexpr double kTolerance = 4;
+// Anything quadratic costs fifty times as much a byte in fifty times the length. Fresh memory, which only the
+// long program needs, costs up to six times as much on a busy machine.
+constexpr double kTolerance = 20;
 
 TEST_P(PickleBombs, CostMemoryInProportionToTheProgram) {
   const std::string stream = streamOf(GetParam(), kLong);
@@ -280,7 +281,7 @@ TEST(PickleBomb, OfTenMegabytesOfEveryKindCostsTimeAndMemoryInProportion) {
   peakBytes = before;
   EXPECT_THAT(test::judgePickle(stream).status, IsOk());
   EXPECT_LE(peakBytes - before, stream.size() * kBytesPerByte + (1 << 20));
-  expectLinearTime(everyBomb(1'000'000 / kShrink), stream);
+  expectLinearTime(everyBomb(200'000 / kShrink), stream);
 }
 
 // ---- whole checkpoints
