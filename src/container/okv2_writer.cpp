@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <functional>
-#include <numeric>
 #include <utility>
 
 #include "container/dtype.h"
+#include "container/name_order.h"
 #include "container/output_file.h"
 #include "container/page_advice.h"
 
@@ -279,15 +279,9 @@ void OKV2Writer::buildTokenizer(ByteVector& out) const {
   putU8(out, tokenizer_.addBos ? 1 : 0);
 }
 
+// Equal names stay in their order of addition, so that equal inputs give equal bytes.
 std::vector<std::uint32_t> OKV2Writer::tensorsByName() const {
-  std::vector<std::uint32_t> order(tensors_.size());
-  std::iota(order.begin(), order.end(), 0U);
-  // Equal names stay in their order of addition, so that equal inputs give equal bytes.
-  std::sort(order.begin(), order.end(), [this](std::uint32_t a, std::uint32_t b) {
-    const int sign = tensors_[a].name.compare(tensors_[b].name);
-    return sign != 0 ? sign < 0 : a < b;
-  });
-  return order;
+  return orderByName(tensors_.size(), [this](std::size_t k) { return std::string_view(tensors_[k].name); });
 }
 
 void OKV2Writer::borrowMapping(std::string_view mapping) { mappings_.push_back(mapping); }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "container/bytes.h"
+#include "container/name_order.h"
 #include "container/okv2_format.h"
 #include "hf/json_parser.h"
 
@@ -199,6 +200,19 @@ Status HeaderReader::read() {
   return firstFailure_;
 }
 
+// Equal names keep their order. The entries are large, so each moves only once.
+void sortByName(std::vector<StTensorInfo>& tensors) {
+  const auto byName = [](const StTensorInfo& a, const StTensorInfo& b) { return a.name < b.name; };
+  if (std::is_sorted(tensors.begin(), tensors.end(), byName)) return;
+  std::vector<StTensorInfo> sorted;
+  sorted.reserve(tensors.size());
+  for (const std::uint32_t position :
+       orderByName(tensors.size(), [&](std::size_t k) { return std::string_view(tensors[k].name); })) {
+    sorted.push_back(std::move(tensors[position]));
+  }
+  tensors = std::move(sorted);
+}
+
 }  // namespace
 
 Status SafetensorsImporter::mapDtype(const std::string& s, DType& out, QuantInfo& q) {
@@ -253,10 +267,7 @@ Status SafetensorsImporter::parse(std::string_view file) {
   dataRegion_ = file.substr(kLengthBytes + headerBytes);
   ZEL_RETURN_IF_ERROR(
       HeaderReader(file.substr(kLengthBytes, headerBytes), dataRegion_.size(), tensors_).read());
-  const auto byName = [](const StTensorInfo& a, const StTensorInfo& b) { return a.name < b.name; };
-  if (!std::is_sorted(tensors_.begin(), tensors_.end(), byName)) {
-    std::stable_sort(tensors_.begin(), tensors_.end(), byName);
-  }
+  sortByName(tensors_);
   open_ = true;
   return {};
 }
