@@ -1,10 +1,11 @@
-// The order of many names, found without following a pointer for most comparisons.
+// Sorting many elements by their names.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace zel {
@@ -48,6 +49,25 @@ template <class NameAt>
   for (const Key& key : keys)
     order.push_back(key.position);
   return order;
+}
+
+// Moves every element to where `order`, a permutation of the positions, wants it: element `order[k]` to k.
+// In place, each element moved once, since fresh memory would cost more than the moves. Uses `order` up.
+template <class T>
+void arrange(std::vector<T>& elements, std::vector<std::uint32_t> order) {
+  for (std::uint32_t first = 0; first < order.size(); ++first) {
+    if (order[first] == first) continue;
+    T held = std::move(elements[first]);
+    std::uint32_t hole = first;
+    while (order[hole] != first) {
+      const std::uint32_t next = order[hole];
+      elements[hole] = std::move(elements[next]);
+      order[hole] = hole;
+      hole = next;
+    }
+    elements[hole] = std::move(held);
+    order[hole] = hole;
+  }
 }
 
 }  // namespace zel

@@ -87,7 +87,10 @@ struct RawEntry {
 class HeaderReader {
  public:
   HeaderReader(std::string_view header, std::uint64_t dataBytes, std::vector<StTensorInfo>& out)
-      : parser_(header.data(), header.size()), dataBytes_(dataBytes), out_(out) {}
+      : parser_(header.data(), header.size()),
+        headerBytes_(header.size()),
+        dataBytes_(dataBytes),
+        out_(out) {}
 
   Status read();
 
@@ -100,6 +103,7 @@ class HeaderReader {
   Status addTensor(std::string_view name, const RawEntry& entry);
 
   Parser parser_;
+  std::size_t headerBytes_;
   std::uint64_t dataBytes_;
   std::vector<StTensorInfo>& out_;
   Status firstFailure_;
@@ -164,7 +168,7 @@ Status HeaderReader::addTensor(std::string_view name, const RawEntry& entry) {
       entry.offsets.count != 2) {
     return corrupted(quoted("safetensors: bad tensor entry"));
   }
-  StTensorInfo& tensor = out_.emplace_back();
+  StTensorInfo& tensor = json::detail::appendEstimated(out_, headerBytes_, parser_.remaining());
   ZEL_RETURN_IF_ERROR(SafetensorsImporter::mapDtype(entry.dtypeText, tensor.dtype, tensor.quant));
   if (entry.shapeItems.count > kMaxDims) return corrupted("safetensors: ndim > 4");
   if (!entry.shapeItems.allIntegral) return corrupted("safetensors: bad shape");
@@ -198,19 +202,6 @@ Status HeaderReader::read() {
   if (!ok || !parser_.finish()) return corrupted("safetensors: header JSON");
   if (kind != Kind::Object) return corrupted("safetensors: header not an object");
   return firstFailure_;
-}
-
-// Equal names keep their order. The entries are large, so each moves only once.
-void sortByName(std::vector<StTensorInfo>& tensors) {
-  const auto byName = [](const StTensorInfo& a, const StTensorInfo& b) { return a.name < b.name; };
-  if (std::is_sorted(tensors.begin(), tensors.end(), byName)) return;
-  std::vector<StTensorInfo> sorted;
-  sorted.reserve(tensors.size());
-  for (const std::uint32_t position :
-       orderByName(tensors.size(), [&](std::size_t k) { return std::string_view(tensors[k].name); })) {
-    sorted.push_back(std::move(tensors[position]));
-  }
-  tensors = std::move(sorted);
 }
 
 }  // namespace
@@ -267,7 +258,11 @@ Status SafetensorsImporter::parse(std::string_view file) {
   dataRegion_ = file.substr(kLengthBytes + headerBytes);
   ZEL_RETURN_IF_ERROR(
       HeaderReader(file.substr(kLengthBytes, headerBytes), dataRegion_.size(), tensors_).read());
-  sortByName(tensors_);
+  const auto byName = [](const StTensorInfo& a, const StTensorInfo& b) { return a.name < b.name; };
+  if (!std::is_sorted(tensors_.begin(), tensors_.end(), byName)) {
+    const auto nameAt = [this](std::size_t k) { return std::string_view(tensors_[k].name); };
+    arrange(tensors_, orderByName(tensors_.size(), nameAt));
+  }
   open_ = true;
   return {};
 }
