@@ -14,6 +14,7 @@
 #include "promises/promises.h"
 #include "seeds.h"
 #include "support/silent_stderr.h"
+#include "support/test_conditions.h"
 
 namespace zel::fuzz {
 
@@ -75,12 +76,14 @@ TEST_P(Mutants, EveryPrefixKeepsThePromises) {
 }
 
 TEST_P(Mutants, EveryChangeOfOneByteKeepsThePromises) {
+  // Under sanitizers every change costs twenty times as much: each place then gets a sixteenth of the values.
+  const auto stride = std::size_t(test::kSanitized ? test::rounds(16, 1) : 1);
   std::string mutant = GetParam().bytes;
   for (std::size_t at = 0; at < mutant.size(); ++at) {
     const char original = mutant[at];
     for (int value = 0; value < 256; ++value) {
       mutant[at] = char(value);
-      if (mutant[at] == original) continue;
+      if (mutant[at] == original || (std::size_t(value) + at) % stride != 0) continue;
       ASSERT_EQ(brokenBy(mutant), "") << "byte " << at << " set to " << value;
     }
     mutant[at] = original;

@@ -21,6 +21,7 @@
 #include "readers/pytorch_importer.h"
 #include "support/pickle_builder.h"
 #include "support/status_matchers.h"
+#include "support/test_conditions.h"
 #include "support/zip_builder.h"
 
 // ---- every byte that this executable allocates
@@ -67,17 +68,7 @@ using test::PickleBuilder;
 using test::StatusIs;
 
 // Instrumented code is several times larger and slower; the promises are the same.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kShrink = 20;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr std::size_t kShrink = 20;
-#else
-constexpr std::size_t kShrink = 1;
-#endif
-#else
-constexpr std::size_t kShrink = 1;
-#endif
+constexpr std::size_t kShrink = test::kSanitized ? 20 : 1;
 
 // Runs `work` to its end on a thread with a stack of 256 KiB.
 void onASmallStack(const std::function<void()>& work) {

@@ -14,7 +14,7 @@
 #include "plugin/plugin_host.h"
 #include "readers/safetensors_importer.h"
 #include "support/temp_dir.h"
-#include "test_conditions.h"
+#include "support/test_conditions.h"
 
 namespace zel {
 namespace {

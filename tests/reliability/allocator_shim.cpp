@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "test_conditions.h"
+#include "support/test_conditions.h"
 
 extern "C" {
 void* __libc_malloc(std::size_t size);

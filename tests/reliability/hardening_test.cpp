@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "elf_module.h"
-#include "test_conditions.h"
+#include "support/test_conditions.h"
 
 namespace zel {
 namespace {

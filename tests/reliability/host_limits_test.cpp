@@ -19,7 +19,7 @@
 #include "child_process.h"
 #include "model_inputs.h"
 #include "plugin/plugin_host.h"
-#include "test_conditions.h"
+#include "support/test_conditions.h"
 
 namespace zel {
 namespace {

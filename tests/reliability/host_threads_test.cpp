@@ -10,7 +10,7 @@
 
 #include "model_inputs.h"
 #include "plugin/plugin_host.h"
-#include "test_conditions.h"
+#include "support/test_conditions.h"
 
 namespace zel {
 namespace {

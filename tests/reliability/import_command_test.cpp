@@ -16,7 +16,7 @@
 #include "container_layout.h"
 #include "model_inputs.h"
 #include "support/run_command.h"
-#include "test_conditions.h"
+#include "support/test_conditions.h"
 
 namespace zel {
 namespace {

@@ -18,6 +18,7 @@ struct WeightOptions {
 // are already fine become symbolic links to the absolute path of the original; the others are written anew
 // in constant memory. Appends what it changed to `changes`. Throws Refused, before it writes anything,
 // when a tensor would be lost or invented without having been asked for.
-void prepareWeights(const std::string& dir, const std::string& out, const WeightOptions& options, Changes& changes);
+void prepareWeights(const std::string& dir, const std::string& out, const WeightOptions& options,
+                    Changes& changes);
 
 }  // namespace zel::tool::prepare
