@@ -26,7 +26,7 @@ bool wantsColour() {
 }
 
 std::string coloured(Severity severity) {
-  const std::string name = explain::severityName(severity);
+  std::string name = explain::severityName(severity);
   if (!wantsColour()) return name;
   const char* colour = severity == Severity::Fatal ? "31" : severity == Severity::Loss ? "33" : "36";
   return fmt::format("\x1B[1;{}m{}\x1B[0m", colour, name);

@@ -18,9 +18,9 @@ void printField(const char* name, const char* value) {
 
 }  // namespace
 
-const OKVImporter* importerOrComplaint(const std::string& plugin) {
+const OKVImporter* importerOrComplaint(const std::string& named) {
   std::string error;
-  const OKVImporter* importer = loadImporter(findPlugin(plugin), error);
+  const OKVImporter* importer = loadImporter(findPlugin(named), error);
   if (importer == nullptr) complain("{}", error);
   return importer;
 }
