@@ -1,5 +1,6 @@
 #include "allocator_shim.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -28,6 +29,7 @@ AllocationKind caller = AllocationKind::C;  // who is asking malloc
 #endif
 LiveBlock live[kMaxLive];
 std::size_t liveCount = 0;
+std::uint64_t liveBytes = 0;
 
 // False when the allocation has to fail.
 bool admit(AllocationKind kind) {
@@ -45,6 +47,8 @@ void* remember(void* block, std::size_t size) {
   if (armed && block != nullptr) {
     if (liveCount == kMaxLive) std::abort();
     live[liveCount++] = {block, size};
+    liveBytes += size;
+    report.peakBytes = std::max(report.peakBytes, liveBytes);
   }
   return block;
 }
@@ -52,6 +56,7 @@ void* remember(void* block, std::size_t size) {
 void forget(const void* block) {
   for (std::size_t k = liveCount; k-- > 0;) {  // the youngest die first
     if (live[k].address != block) continue;
+    liveBytes -= live[k].size;
     live[k] = live[--liveCount];
     return;
   }
@@ -92,6 +97,7 @@ AllocationReport disarmAllocator() {
 std::vector<LiveBlock> takeLiveBlocks() {
   std::vector<LiveBlock> blocks(live, live + liveCount);
   liveCount = 0;
+  liveBytes = 0;
   return blocks;
 }
 

@@ -19,7 +19,8 @@ enum class AllocationKind {
 };
 
 struct AllocationReport {
-  std::uint64_t count = 0;  // allocations that were asked for
+  std::uint64_t count = 0;      // allocations that were asked for
+  std::uint64_t peakBytes = 0;  // the most that was allocated at one time, of what this report counts
   bool failedAny = false;
   AllocationKind decisive = AllocationKind::None;  // the first failed one that was not Nothrow
 };

@@ -225,6 +225,28 @@ TEST(SystemCalls, AreAsManyAsTheTableOfFaultsCounts) {
   expectCounts({8, 3, 2, 1, 1, 1, 0, 1, 5, 1, 0, 1, 1, 2, 3, 0, 0});
 }
 
+TEST(SystemCalls, WriteALongTensorInPiecesOf256KiB) {
+  const TempDir temp;
+  const std::string dir = ModelDirBuilder()
+                              .shard("model.safetensors", test::SafetensorsBuilder().tensor(
+                                                              "model.norm.weight", "F32", {1024, 1024}))
+                              .write(temp);
+  ASSERT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
+  // 4 MiB are 16 pieces, and what lies before them moves the last one's end into a piece of its own.
+  EXPECT_EQ(faultCallCount(FAULT_WRITEV), 17);
+}
+
+TEST(SystemCalls, GatherManySmallTensorsIntoEachWrite) {
+  const TempDir temp;
+  test::SafetensorsBuilder tensors;
+  for (int k = 0; k < 3000; ++k)
+    tensors.tensor("t" + std::to_string(k), "F32", {16});
+  const std::string dir = ModelDirBuilder().shard("model.safetensors", tensors).write(temp);
+  ASSERT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
+  // The index and the layout fill a write each; of the tensors, 1,024 fit into one.
+  EXPECT_LE(faultCallCount(FAULT_WRITEV), 6);
+}
+
 TEST(SystemCalls, ReachEveryErrorRowOfEveryCallThatAnImportMakes) {
   std::set<int> covered = {FAULT_FREAD, FAULT_FSEEKO};  // for tensors in files, which no import has
   for (const Row& row : kRows)
