@@ -3,6 +3,7 @@
 #pragma once
 
 #include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -105,19 +106,19 @@ class ByteReader {
 
 using ByteVector = std::vector<std::uint8_t>;
 
+// The low N bytes of `value`, little-endian, with one look at the capacity.
+template <std::size_t N>
+void putLittleEndian(ByteVector& out, std::uint64_t value) {
+  std::uint8_t bytes[N];
+  for (std::size_t n = 0; n < N; ++n)
+    bytes[n] = std::uint8_t(value >> (8 * n));
+  out.insert(out.end(), bytes, bytes + N);
+}
+
 inline void putU8(ByteVector& out, std::uint8_t value) { out.push_back(value); }
-inline void putU16(ByteVector& out, std::uint16_t value) {
-  out.push_back(std::uint8_t(value));
-  out.push_back(std::uint8_t(value >> 8));
-}
-inline void putU32(ByteVector& out, std::uint32_t value) {
-  putU16(out, std::uint16_t(value));
-  putU16(out, std::uint16_t(value >> 16));
-}
-inline void putU64(ByteVector& out, std::uint64_t value) {
-  putU32(out, std::uint32_t(value));
-  putU32(out, std::uint32_t(value >> 32));
-}
+inline void putU16(ByteVector& out, std::uint16_t value) { putLittleEndian<2>(out, value); }
+inline void putU32(ByteVector& out, std::uint32_t value) { putLittleEndian<4>(out, value); }
+inline void putU64(ByteVector& out, std::uint64_t value) { putLittleEndian<8>(out, value); }
 // The IEEE-754 single's 32-bit pattern.
 inline void putF32(ByteVector& out, float value) { putU32(out, std::bit_cast<std::uint32_t>(value)); }
 inline void putBytes(ByteVector& out, std::string_view bytes) {

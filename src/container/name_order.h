@@ -11,10 +11,10 @@
 namespace zel {
 
 // The positions 0 to count - 1 (at most 2^32) in the byte-wise order of nameAt(position), a string_view that
-// stays valid meanwhile; equal names keep their order. Allocates 20 bytes a name.
+// stays valid meanwhile; equal names keep their order. Allocates 28 bytes a name.
 //
 // The names of one model begin alike ("model.layers."), so what is compared first is the number that the
-// eight bytes behind the common beginning spell; that decides almost always, and lies beside the position.
+// sixteen bytes behind the common beginning spell; that decides almost always, and lies beside the position.
 template <class NameAt>
 [[nodiscard]] std::vector<std::uint32_t> orderByName(std::size_t count, NameAt nameAt) {
   std::size_t common = count == 0 ? 0 : nameAt(0).size();
@@ -25,21 +25,25 @@ template <class NameAt>
                          first.begin());
   }
 
+  // Big-endian; a shorter name ends in zeros, which also sorts it first.
+  const auto wordAt = [&](std::size_t k, std::size_t from) {
+    const std::string_view name = nameAt(k);
+    std::uint64_t word = 0;
+    for (std::size_t n = from; n < from + sizeof word; ++n)
+      word = word << 8 | (n < name.size() ? static_cast<unsigned char>(name[n]) : 0U);
+    return word;
+  };
   struct Key {
-    std::uint64_t beginning;  // big-endian; a shorter name ends in zeros, which also sorts it first
+    std::uint64_t first, second;
     std::uint32_t position;
   };
   std::vector<Key> keys;
   keys.reserve(count);
-  for (std::size_t k = 0; k < count; ++k) {
-    const std::string_view rest = nameAt(k).substr(common, sizeof(Key::beginning));
-    std::uint64_t beginning = 0;
-    for (std::size_t n = 0; n < sizeof beginning; ++n)
-      beginning = beginning << 8 | (n < rest.size() ? static_cast<unsigned char>(rest[n]) : 0U);
-    keys.push_back({beginning, std::uint32_t(k)});
-  }
+  for (std::size_t k = 0; k < count; ++k)
+    keys.push_back({wordAt(k, common), wordAt(k, common + sizeof(Key::first)), std::uint32_t(k)});
   std::sort(keys.begin(), keys.end(), [&](const Key& a, const Key& b) {
-    if (a.beginning != b.beginning) return a.beginning < b.beginning;
+    if (a.first != b.first) return a.first < b.first;
+    if (a.second != b.second) return a.second < b.second;
     const int sign = nameAt(a.position).compare(nameAt(b.position));
     return sign != 0 ? sign < 0 : a.position < b.position;
   });

@@ -195,6 +195,12 @@ MetaItem& OKV2Writer::addMeta(const char* key, okv2::MetaType type) {
   return item;
 }
 
+void OKV2Writer::reserveTensors(std::size_t count) {
+  const std::size_t needed = tensors_.size() + count;
+  // Never by less than doubling: a thousand files in turn would move everything a thousand times.
+  if (needed > tensors_.capacity()) reserveOnLargePages(tensors_, std::max(needed, 2 * tensors_.capacity()));
+}
+
 Status OKV2Writer::addTensor(const char* name, std::uint16_t dtype, const std::uint64_t* dims,
                              std::uint16_t ndim, const void* data, std::size_t size) {
   if (data == nullptr || !validDescriptor(name, ndim, size)) return failed("OKV2: bad tensor descriptor");
@@ -335,8 +341,8 @@ Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t
 }
 
 Status OKV2Writer::buildTensorSections(const std::vector<std::uint32_t>& order, TensorSections& out) const {
-  out.index.reserve(order.size() * okv2::kTensorEntryBytes);
-  out.layout.reserve(order.size() * okv2::kLayoutEntryBytes);
+  reserveOnLargePages(out.index, order.size() * okv2::kTensorEntryBytes);
+  reserveOnLargePages(out.layout, order.size() * okv2::kLayoutEntryBytes);
   for (const std::uint32_t position : order) {
     const TensorMeta& tensor = tensors_[position];
     const BlockGeometry* geometry = findBlockGeometry(tensor.dtype);

@@ -67,6 +67,9 @@ class OKV2Writer {
   Status addMetaStr(const char* key, const std::string& value);
   Status addMetaU32Array(const char* key, const std::uint32_t* values, std::size_t count);
 
+  // Makes room for `count` more tensors. Only for speed: any number may be added.
+  void reserveTensors(std::size_t count);
+
   // Each adds one tensor of `size` bytes and copies `ndim` extents from `dims`. Names may repeat; tensors of
   // equal name stay in their order of addition. The name ends at its first NUL byte.
   // Refused when a pointer that is named below is null, `ndim` is 0 or above 4, or `size` is 0.

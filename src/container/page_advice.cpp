@@ -35,7 +35,8 @@ void releasePages(const void* data, std::size_t size) noexcept { adviseInside(da
 
 void preferLargePages([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t size) noexcept {
 #ifdef MADV_HUGEPAGE
-  adviseInside(data, size, MADV_HUGEPAGE);
+  constexpr std::size_t kLargePageBytes = 2 << 20;  // the smallest of the common processors
+  if (size >= kLargePageBytes) adviseInside(data, size, MADV_HUGEPAGE);
 #endif
 }
 

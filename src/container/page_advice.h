@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 namespace zel {
 
@@ -18,5 +19,13 @@ void releasePages(const void* data, std::size_t size) noexcept;
 // Asks for large pages under a long vector that is about to be filled from its start to near its end: a fault
 // for each 4 KB would cost more than what is put there.
 void preferLargePages(const void* data, std::size_t size) noexcept;
+
+// Reserves room for `count` elements that are about to be filled in.
+template <class T>
+void reserveOnLargePages(std::vector<T>& out, std::size_t count) {
+  if (count <= out.capacity()) return;
+  out.reserve(count);
+  preferLargePages(out.data(), out.capacity() * sizeof(T));
+}
 
 }  // namespace zel

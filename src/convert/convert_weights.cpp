@@ -88,6 +88,7 @@ Status convertWeights(WeightSource& src, const std::string& arch, OKV2Writer& wr
   Adder adder(writer, stats);
   WeightTensor tensor;
   const std::size_t count = src.count();
+  writer.reserveTensors(count);
   for (std::size_t i = 0; i < count; ++i) {
     if (!src.tensorAt(i, tensor) || tensor.data == nullptr) return corrupted("convert: cannot read tensor");
     const adapter::MappedName mapped = adapter::toOkvName(arch, tensor.name);

@@ -274,8 +274,7 @@ T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t byt
   if (size >= kLong) {
     const std::size_t bytesEach = (bytesBefore - bytesLeft) / size;
     const std::size_t estimate = size + bytesLeft / std::max<std::size_t>(bytesEach, 1) + 1;
-    out.reserve(std::clamp(estimate, 2 * size, kMaxFactor * size));
-    preferLargePages(out.data(), out.capacity() * sizeof(T));
+    reserveOnLargePages(out, std::clamp(estimate, 2 * size, kMaxFactor * size));
   } else {
     out.reserve(std::max(kFirst, 2 * size));
   }

@@ -37,8 +37,10 @@ TEST(NameOrder, ComparesBytesWithoutSign) { EXPECT_EQ(order({"x\x80", "x\x7F", "
 
 TEST(NameOrder, TellsATrailingNulFromTheEnd) { EXPECT_EQ(order({"a\0"s, "a"s, "a\0\0"s}), Order({1, 0, 2})); }
 
-TEST(NameOrder, GoesOnBehindEightEqualBytes) {
-  EXPECT_EQ(order({"12345678b", "12345678a", "12345678", "1234567"}), Order({3, 2, 1, 0}));
+TEST(NameOrder, GoesOnBehindSixteenEqualBytes) {
+  EXPECT_EQ(
+      order({"x123456789abcdefb", "x123456789abcdefa", "x123456789abcdef", "x12345678", "x1234567", "y"}),
+      Order({4, 3, 2, 1, 0, 5}));
 }
 
 TEST(NameOrder, IsThatOfAStableSort) {
@@ -48,7 +50,7 @@ TEST(NameOrder, IsThatOfAStableSort) {
     const std::string common(random() % 12, 'p');
     for (std::string& name : names) {
       name = common;
-      for (std::size_t n = random() % 14; n > 0; --n)
+      for (std::size_t n = random() % 24; n > 0; --n)
         name += "\0\x01yz\xFF"[random() % 5];
     }
     Order expected(names.size());

@@ -75,7 +75,7 @@ struct Explanation {
 
 // Reads everything that an import would read, headers only of weight files. Never fails: what is wrong
 // becomes a finding.
-[[nodiscard]] Explanation explainDirectory(const std::string& directory);
+[[nodiscard]] Explanation explainDirectory(const std::string& path);
 
 // The row's advice with the subject, quoted for a shell, in its place.
 [[nodiscard]] std::string adviceFor(const Finding& finding);
