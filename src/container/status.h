@@ -21,6 +21,7 @@ enum class Code : std::uint8_t {
 class [[nodiscard]] Status {
  public:
   Status() noexcept = default;
+  // cppcheck-suppress passedByValue  ; moved from
   Status(Code code, std::string message) noexcept : code_(code), message_(std::move(message)) {}
 
   [[nodiscard]] bool ok() const noexcept { return code_ == Code::OK; }

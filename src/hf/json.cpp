@@ -79,6 +79,7 @@ Status parse(const char* data, std::size_t size, Value& out) {
 
 bool toInt64(double number, std::int64_t& out) noexcept {
   // Both limits are exact doubles; outside them, and for NaN, the cast would be undefined.
+  // cppcheck-suppress incorrectLogicOperator  ; it reads a hexadecimal floating-point constant as an integer
   if (!(number >= -0x1p63 && number < 0x1p63)) return false;
   const auto integer = static_cast<std::int64_t>(number);
   if (static_cast<double>(integer) != number) return false;

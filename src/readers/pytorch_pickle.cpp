@@ -683,10 +683,9 @@ Status PyTorchImporter::parsePickle() {
     }
     if (!liesInside(record, record.entry->uncompressedSize)) {
       using Long = unsigned long long;
-      std::fprintf(stderr, "  DBG: %s numel=%llu es=%zu bo=%llu usize=%llu\n",
-                   std::string(record.name).c_str(), Long(record.numel),
-                   std::size_t(elementSize(record.dtype)), Long(record.byteOffset),
-                   Long(record.entry->uncompressedSize));
+      std::fprintf(stderr, "  DBG: %s numel=%llu es=%llu bo=%llu usize=%llu\n",
+                   std::string(record.name).c_str(), Long(record.numel), Long(elementSize(record.dtype)),
+                   Long(record.byteOffset), Long(record.entry->uncompressedSize));
       return corrupted("torch: tensor exceeds storage");
     }
     nameBytes += record.name.size();

@@ -97,6 +97,7 @@ std::vector<std::pair<std::string, Layer>> layersOf(const ContainerView& view) {
     layer.tensors.push_back(&tensor);
   }
   std::vector<std::pair<std::string, Layer>> out;
+  out.reserve(sorted.size());
   for (auto& [key, layer] : sorted)
     out.emplace_back(key.second, std::move(layer));
   return out;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 
 #include "okv2/escape.h"
@@ -29,7 +30,7 @@ std::size_t terminalColumns() {
 }
 
 std::string clockText(double seconds) {
-  const auto whole = static_cast<std::uint64_t>(seconds + 0.5);
+  const auto whole = static_cast<std::uint64_t>(std::llround(seconds));
   if (whole >= 3600) return fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
   return fmt::format("{}:{:02}", whole / 60, whole % 60);
 }

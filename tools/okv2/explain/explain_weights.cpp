@@ -174,7 +174,7 @@ Id pytorchId(const std::string& message, std::string_view head) {
   if (message == "torch: no data.pkl") return Id::PytorchFolder;
   if (message.find("compression") != std::string::npos) return Id::PytorchDeflated;
   if (message.find("unsupported storage dtype") != std::string::npos) return Id::PytorchStorageType;
-  if (message.find("torch: pickle") == 0 || message.find("state_dict") != std::string::npos)
+  if (message.starts_with("torch: pickle") || message.find("state_dict") != std::string::npos)
     return Id::PytorchPickle;
   // A pickle begins with the opcode PROTO: the format before zip archives is a row of pickles.
   if (message == "torch: no EOCD" && !head.empty() && head[0] == '\x80') return Id::PytorchLegacy;

@@ -47,7 +47,7 @@ void append(const Value& value, std::size_t maxBytes, std::string& out) {
 std::string shortJson(const Value& value, std::size_t maxBytes) {
   std::string out;
   append(value, maxBytes, out);
-  if (out.size() > maxBytes) out = out.substr(0, maxBytes) + "...";
+  if (out.size() > maxBytes) out.replace(maxBytes, std::string::npos, "...");
   return out;
 }
 

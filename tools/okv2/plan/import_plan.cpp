@@ -91,7 +91,7 @@ PlannedTensor plannedFrom(const WeightTensor& tensor, std::size_t file) {
 }
 
 // A name ends at its first zero byte, as the writer takes it.
-std::string stored(const std::string& name) { return name.c_str(); }
+std::string stored(const std::string& name) { return name.substr(0, name.find('\0')); }
 
 // Equal row blocks along the first extent; see docs/compatibility.md.
 void planSlices(const WeightTensor& tensor, const std::vector<adapter::Slice>& slices, std::size_t file,
@@ -130,7 +130,8 @@ Status planWeights(const std::string& directory, ImportPlan& plan) {
   WeightFiles files;
   ZEL_RETURN_IF_ERROR(findWeightFiles(directory, files));
   for (const std::string& name : files.names) {
-    const std::string path = directory + "/" + name;
+    std::string path = directory;
+    path.append("/").append(name);
     plan.weights.push_back({name, bytesOf(path)});
     plan.addressSpace += plan.weights.back().bytes;
   }
