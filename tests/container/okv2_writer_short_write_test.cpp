@@ -135,6 +135,54 @@ TEST(OKV2WriterShortWrite, NamesTheWeightsInTheMiddleOfALargeTensor) {
   }
 }
 
+// What is longer than a gathered write fails at once, not with the pieces that follow it.
+Status writeLimited(const OKV2Writer& writer, std::uint64_t limit) {
+  const TempDir dir;
+  const std::string path = dir / "out";
+  const FileSizeLimit full(limit);
+  return writer.write(path.c_str());
+}
+
+TEST(OKV2WriterShortWrite, NamesALongSectionAtOnce) {
+  OKV2Writer writer;
+  test::addOk(writer.addMetaStr("k", std::string(300000, 'm')));
+  test::fillMinimal(writer);
+  EXPECT_THAT(writeLimited(writer, 1000), StatusIs(Code::InvalidFormat, kSection));
+}
+
+TEST(OKV2WriterShortWrite, NamesALongOwnedTensorAtOnce) {
+  OKV2Writer writer;
+  test::addBytes(writer, "w", std::string(1 << 20, 'd'));
+  EXPECT_THAT(writeLimited(writer, 300000), StatusIs(Code::InvalidFormat, kWeights));
+}
+
+TEST(OKV2WriterShortWrite, NamesALongTensorOfAFileAtOnce) {
+  const TempDir dir;
+  const std::string source = dir.write("source", std::string(1 << 20, 'd'));
+  std::FILE* file = std::fopen(source.c_str(), "rb");
+  ASSERT_NE(file, nullptr);
+  const std::uint64_t dims[] = {1 << 20};
+  OKV2Writer writer;
+  test::addOk(writer.addTensorFrom(file, "w", 0, dims, 1, 0, 1 << 20));
+  EXPECT_THAT(writeLimited(writer, 300000), StatusIs(Code::InvalidFormat, kWeights));
+  std::fclose(file);
+}
+
+// 1,024 pieces go into one write, so it is due at a tensor or, with one piece more before them, at its
+// padding.
+TEST(OKV2WriterShortWrite, TellsSmallTensorsFromTheirPaddingWhereverAWriteIsDue) {
+  for (const bool onePieceMore : {false, true}) {
+    OKV2Writer writer;
+    for (int k = 0; k < 3000; ++k)
+      test::addBytes(writer, ("t" + std::to_string(k)).c_str(), "four");
+    if (onePieceMore) writer.setGraphBytes(std::string(64, 'g').data(), 64);
+    // The weights are last; each tensor has 4 bytes and 60 of padding.
+    const std::uint64_t thousandLeft = test::containerOf(writer).size() - std::uint64_t{64} * 1000;
+    EXPECT_THAT(writeLimited(writer, thousandLeft + 2), StatusIs(Code::InvalidFormat, kWeights));
+    EXPECT_THAT(writeLimited(writer, thousandLeft + 34), StatusIs(Code::InvalidFormat, kPadWeights));
+  }
+}
+
 // The output's failure is older than the source's, so it is the one reported.
 TEST(OKV2WriterShortWrite, ComesBeforeAFailureOfALaterSource) {
   std::FILE* empty = std::tmpfile();
