@@ -1,0 +1,122 @@
+#include "okv2/prepare/torch_state_dict.h"
+
+#include <string_view>
+#include <unordered_set>
+
+namespace zel::tool::prepare {
+namespace {
+
+using Kind = PickleKind;
+
+struct WrapperKey {
+  std::string_view key;
+  std::string_view source;
+};
+// In the order in which they are looked for.
+constexpr WrapperKey kWrapperKeys[] = {
+    {"model_state_dict", "PyTorch tutorial \"Saving and loading a general checkpoint\""},
+    {"state_dict", "PyTorch Lightning checkpoints; timm, models/_helpers.py"},
+    {"model", "fairseq checkpoint_utils.py; timm, models/_helpers.py"},
+    {"module", "DeepSpeed, runtime/engine.py"},
+};
+
+bool isContainer(const PickleValue& value) {
+  return value.is(Kind::Dict) || value.is(Kind::List) || value.is(Kind::Tuple);
+}
+bool isStateDict(const PickleValue& value) { return value.is(Kind::Dict) && value.node().holdsTensor; }
+
+bool mayHoldWeights(const PickleValue& value) {
+  return value.is(Kind::Inert) || (isContainer(value) && value.node().holdsTensor);
+}
+
+const PickleItem* findKnownKey(const PickleNode& root) {
+  for (const WrapperKey& row : kWrapperKeys) {
+    for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
+      if (item->key.is(Kind::Text) && item->key.text() == row.key && isStateDict(item->value)) return item;
+    }
+  }
+  return nullptr;
+}
+
+// The only dictionary of tensors among the items of the root; null, with `names` of all, when there are none
+// or several.
+const PickleItem* findOnlyStateDict(const PickleNode& root, std::string& names) {
+  const PickleItem* found = nullptr;
+  std::size_t count = 0;
+  for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
+    if (!item->key.is(Kind::Text) || !isStateDict(item->value)) continue;
+    found = item;
+    constexpr std::size_t kNamed = 8;
+    if (count++ < kNamed) names += (names.empty() ? "'" : ", '") + std::string(item->key.text()) + "'";
+  }
+  return count == 1 ? found : nullptr;
+}
+
+Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict& out) {
+  std::unordered_set<std::string_view> seen;
+  for (const PickleItem* item = dict.first; item != nullptr; item = item->next) {
+    if (!item->key.is(Kind::Text)) {
+      return unsupported(std::string("checkpoint: a key of the dictionary of tensors is ") +
+                         pickleKindName(item->key.kind()));
+    }
+    if (!seen.insert(item->key.text()).second) {
+      return unsupported("checkpoint: the dictionary of tensors has '" + std::string(item->key.text()) +
+                         "' twice");
+    }
+    if (item->value.is(Kind::Tensor)) {
+      out.tensors.emplace_back(item->key.text(), &item->value.tensor());
+    } else {
+      out.others.push_back({prefix + std::string(item->key.text()), pickleKindName(item->value.kind()),
+                            mayHoldWeights(item->value)});
+    }
+  }
+  return {};
+}
+
+}  // namespace
+
+const char* pickleKindName(PickleKind kind) noexcept {
+  switch (kind) {
+    case Kind::Unset:
+    case Kind::None: return "None";
+    case Kind::Boolean: return "a boolean";
+    case Kind::Integer:
+    case Kind::LongInteger:
+    case Kind::Real: return "a number";
+    case Kind::Text: return "a text";
+    case Kind::Bytes: return "bytes";
+    case Kind::Tuple: return "a tuple";
+    case Kind::List: return "a list";
+    case Kind::Dict: return "a dictionary";
+    case Kind::Global: return "a global";
+    case Kind::Storage: return "a storage";
+    case Kind::Tensor: return "a tensor";
+    case Kind::Inert: return "an object that is no tensor";
+  }
+  return "?";
+}
+
+Status findStateDict(const PickleValue& root, StateDict& out) {
+  out = StateDict();
+  if (!root.is(Kind::Dict)) {
+    return unsupported(std::string("checkpoint: it holds ") + pickleKindName(root.kind()) +
+                       " instead of a dictionary of tensors by name");
+  }
+  if (root.node().holdsTensor) return takeEntries(root.node(), "", out);
+  const PickleItem* chosen = findKnownKey(root.node());
+  std::string names;
+  if (chosen == nullptr) chosen = findOnlyStateDict(root.node(), names);
+  if (chosen == nullptr) {
+    return unsupported(names.empty() ? "checkpoint: it holds no dictionary of tensors by name"
+                                     : "checkpoint: it holds more than one dictionary of tensors: " + names);
+  }
+  out.within = chosen->key.text();
+  for (const PickleItem* item = root.node().first; item != nullptr; item = item->next) {
+    if (item == chosen) continue;
+    const std::string key = item->key.is(Kind::Text) ? std::string(item->key.text()) : "";
+    out.others.push_back({key, pickleKindName(item->value.kind()), false});
+  }
+  return takeEntries(chosen->value.node(), out.within + ".", out);
+}
+
+}  // namespace zel::tool::prepare

@@ -1,0 +1,34 @@
+// Where the weights are in what a checkpoint's program made.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "container/status.h"
+#include "okv2/prepare/torch_pickle.h"
+
+namespace zel::tool::prepare {
+
+// An entry that is no tensor, or lies beside the dictionary of tensors.
+struct OtherEntry {
+  std::string name;             // its key; "a.b" for what lies in dictionary a
+  std::string what;             // "a number", "a dictionary"
+  bool mayHoldWeights = false;  // it lies among the tensors and holds tensors, or something that is not known
+};
+
+struct StateDict {
+  std::string within;  // the key under which the dictionary lies; empty when it is the root
+  std::vector<std::pair<std::string, const PickleTensor*>> tensors;  // in the order of the program
+  std::vector<OtherEntry> others;
+};
+
+// The root itself when it holds tensors, or else what it holds under one of the keys that training programs
+// use, or else its only dictionary of tensors. Failures begin "checkpoint: ":
+//   Unsupported  there is no such dictionary, or more than one; a key that is no text or comes twice
+Status findStateDict(const PickleValue& root, StateDict& out);
+
+// "a list", "a number" and so on.
+[[nodiscard]] const char* pickleKindName(PickleKind kind) noexcept;
+
+}  // namespace zel::tool::prepare
