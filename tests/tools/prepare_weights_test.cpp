@@ -1,0 +1,616 @@
+// The weights' half of `okv2 prepare` over whole directories.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+#include "container/descriptor.h"
+#include "okv2/prepare/safetensors_writer.h"
+#include "prepare_weights.h"
+#include "support/safetensors_builder.h"
+#include "support/torch_builder.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+using test::bytesOf;
+using test::SafetensorsBuilder;
+using test::savedLegacy;
+using test::SavedPickle;
+using test::SavedTensor;
+using test::savedZip;
+using testing::ElementsAre;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+// A checkpoint with one storage.
+std::string zipOf(const std::vector<SavedTensor>& tensors, const std::string& storage,
+                  bool deflated = false) {
+  return savedZip(SavedPickle().stateDict(tensors).stop(), {{"0", storage}}, "archive", deflated).build();
+}
+
+const std::string kSix = bytesOf<float>({1, 2, 3, 4, 5, 6});
+
+// ---- torch checkpoints
+
+TEST_F(WeightsTest, WritesATorchCheckpointAsSafetensors) {
+  write("pytorch_model.bin", zipOf({{"w", {2, 3}, {3, 1}, "0", 6}}, kSix));
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)"));
+  EXPECT_THAT(outNames(), ElementsAre("model.safetensors"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [2,3]"));
+  EXPECT_EQ(dataOf("model.safetensors", "w"), kSix);
+}
+
+TEST_F(WeightsTest, WritesTheHeaderAsTheFormatHasIt) {
+  write("pytorch_model.bin", zipOf({{"w", {6}, {1}, "0", 6}}, kSix));
+  prepare();
+  const std::string json =
+      R"({"__metadata__":{"format":"pt"},"w":{"dtype":"F32","shape":[6],"data_offsets":[0,24]}})";
+  const std::string padded = json + std::string((8 - json.size() % 8) % 8, ' ');
+  EXPECT_EQ(test::readWholeFile(out() + "/model.safetensors"),
+            test::littleEndian(padded.size(), 8) + padded + kSix);
+}
+
+TEST_F(WeightsTest, UnpacksADeflatedCheckpoint) {
+  write("pytorch_model.bin", zipOf({{"a", {3}, {1}, "0", 6, "FloatStorage", 3}}, kSix, true));
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.deflated)"));
+  EXPECT_EQ(dataOf("model.safetensors", "a"), bytesOf<float>({4, 5, 6}));
+  EXPECT_THAT(outNames(), ElementsAre("model.safetensors"));
+}
+
+TEST_F(WeightsTest, WritesALegacyCheckpoint) {
+  write("pytorch_model.bin",
+        savedLegacy(SavedPickle().stateDict({{"w", {6}, {1}, "7", 6}}, true).stop(), {{"7", 6, kSix}}));
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.legacy)"));
+  EXPECT_EQ(dataOf("model.safetensors", "w"), kSix);
+}
+
+TEST_F(WeightsTest, MakesATransposedTensorContiguous) {
+  write("pytorch_model.bin", zipOf({{"w", {3, 2}, {1, 3}, "0", 6}}, kSix));
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("model.safetensors: w: strides [1, 3] -> contiguous (pytorch.pickle)",
+                  "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)"));
+  EXPECT_EQ(dataOf("model.safetensors", "w"), bytesOf<float>({1, 4, 2, 5, 3, 6}));
+}
+
+TEST_F(WeightsTest, RepeatsTheElementsOfAnExpandedTensor) {
+  write("pytorch_model.bin", zipOf({{"w", {2, 3}, {0, 1}, "0", 6}}, kSix));
+  prepare();
+  EXPECT_EQ(dataOf("model.safetensors", "w"), bytesOf<float>({1, 2, 3, 1, 2, 3}));
+}
+
+TEST_F(WeightsTest, WritesTensorsThatShareAStorageEach) {
+  write("pytorch_model.bin",
+        zipOf({{"a", {4}, {1}, "0", 6}, {"b", {4}, {1}, "0", 6, "FloatStorage", 2}}, kSix));
+  prepare();
+  EXPECT_EQ(dataOf("model.safetensors", "a"), bytesOf<float>({1, 2, 3, 4}));
+  EXPECT_EQ(dataOf("model.safetensors", "b"), bytesOf<float>({3, 4, 5, 6}));
+}
+
+TEST_F(WeightsTest, TakesTensorsFromUnderAKeyAndSaysSo) {
+  write("pytorch_model.bin", savedZip(SavedPickle()
+                                          .op(test::pickle_op::kEmptyDict)
+                                          .op(test::pickle_op::kMark)
+                                          .text("epoch")
+                                          .number(3)
+                                          .text("state_dict")
+                                          .stateDict({{"w", {6}, {1}, "0", 6}})
+                                          .op(test::pickle_op::kSetItems)
+                                          .stop(),
+                                      {{"0", kSix}})
+                                 .build());
+  EXPECT_THAT(changeTexts(prepare()),
+              ElementsAre("model.safetensors: epoch: a number ->  (pytorch.pickle)",
+                          "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                          "model.safetensors: tensor names: state_dict.* -> * (pytorch.pickle)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+}
+
+TEST_F(WeightsTest, RefusesAnObjectAmongTheTensorsUntilItIsDropped) {
+  write("pytorch_model.bin", savedZip(SavedPickle()
+                                          .stateDict({{"w", {6}, {1}, "0", 6}})
+                                          .text("array")
+                                          .global("numpy.core.multiarray", "_reconstruct")
+                                          .op(test::pickle_op::kEmptyTuple)
+                                          .op(test::pickle_op::kReduce)
+                                          .op(test::pickle_op::kSetItem)
+                                          .stop(),
+                                      {{"0", kSix}})
+                                 .build());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.pickle");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: among its tensors are other things: 'array' (an object that is no tensor)");
+  EXPECT_EQ(refused.remedy, "Leave them out with --drop REGEX, or save the tensors alone.");
+  prepare({false, {"^array$"}, false});
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+}
+
+TEST_F(WeightsTest, GivesEveryShardOfATorchCheckpointItsPlace) {
+  write("pytorch_model-00001-of-00002.bin", zipOf({{"a", {6}, {1}, "0", 6}}, kSix));
+  write("pytorch_model-00002-of-00002.bin", zipOf({{"b", {6}, {1}, "0", 6}}, kSix));
+  write("pytorch_model.bin.index.json",
+        R"({"weight_map":{"a":"pytorch_model-00001-of-00002.bin","b":"pytorch_model-00002-of-00002.bin"}})");
+  EXPECT_THAT(changeTexts(prepare()),
+              ElementsAre("model-00001-of-00002.safetensors: file: pytorch_model-00001-of-00002.bin -> "
+                          "model-00001-of-00002.safetensors (weights.sharded-bin)",
+                          "model-00002-of-00002.safetensors: file: pytorch_model-00002-of-00002.bin -> "
+                          "model-00002-of-00002.safetensors (weights.sharded-bin)"));
+  EXPECT_THAT(outNames(),
+              ElementsAre("model-00001-of-00002.safetensors", "model-00002-of-00002.safetensors"));
+}
+
+TEST_F(WeightsTest, TakesTorchShardsWithoutAnIndexWhenAllAreThere) {
+  write("pytorch_model-00001-of-00002.bin", zipOf({{"a", {6}, {1}, "0", 6}}, kSix));
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "weights.index-missing");
+  EXPECT_EQ(refused.message,
+            "pytorch_model-00001-of-00002.bin: its name says that there are 2 shards, there are 1");
+  write("pytorch_model-00002-of-00002.bin", zipOf({{"b", {6}, {1}, "0", 6}}, kSix));
+  EXPECT_EQ(refusal().code, 0);
+}
+
+TEST_F(WeightsTest, RefusesACheckpointThatNamesAForeignGlobal) {
+  write("pytorch_model.bin", savedZip(SavedPickle().global("os", "system").stop(), {}).build());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.pickle");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: checkpoint: the pickle names a global that is not on the list: os.system");
+}
+
+TEST_F(WeightsTest, RefusesTensorsThatWouldGrowWithoutBound) {
+  write("pytorch_model.bin", zipOf({{"w", {1U << 30}, {0}, "0", 6}}, kSix));
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(
+      refused.message,
+      "pytorch_model.bin: its tensors share elements, and written one by one take more than 16 times its "
+      "bytes");
+}
+
+// ---- safetensors files
+
+TEST_F(WeightsTest, LinksAShardThatIsFine) {
+  const std::string path = write("model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  EXPECT_THAT(prepare(), IsEmpty());
+  EXPECT_EQ(fs::read_symlink(out() + "/model.safetensors"), path);
+}
+
+TEST_F(WeightsTest, LinksShardsThatAreFineAndWritesTheOthers) {
+  write("a.safetensors", SafetensorsBuilder().tensor("a", "BF16", {2}).bytes());
+  write("b.safetensors", SafetensorsBuilder()
+                             .tensor("b", "Q4_K", {256, 2})
+                             .tensorData("n", "I64", {}, std::string(8, '\1'))
+                             .bytes());
+  EXPECT_THAT(changeTexts(prepare({false, {"^n$"}, false})),
+              ElementsAre("b.safetensors: n: I64 [] ->  (weights.type)"));
+  EXPECT_TRUE(fs::is_symlink(out() + "/a.safetensors"));
+  EXPECT_FALSE(fs::is_symlink(out() + "/b.safetensors"));
+  EXPECT_THAT(tensorsIn("b.safetensors"), ElementsAre("b Q4_K [256,2]"));
+  EXPECT_EQ(dataOf("b.safetensors", "b"), test::patternBytes(288, 0));
+}
+
+TEST_F(WeightsTest, RefusesTypesThatTheContainerCannotCarryAndNamesTheFlags) {
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensorData("d", "F64", {1}, std::string(8, '\0'))
+                                 .tensorData("n", "I64", {1}, std::string(8, '\0'))
+                                 .tensorData("x", "X7", {1}, "?")
+                                 .tensor("w", "F32", {1})
+                                 .bytes());
+  Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "weights.type");
+  EXPECT_EQ(
+      refused.message,
+      "model.safetensors: the container cannot carry these element types: 'd' (F64), 'n' (I64), 'x' (X7)");
+  EXPECT_EQ(
+      refused.remedy,
+      "Pass --drop REGEX for the tensors that inference does not need, and --cast to make 64-bit floats "
+      "(F64) 32-bit ones.");
+  refused = refusal({true, {"n"}, false});
+  EXPECT_EQ(refused.message, "model.safetensors: the container cannot carry these element types: 'x' (X7)");
+}
+
+TEST_F(WeightsTest, NamesTheFirstTensorsOfManyAndCountsTheOthers) {
+  SafetensorsBuilder shard;
+  for (int k = 0; k < 10; ++k)
+    shard.tensorData("n" + std::to_string(k), "BOOL", {1}, "\1");
+  write("model.safetensors", shard.bytes());
+  EXPECT_EQ(
+      refusal().message,
+      "model.safetensors: the container cannot carry these element types: 'n0' (BOOL), 'n1' (BOOL), 'n2' "
+      "(BOOL), 'n3' (BOOL), 'n4' (BOOL), 'n5' (BOOL), 'n6' (BOOL), 'n7' (BOOL) and 2 more");
+}
+
+TEST_F(WeightsTest, CastsDoublesRoundingToNearest) {
+  const double tie = 1 + std::ldexp(1.0, -24);  // between 1 and the float above it: to even
+  write("model.safetensors",
+        SafetensorsBuilder().tensorData("d", "F64", {3}, bytesOf<double>({0.1, tie, -2})).bytes());
+  EXPECT_THAT(changeTexts(prepare({true, {}, false})),
+              ElementsAre("model.safetensors: d: F64 -> F32 (weights.type)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("d F32 [3]"));
+  EXPECT_EQ(dataOf("model.safetensors", "d"), bytesOf<std::uint32_t>({0x3dcccccd, 0x3f800000, 0xc0000000}));
+}
+
+TEST_F(WeightsTest, RefusesToCastADoubleThatWouldBecomeInfinite) {
+  const double largest = std::ldexp(1.0, 128) - std::ldexp(1.0, 103);  // the first to round up to 2^128
+  write("model.safetensors",
+        SafetensorsBuilder().tensorData("d", "F64", {1}, bytesOf<double>({largest})).bytes());
+  const Refusal refused = refusal({true, {}, false});
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "weights.type");
+  EXPECT_EQ(refused.message, "model.safetensors: 64-bit floats too large for 32 bits are in 'd'");
+}
+
+TEST_F(WeightsTest, CastsTheLargestDoubleThatFitsAndInfinityItself) {
+  const double below = std::nextafter(std::ldexp(1.0, 128) - std::ldexp(1.0, 103), 0);
+  const double infinity = std::numeric_limits<double>::infinity();
+  write("model.safetensors",
+        SafetensorsBuilder().tensorData("d", "F64", {2}, bytesOf<double>({below, infinity})).bytes());
+  prepare({true, {}, false});
+  EXPECT_EQ(dataOf("model.safetensors", "d"), bytesOf<std::uint32_t>({0x7f7fffff, 0x7f800000}));
+}
+
+TEST_F(WeightsTest, GivesAScalarOneExtent) {
+  write("model.safetensors", SafetensorsBuilder().tensor("s", "F32", {}).bytes());
+  EXPECT_THAT(changeTexts(prepare()), ElementsAre("model.safetensors: s: [] -> [1] (tensor.refused)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("s F32 [1]"));
+}
+
+TEST_F(WeightsTest, RefusesEmptyTensorsAndFiveExtents) {
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensor("empty", "F32", {0, 4})
+                                 .tensor("five", "F32", {1, 1, 1, 1, 2})
+                                 .tensor("four", "F32", {1, 1, 1, 2})
+                                 .bytes());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "tensor.refused");
+  EXPECT_EQ(
+      refused.message,
+      "model.safetensors: the container takes one to four extents, none of them 0: 'empty' [0, 4], 'five' "
+      "[1, 1, 1, 1, 2]");
+  EXPECT_EQ(refusal({false, {"e"}, false}).code, 0);  // "four" is left, with its four extents
+}
+
+TEST_F(WeightsTest, RefusesToLeaveNothing) {
+  write("model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  const Refusal refused = refusal({false, {"."}, false});
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "weights.no-tensors");
+  EXPECT_EQ(refused.message, "model.safetensors: no tensor is left");
+}
+
+TEST_F(WeightsTest, RefusesABadRegularExpression) {
+  write("model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  const Refusal refused = refusal({false, {"("}, false});
+  EXPECT_EQ(refused.code, 64);
+  EXPECT_EQ(refused.message, "--drop (: it is not a regular expression");
+}
+
+TEST_F(WeightsTest, SearchesNamesOfAnyLengthWithoutHarm) {
+  write("model.safetensors",
+        SafetensorsBuilder().tensor(std::string(1'000'000, 'a'), "F32", {2}).tensor("w", "F32", {2}).bytes());
+  EXPECT_EQ(refusal({false, {"^(a|b)*$"}, false}).code, 0);
+}
+
+TEST_F(WeightsTest, RefusesAHeaderThatSaysMoreThanTheFileHas) {
+  write("model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).dataBytes(7).bytes());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.finding, "weights.partial");
+  EXPECT_EQ(refused.message,
+            "model.safetensors: it ends in the middle: safetensors: tensor 'w' does not lie in the file");
+  EXPECT_EQ(refused.remedy, "curl -fL -C - -o 'model.safetensors' \"$URL\"");
+}
+
+struct HeaderRow {
+  const char* name;
+  std::string file;
+  const char* message;
+};
+class WeightHeaders : public WeightsTest, public testing::WithParamInterface<HeaderRow> {};
+TEST_P(WeightHeaders, AreRefusedWithTheirMessage) {
+  write("model.safetensors", GetParam().file);
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.message, std::string("model.safetensors: safetensors: ") + GetParam().message);
+}
+INSTANTIATE_TEST_SUITE_P(
+    All, WeightHeaders,
+    testing::Values(
+        HeaderRow{"Short", "1234567", "the file has no header"},
+        HeaderRow{"TooLong", test::littleEndian(100'000'001, 8) + "{}",
+                  "a header of 100000001 bytes is too long"},
+        HeaderRow{"NotJson", SafetensorsBuilder().headerJson("{\"a\"").bytes(), "the header is not JSON"},
+        HeaderRow{"Array", SafetensorsBuilder().headerJson("[]").bytes(), "the header is not an object"},
+        HeaderRow{"NoOffsets", SafetensorsBuilder().member("w", R"({"dtype":"F32","shape":[1]})").bytes(),
+                  "bad entry of tensor 'w'"},
+        HeaderRow{"NegativeExtent",
+                  SafetensorsBuilder()
+                      .member("w", R"({"dtype":"F32","shape":[-1],"data_offsets":[0,4]})")
+                      .dataBytes(4)
+                      .bytes(),
+                  "bad entry of tensor 'w'"},
+        HeaderRow{"WrongSize", SafetensorsBuilder().tensor("w", "F32", {2}, {0, 4}).dataBytes(4).bytes(),
+                  "tensor 'w' has not the size of its shape"},
+        HeaderRow{"WrappingShape",
+                  SafetensorsBuilder().tensor("w", "F32", {std::uint64_t{1} << 62, 4}, {0, 0}).bytes(),
+                  "tensor 'w' has not the size of its shape"}),
+    [](const auto& row) { return row.param.name; });
+
+// ---- the choice of files
+
+TEST_F(WeightsTest, RefusesADirectoryWithoutWeights) {
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "weights.none");
+  EXPECT_EQ(refused.message, in() + ": there are no weights");
+}
+
+TEST_F(WeightsTest, PrefersSafetensorsFiles) {
+  write("model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  write("pytorch_model.bin", "anything");
+  EXPECT_THAT(prepare(), IsEmpty());
+  EXPECT_THAT(outNames(), ElementsAre("model.safetensors"));
+}
+
+TEST_F(WeightsTest, LeavesOutWhatTheIndexDoesNotName) {
+  write("model-1.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  write("consolidated.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  write("model.safetensors.index.json", R"({"metadata":{},"weight_map":{"w":"model-1.safetensors"}})");
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("consolidated.safetensors: file: consolidated.safetensors ->  (weights.index-unlisted)"));
+  EXPECT_THAT(outNames(), ElementsAre("model-1.safetensors"));
+}
+
+TEST_F(WeightsTest, RefusesAMissingShard) {
+  write("model-1.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  write("model.safetensors.index.json",
+        R"({"weight_map":{"w":"model-1.safetensors","x":"model-2.safetensors"}})");
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "weights.index-missing");
+  EXPECT_EQ(refused.message, "model-2.safetensors: it is missing, and model.safetensors.index.json names it");
+  EXPECT_EQ(refused.remedy, "Fetch 'model-2.safetensors'.");
+}
+
+TEST_F(WeightsTest, RefusesAShardWithoutATensorOfTheIndex) {
+  write("model-1.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  write("model.safetensors.index.json",
+        R"({"weight_map":{"w":"model-1.safetensors","x":"model-1.safetensors"}})");
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.message,
+            "model-1.safetensors: model.safetensors.index.json names tensors that it does not hold: 'x'");
+}
+
+struct IndexRow {
+  const char* name;
+  const char* text;
+  const char* message;
+};
+class WeightIndexes : public WeightsTest, public testing::WithParamInterface<IndexRow> {};
+TEST_P(WeightIndexes, AreRefusedWithTheirMessage) {
+  write("model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  write("model.safetensors.index.json", GetParam().text);
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.finding, "weights.refused");
+  EXPECT_EQ(refused.message, std::string("model.safetensors.index.json: ") + GetParam().message);
+}
+INSTANTIATE_TEST_SUITE_P(All, WeightIndexes,
+                         testing::Values(IndexRow{"Empty", "", "it cannot be read"},
+                                         IndexRow{"NotJson", "{", "it is not a JSON object"},
+                                         IndexRow{"NoMap", "{}", "it has no \"weight_map\""},
+                                         IndexRow{
+                                             "LeadsElsewhere", R"({"weight_map":{"w":"../x.safetensors"}})",
+                                             "it names a shard '../x.safetensors', which is no file name"}),
+                         [](const auto& row) { return row.param.name; });
+
+TEST_F(WeightsTest, RefusesTheWeightsOfAnAdapter) {
+  write("adapter_config.json", "{}");
+  write("adapter_model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "weights.adapter");
+  EXPECT_EQ(refused.message, "adapter_model.safetensors: the weights are those of an adapter");
+}
+
+struct DisguiseRow {
+  const char* name;
+  const char* bytes;
+  const char* finding;
+  const char* message;
+  const char* remedy;
+};
+class WeightDisguises : public WeightsTest, public testing::WithParamInterface<DisguiseRow> {};
+TEST_P(WeightDisguises, AreRefusedWithTheMend) {
+  write("pytorch_model.bin", GetParam().bytes);
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.finding, GetParam().finding);
+  EXPECT_EQ(refused.message, std::string("pytorch_model.bin: ") + GetParam().message);
+  EXPECT_EQ(refused.remedy, GetParam().remedy);
+}
+INSTANTIATE_TEST_SUITE_P(
+    All, WeightDisguises,
+    testing::Values(
+        DisguiseRow{"LfsPointer", "version https://git-lfs.github.com/spec/v1\noid sha256:00\nsize 9\n",
+                    "weights.lfs-pointer", "it is a Git LFS pointer and not its content",
+                    "git lfs pull --include 'pytorch_model.bin'"},
+        DisguiseRow{
+            "LinkText", "../../blobs/0123", "weights.link-text",
+            "it holds the text of a symbolic link and not its target's content",
+            "git config core.symlinks true && rm 'pytorch_model.bin' && git checkout -- 'pytorch_model.bin'"},
+        DisguiseRow{"WebPage", "<!DOCTYPE html><html></html>", "weights.web-page", "it is a web page",
+                    "curl -fL -H \"Authorization: Bearer $TOKEN\" -o 'pytorch_model.bin' \"$URL\""},
+        DisguiseRow{"Empty", "", "file.empty", "it is empty", "Fetch 'pytorch_model.bin' again."}),
+    [](const auto& row) { return row.param.name; });
+
+TEST_F(WeightsTest, RefusesAPartialArchive) {
+  const std::string whole = zipOf({{"w", {6}, {1}, "0", 6}}, kSix);
+  write("pytorch_model.bin", whole.substr(0, whole.size() - 100));
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.finding, "weights.partial");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: it ends in the middle: checkpoint: the archive cannot be opened: Not a zip "
+            "archive");
+}
+
+TEST_F(WeightsTest, DoesNotWaitForAFifo) {
+  ASSERT_EQ(::mkfifo((in() + "/model.safetensors").c_str(), 0600), 0);
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "file.not-regular");
+  EXPECT_EQ(refused.message, "model.safetensors: it is not a regular file");
+}
+
+// ---- the operating system
+
+TEST_F(WeightsTest, SaysWhenTheOutputCannotBeWritten) {
+  write("pytorch_model.bin", zipOf({{"w", {6}, {1}, "0", 6}}, kSix));
+  fs::remove(out());
+  try {
+    prepare();
+    FAIL() << "written to nowhere";
+  } catch (const Refused& refused) {
+    EXPECT_EQ(refused.exitCode(), 6);
+    EXPECT_EQ(refused.what(), out() + "/model.safetensors: cannot be written: No such file or directory");
+  }
+}
+
+TEST_F(WeightsTest, SaysWhenASourceIsShorterThanItWas) {
+  const std::string path = write("source", "12345678");
+  const Descriptor source(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const DataFile data{path, source.get(), "12345678"};
+  OutputTensor tensor;
+  tensor.name = "w";
+  tensor.type = "F32";
+  tensor.shape = {2};
+  tensor.bytes = 8;
+  tensor.data = &data;
+  writeSafetensors(out() + "/good.safetensors", {tensor});
+  EXPECT_EQ(dataOf("good.safetensors", "w"), "12345678");
+  ASSERT_EQ(::truncate(path.c_str(), 7), 0);
+  try {
+    writeSafetensors(out() + "/bad.safetensors", {tensor});
+    FAIL() << "written from nothing";
+  } catch (const Refused& refused) {
+    EXPECT_EQ(refused.exitCode(), 6);
+    EXPECT_EQ(refused.what(), path + ": cannot be read: it is shorter than it was");
+  }
+  EXPECT_THAT(outNames(), ElementsAre("good.safetensors"));
+}
+
+// ---- names
+
+TEST_F(WeightsTest, BringsThePrefixesOfAWrappedTextModelToKnownOnes) {
+  write("model.safetensors",
+        SafetensorsBuilder()
+            .tensor("language_model.lm_head.weight", "F32", {2})
+            .tensor("language_model.model.layers.0.self_attn.q_proj.weight", "F32", {2, 2})
+            .tensor("vision_tower.patch.weight", "F32", {2})
+            .bytes());
+  EXPECT_THAT(
+      changeTexts(prepare({false, {}, true})),
+      ElementsAre("model.safetensors: vision_tower.patch.weight: F32 [2] ->  (tensor.unmapped)",
+                  "model.safetensors: language_model.lm_head.weight: language_model.lm_head.weight -> "
+                  "lm_head.weight (tensor.unmapped)",
+                  "model.safetensors: language_model.model.layers.0.self_attn.q_proj.weight: "
+                  "language_model.model.layers.0.self_attn.q_proj.weight -> "
+                  "model.layers.0.self_attn.q_proj.weight (tensor.unmapped)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"),
+              ElementsAre("lm_head.weight F32 [2]", "model.layers.0.self_attn.q_proj.weight F32 [2,2]"));
+  EXPECT_EQ(dataOf("model.safetensors", "lm_head.weight"), test::patternBytes(8, 0));
+}
+
+TEST_F(WeightsTest, RefusesTwoTensorsThatGetOneName) {
+  write("a.safetensors", SafetensorsBuilder().tensor("model.norm.weight", "F32", {2}).bytes());
+  write("b.safetensors", SafetensorsBuilder().tensor("output_norm.weight", "F32", {2}).bytes());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "tensor.duplicate");
+  EXPECT_EQ(
+      refused.message,
+      "b.safetensors: tensors 'output_norm.weight' and 'model.norm.weight' (a.safetensors) both get the "
+      "name 'output_norm.weight'");
+}
+
+TEST_F(WeightsTest, SeesCollisionsThatOnlyTheArchitectureMakes) {
+  // Gemma's second norm has a name of its own; elsewhere both are the norm before the feed-forward.
+  const std::string bytes = SafetensorsBuilder()
+                                .tensor("model.layers.0.post_attention_layernorm.weight", "F32", {2})
+                                .tensor("model.layers.0.pre_feedforward_layernorm.weight", "F32", {2})
+                                .bytes();
+  write("model.safetensors", bytes);
+  EXPECT_EQ(refusal().finding, "tensor.duplicate");
+  write("config.json", R"({"model_type":"gemma2"})");
+  EXPECT_EQ(refusal().code, 0);
+}
+
+TEST_F(WeightsTest, KeepsANameOf63BytesAndShortensOneOf64) {
+  const std::string stem = std::string(62, 'n');
+  write("model.safetensors",
+        SafetensorsBuilder().tensor(stem + "1", "F32", {2}).tensor(stem + "23", "F32", {2}).bytes());
+  const Changes changes = prepare();
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_EQ(changes[0].finding, "tensor.name-cut");
+  EXPECT_EQ(changes[0].from, stem + "23");
+  EXPECT_EQ(changes[0].to.size(), 63u);
+  EXPECT_EQ(changes[0].to.substr(0, 47), std::string(46, 'n') + "~");
+  EXPECT_THAT(tensorsIn("model.safetensors"),
+              testing::UnorderedElementsAre(stem + "1 F32 [2]", changes[0].to + " F32 [2]"));
+}
+
+TEST_F(WeightsTest, TellsLongNamesApartThatAreEqualOnceCut) {
+  const std::string stem = std::string(70, 'n');
+  write("model.safetensors",
+        SafetensorsBuilder().tensor(stem + "a", "F32", {2}).tensor(stem + "b", "F32", {2}).bytes());
+  const Changes changes = prepare();
+  ASSERT_EQ(changes.size(), 2u);
+  EXPECT_NE(changes[0].to, changes[1].to);
+}
+
+TEST_F(WeightsTest, RefusesNamesThatAreEmptyOrHoldAZeroByte) {
+  write("model.safetensors", SafetensorsBuilder().tensor("", "F32", {2}).bytes());
+  EXPECT_EQ(refusal().message, "model.safetensors: a tensor has an empty name");
+  write("model.safetensors", SafetensorsBuilder().tensor(std::string("a\0b", 3), "F32", {2}).bytes());
+  EXPECT_EQ(refusal().message, "model.safetensors: the name of tensor 'a\\0b' holds a zero byte");
+}
+
+TEST_F(WeightsTest, SplitsFusedColumnsThatAnImportWouldCutAlongRows) {
+  // Rows of [q q | k k | v v].
+  std::vector<float> fused;
+  for (int k = 0; k < 12; ++k)
+    fused.push_back(float(k));
+  write("model.safetensors",
+        SafetensorsBuilder().tensorData("h.3.attn.c_attn.weight", "F32", {2, 6}, bytesOf(fused)).bytes());
+  const Changes changes = prepare();
+  EXPECT_EQ(changes.back().finding, "tensor.fused-columns");
+  EXPECT_EQ(changes.back().to, "blk.3.attn_q.weight, blk.3.attn_k.weight, blk.3.attn_v.weight");
+  EXPECT_EQ(dataOf("model.safetensors", "blk.3.attn_q.weight"), bytesOf<float>({0, 1, 6, 7}));
+  EXPECT_EQ(dataOf("model.safetensors", "blk.3.attn_k.weight"), bytesOf<float>({2, 3, 8, 9}));
+  EXPECT_EQ(dataOf("model.safetensors", "blk.3.attn_v.weight"), bytesOf<float>({4, 5, 10, 11}));
+}
+
+}  // namespace
+}  // namespace zel::tool::prepare
