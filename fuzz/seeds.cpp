@@ -10,6 +10,7 @@
 #include "support/proto_builder.h"
 #include "support/safetensors_builder.h"
 #include "support/zip_builder.h"
+#include "torch_seeds.h"
 
 namespace zel::fuzz {
 namespace {
@@ -427,8 +428,8 @@ SeedSet directorySeeds() {
 }  // namespace
 
 std::vector<SeedSet> allSeeds() {
-  return {jsonSeeds(),          safetensorsSeeds(),    pytorchSeeds(),   pickleSeeds(),
-          tokenizerJsonSeeds(), tokenizerModelSeeds(), containerSeeds(), directorySeeds()};
+  return {jsonSeeds(),           safetensorsSeeds(), pytorchSeeds(),   pickleSeeds(),   tokenizerJsonSeeds(),
+          tokenizerModelSeeds(), containerSeeds(),   directorySeeds(), torchZipSeeds(), torchLegacySeeds()};
 }
 
 }  // namespace zel::fuzz

@@ -38,4 +38,14 @@ void checkContainer(std::string_view input);
 // verification finds agree.
 void checkDirectory(std::string_view input);
 
+// An ordinary torch.save checkpoint in the zip form; input that does not begin like an archive is the program
+// of one. Tensors lie inside their storages, storages inside the file; what is unpacked is as long as
+// declared, and what is gathered of a tensor is what one finds element by element. Equal files give equal
+// checkpoints.
+void checkTorchZip(std::string_view input);
+
+// The same in the form before; input that does not begin with the magic number is what follows the first
+// three pickles.
+void checkTorchLegacy(std::string_view input);
+
 }  // namespace zel::fuzz

@@ -36,6 +36,8 @@ Check checkOfTarget() {
   if (kTarget == "tokenizer_json") return checkTokenizerJson;
   if (kTarget == "tokenizer_model") return checkTokenizerModel;
   if (kTarget == "container") return checkContainer;
+  if (kTarget == "torch_zip") return checkTorchZip;
+  if (kTarget == "torch_legacy") return checkTorchLegacy;
   throw std::logic_error("no such target");
 }
 
