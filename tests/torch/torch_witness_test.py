@@ -64,6 +64,8 @@ class Witness(unittest.TestCase):
         self.assertEqual(run.returncode, 0, run.stderr)
         run = self.run_tool(OKV2, "verify", container, "--against", out)
         self.assertEqual(run.returncode, 0, run.stderr)
+        run = self.run_tool(OKV2, "verify", container, "--against", self.model, "--prepare", *options)
+        self.assertEqual((run.returncode, run.stderr), (0, b""))
         return okv2.open(container)
 
     def assert_same(self, container, expected):

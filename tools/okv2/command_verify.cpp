@@ -11,6 +11,8 @@
 #include "okv2/failure.h"
 #include "okv2/messages.h"
 #include "okv2/plan/import_plan.h"
+#include "okv2/prepare/compare_weights.h"
+#include "okv2/prepare/outcome.h"
 
 namespace zel::tool {
 namespace {
@@ -82,6 +84,22 @@ int finish(const VerifyOptions& options, const ContainerView& view, int code,
   return code;
 }
 
+int differences(const VerifyOptions& options, const ContainerView& view,
+                const std::vector<std::string>& texts) {
+  for (const std::string& text : texts)
+    complain("{}: {}", escaped(options.file), text);
+  return finish(options, view, texts.empty() ? kExitOk : kExitDifferent, texts);
+}
+
+int comparePrepared(const VerifyOptions& options, const ContainerView& view) {
+  try {
+    return differences(options, view, prepare::compareWeights(view, options.against, options.weights));
+  } catch (const prepare::Refused& refused) {
+    return fail(options.json, "verify", refused.exitCode(),
+                fmt::format("{}: {}", escaped(options.against), escaped(refused.what())));
+  }
+}
+
 }  // namespace
 
 int runVerify(const VerifyOptions& options) {
@@ -93,15 +111,13 @@ int runVerify(const VerifyOptions& options) {
   printFindings(options.file, view.findings);
   if (!good) return finish(options, view, kExitBadContainer, {});
   if (options.against.empty()) return finish(options, view, kExitOk, {});
+  if (options.prepare) return comparePrepared(options, view);
   const plan::ImportPlan plan = plan::planImport(options.against);
   if (!plan.status.ok()) {
     return fail(options.json, "verify", plan::hostCodeOf(plan.status),
                 fmt::format("{}: {}", escaped(options.against), escaped(plan.status.message())));
   }
-  const std::vector<std::string> differences = compare(view, plan);
-  for (const std::string& text : differences)
-    complain("{}: {}", escaped(options.file), text);
-  return finish(options, view, differences.empty() ? kExitOk : kExitDifferent, differences);
+  return differences(options, view, compare(view, plan));
 }
 
 }  // namespace zel::tool

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "okv2/prepare/weights.h"
+
 namespace zel::tool {
 
 struct ImportOptions {
@@ -46,6 +48,8 @@ struct ListOptions {
 struct VerifyOptions {
   std::string file;
   std::string against;  // model directory; empty for none
+  bool prepare = false;  // the directory was prepared, with `weights`, and then imported
+  prepare::WeightOptions weights;
   bool json = false;
 };
 

@@ -103,7 +103,18 @@ void addContainerCommands(CLI::App& app, int& exitCode) {
   const auto [verify, verified] =
       addCommand<VerifyOptions>(app, "verify", "Check a container against its format", runVerify, exitCode);
   verify->add_option("FILE", verified->file, "Container file")->required();
-  verify->add_option("--against", verified->against, "Compare every tensor with this model directory");
+  CLI::Option* against =
+      verify->add_option("--against", verified->against, "Compare every tensor with this model directory");
+  CLI::Option* prepared =
+      verify->add_flag("--prepare", verified->prepare, "With --against: as `okv2 prepare` brings its tensors")
+          ->needs(against);
+  verify->add_flag("--cast", verified->weights.cast, "With --prepare: 64-bit floats became 32-bit ones")
+      ->needs(prepared);
+  verify->add_flag("--text-only", verified->weights.textOnly, "With --prepare: towers were left out")
+      ->needs(prepared);
+  verify->add_option("--drop", verified->weights.drop, "With --prepare: tensors that were left out")
+      ->needs(prepared)
+      ->type_name("REGEX");
   addJsonFlag(*verify, verified->json);
   const auto [hash, hashed] =
       addCommand<HashOptions>(app, "hash", "Print the SHA-256 of every tensor", runHash, exitCode);

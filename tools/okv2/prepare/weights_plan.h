@@ -1,0 +1,35 @@
+// The weights of a directory, read and decided about; nothing is written yet.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "okv2/prepare/outcome.h"
+#include "okv2/prepare/tensor_plan.h"
+#include "okv2/prepare/weight_file.h"
+#include "okv2/prepare/weights.h"
+
+namespace zel::tool::prepare {
+
+class WeightsPlan {
+ public:
+  // Opens every weight file of `dir` and settles what becomes of its tensors; called once. Appends what is
+  // changed to `changes`. Throws Refused.
+  void open(const std::string& dir, const WeightOptions& options, Changes& changes);
+
+  // As HfImporter names it; empty when the configuration does not tell.
+  [[nodiscard]] const std::string& architecture() const noexcept { return architecture_; }
+  [[nodiscard]] std::vector<PlannedShard>& shards() noexcept { return shards_; }
+
+  // Settles where the bytes of the shard's tensors lie; deflated ones are unpacked to a file without a name
+  // in the directory `scratch`. Throws Refused when they are damaged.
+  static void place(PlannedShard& shard, const std::string& scratch);
+
+ private:
+  std::string architecture_;
+  std::vector<std::unique_ptr<WeightFile>> files_;
+  std::vector<PlannedShard> shards_;
+};
+
+}  // namespace zel::tool::prepare
