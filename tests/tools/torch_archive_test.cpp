@@ -393,6 +393,21 @@ TEST(TorchStateDict, IsNotChosenAmongSeveral) {
       programStatus(wrapped({"a", "b"})),
       StatusIs(Code::Unsupported, "checkpoint: it holds more than one dictionary of tensors: 'a', 'b'"));
 }
+TEST(TorchStateDict, RefusesALongWrapperThatEveryNameWouldCarry) {
+  EXPECT_THAT(programStatus(wrapped({std::string(256, 'k')})), IsOk());
+  EXPECT_THAT(programStatus(wrapped({std::string(257, 'k')})),
+              StatusIs(Code::Unsupported,
+                       "checkpoint: the key of the dictionary of tensors has more than 256 bytes"));
+}
+TEST(TorchStateDict, NamesWhatIsBesideItOnce) {
+  SavedPickle program;
+  program.op(op::kEmptyDict).op(op::kMark).text("state_dict").stateDict({kTensor});
+  for (int k = 0; k < 3; ++k)
+    program.text("again").op(op::kNone);
+  const Parsed parsed(savedZip(program.op(op::kSetItems).stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  EXPECT_EQ(parsed.checkpoint.others().size(), 1u);
+}
 TEST(TorchStateDict, SaysWhenTensorsLieDeeperThanItsOwn) {
   const Parsed parsed(
       savedZip(SavedPickle().stateDict({kTensor}).text("deep").stateDict({kTensor}).op(op::kSetItem).stop(),

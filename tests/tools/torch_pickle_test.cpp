@@ -238,15 +238,22 @@ TEST(TorchPickle, RefusesANegativeStride) {
   EXPECT_THAT(run.status, StatusIs(Code::Corrupted, "checkpoint: the pickle has a bad tensor at byte " +
                                                         std::to_string(run.program.size() - 1)));
 }
-TEST(TorchPickle, RefusesMoreThan64Extents) {
-  const std::vector<std::uint64_t> ones(65, 1);
+TEST(TorchPickle, RefusesMoreThanEightExtents) {
+  const std::vector<std::uint64_t> ones(9, 1);
   EXPECT_THAT(tensorStatus({"", ones, ones, "0", 1}),
-              StatusIs(Code::Unsupported, "checkpoint: the pickle has a tensor of more than 64 extents"));
-  const std::vector<std::uint64_t> fewer(64, 1);
+              StatusIs(Code::Unsupported, "checkpoint: the pickle has a tensor of more than 8 extents"));
+  const std::vector<std::uint64_t> fewer(8, 1);
   EXPECT_THAT(tensorStatus({"", fewer, fewer, "0", 1}), IsOk());
 }
 TEST(TorchPickle, RefusesAStorageOfMoreBytesThanCanBeCounted) {
   EXPECT_EQ(tensorStatus({"", {1}, {1}, "0", std::uint64_t{1} << 62}).code(), Code::Corrupted);
+}
+
+TEST(TorchPickle, RefusesALongStorageKeyThatEveryLookupWouldPayFor) {
+  EXPECT_THAT(tensorStatus({"", {1}, {1}, std::string(256, 'k'), 1}), IsOk());
+  EXPECT_THAT(
+      tensorStatus({"", {1}, {1}, std::string(257, 'k'), 1}),
+      StatusIs(Code::Unsupported, "checkpoint: the pickle has a storage with a key of more than 256 bytes"));
 }
 
 std::string typedTensor(std::uint64_t bytes, const std::vector<std::uint64_t>& shape) {

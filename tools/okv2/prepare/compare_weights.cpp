@@ -6,7 +6,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <unordered_map>
+#include <map>
 #include <utility>
 
 #include "container/dtype.h"
@@ -151,7 +151,7 @@ class Comparison {
 
   const ContainerView& view_;
   const std::string& architecture_;
-  std::unordered_map<std::string_view, const TensorView*> unseen_;
+  std::map<std::string_view, const TensorView*> unseen_;
   std::vector<std::string> out_;
 };
 

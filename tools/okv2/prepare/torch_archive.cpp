@@ -1,6 +1,6 @@
 #include "okv2/prepare/torch_archive.h"
 
-#include <unordered_map>
+#include <map>
 #include <utility>
 
 #include "container/bytes.h"
@@ -161,14 +161,14 @@ Status TorchCheckpoint::parseLegacy() {
 
 Status TorchCheckpoint::walkLegacyStorages(const PickleValue& keys, std::uint64_t position) {
   if (!keys.is(Kind::List)) return corrupted("checkpoint: it does not list its storages");
-  std::unordered_map<std::string_view, std::uint32_t> elementBytes;
+  std::map<std::string_view, std::uint32_t> elementBytes;
   for (const PickleStorage* storage : machine_.storages())
     elementBytes.emplace(storage->key, storage->type->bytes);
   struct Run {
     std::uint64_t offset;
     std::uint64_t bytes;
   };
-  std::unordered_map<std::string_view, Run> runs;
+  std::map<std::string_view, Run> runs;
   ByteReader in(file_);
   if (!in.seek(position)) return corrupted("checkpoint: it ends before its storages");
   for (const PickleItem* item = keys.node().first; item != nullptr; item = item->next) {
@@ -206,7 +206,7 @@ Status TorchCheckpoint::walkLegacyStorages(const PickleValue& keys, std::uint64_
 
 Status TorchCheckpoint::takeTensors(
     const std::function<Status(const PickleStorage&, TorchStorage&)>& locate) {
-  std::unordered_map<std::string_view, std::size_t> positions;
+  std::map<std::string_view, std::size_t> positions;
   for (auto& [name, tensor] : dict_.tensors) {
     const PickleStorage& declared = *tensor->storage;
     const auto [found, isNew] = positions.emplace(declared.key, storages_.size());

@@ -14,6 +14,7 @@ using Kind = PickleKind;
 
 constexpr std::uint8_t kStop = '.';
 constexpr std::size_t kShownBytes = 200;  // of a global's name, in a message
+constexpr std::size_t kMaxKeyBytes = 256;
 
 // Extents, strides and offsets: an Integer of 0 and more.
 bool isSize(const PickleValue& value) { return value.is(Kind::Integer) && value.integer() >= 0; }
@@ -430,6 +431,9 @@ bool TorchPickle::persistentId() {
       !isSize(node.at(4))) {
     return corrupt("has a bad persistent id");
   }
+  // Keys are looked up for every tensor, and the memo may hand out one long key to all of them.
+  if (node.at(2).text().size() > kMaxKeyBytes)
+    return reject("has a storage with a key of more than 256 bytes");
   if (!spend(1)) return false;
   PickleStorage* const storage = storageArena_.make();
   storage->key = node.at(2).text();
@@ -516,7 +520,8 @@ bool TorchPickle::rebuildTensor(const PickleNode& args, bool typeIsGiven) {
       shape.node().count != strides.node().count) {
     return corrupt("has a bad tensor");
   }
-  if (shape.node().count > kMaxTorchExtents) return reject("has a tensor of more than 64 extents");
+  if (shape.node().count > kMaxTorchExtents)
+    return reject("has a tensor of more than " + std::to_string(kMaxTorchExtents) + " extents");
   if (!areSizes(shape.node()) || !areSizes(strides.node())) return corrupt("has a bad tensor");
   if (!spend(1)) return false;
   PickleTensor* const tensor = tensors_.make();

@@ -110,7 +110,8 @@ struct PickleStorage {
   std::uint64_t viewEnd = 0;    // and ends
 };
 
-inline constexpr std::size_t kMaxTorchExtents = 64;
+// Every tensor keeps its own copy, so a shape that the memo hands out again and again must be short.
+inline constexpr std::size_t kMaxTorchExtents = 8;
 
 struct PickleTensor {
   const PickleStorage* storage = nullptr;

@@ -1,7 +1,7 @@
 #include "okv2/prepare/torch_state_dict.h"
 
+#include <set>
 #include <string_view>
-#include <unordered_set>
 
 namespace zel::tool::prepare {
 namespace {
@@ -52,8 +52,12 @@ const PickleItem* findOnlyStateDict(const PickleNode& root, std::string& names) 
   return count == 1 ? found : nullptr;
 }
 
+// The memo can hand out one long text as any number of keys: each is taken once, and a key that is put before
+// others must be short.
+constexpr std::size_t kMaxWrapperBytes = 256;
+
 Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict& out) {
-  std::unordered_set<std::string_view> seen;
+  std::set<std::string_view> seen;  // ordered: names can be made to collide under a hash
   for (const PickleItem* item = dict.first; item != nullptr; item = item->next) {
     if (!item->key.is(Kind::Text)) {
       return unsupported(std::string("checkpoint: a key of the dictionary of tensors is ") +
@@ -110,11 +114,17 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     return unsupported(names.empty() ? "checkpoint: it holds no dictionary of tensors by name"
                                      : "checkpoint: it holds more than one dictionary of tensors: " + names);
   }
+  if (chosen->key.text().size() > kMaxWrapperBytes) {
+    return unsupported("checkpoint: the key of the dictionary of tensors has more than 256 bytes");
+  }
   out.within = chosen->key.text();
+  std::set<std::string_view> seen;  // ordered: names can be made to collide under a hash
   for (const PickleItem* item = root.node().first; item != nullptr; item = item->next) {
     if (item == chosen) continue;
-    const std::string key = item->key.is(Kind::Text) ? std::string(item->key.text()) : "";
-    out.others.push_back({key, pickleKindName(item->value.kind()), false});
+    const std::string_view key = item->key.is(Kind::Text) ? item->key.text() : std::string_view();
+    if (seen.insert(key).second) {
+      out.others.push_back({std::string(key), pickleKindName(item->value.kind()), false});
+    }
   }
   return takeEntries(chosen->value.node(), out.within + ".", out);
 }

@@ -22,7 +22,9 @@ namespace zel::tool::prepare {
 class NameList {
  public:
   void add(const std::string& name) {
-    if (count_++ < kNamed) text_ += (text_.empty() ? "" : ", ") + name;
+    if (count_++ >= kNamed) return;
+    text_ += text_.empty() ? "" : ", ";
+    text_ += name.size() > kShownBytes ? name.substr(0, kShownBytes) + "..." : name;
   }
   [[nodiscard]] std::size_t count() const noexcept { return count_; }
   [[nodiscard]] std::string text() const {
@@ -31,6 +33,7 @@ class NameList {
 
  private:
   static constexpr std::size_t kNamed = 8;
+  static constexpr std::size_t kShownBytes = 300;
   std::size_t count_ = 0;
   std::string text_;
 };

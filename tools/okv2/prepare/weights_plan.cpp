@@ -1,7 +1,7 @@
 #include "okv2/prepare/weights_plan.h"
 
+#include <set>
 #include <string_view>
-#include <unordered_set>
 
 #include "hf/hf_importer.h"
 #include "okv2/exit_codes.h"
@@ -25,7 +25,7 @@ void compareWithIndex(const WeightSources& sources, const std::vector<std::uniqu
   for (const auto& file : files) {
     const auto listed = sources.indexed.find(file->name());
     if (listed == sources.indexed.end()) continue;
-    std::unordered_set<std::string_view> present;
+    std::set<std::string_view> present;
     for (const SourceTensor& tensor : file->tensors())
       present.insert(tensor.name);
     NameList missing;
