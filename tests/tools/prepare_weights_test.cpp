@@ -13,6 +13,7 @@
 #include "container/descriptor.h"
 #include "okv2/prepare/safetensors_writer.h"
 #include "prepare_weights.h"
+#include "readers/mapped_file.h"
 #include "support/safetensors_builder.h"
 #include "support/torch_builder.h"
 
@@ -498,25 +499,41 @@ TEST_F(WeightsTest, SaysWhenTheOutputCannotBeWritten) {
   }
 }
 
-TEST_F(WeightsTest, SaysWhenASourceIsShorterThanItWas) {
-  const std::string path = write("source", "12345678");
-  const Descriptor source(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  const DataFile data{path, source.get(), "12345678"};
+// A source of three pages, whose tensor is all of it.
+struct ShrinkingSource {
+  explicit ShrinkingSource(const std::string& file) : path(file) {
+    EXPECT_EQ(mapping.open(path.c_str(), 1), MapResult::Ok);
+    descriptor.reset(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    data = {path, descriptor.get(), mapping.bytes()};
+    tensor.name = "w";
+    tensor.type = "F32";
+    tensor.shape = {kBytes / 4};
+    tensor.bytes = kBytes;
+    tensor.data = &data;
+  }
+  static constexpr std::uint64_t kBytes = 3 * 4096;
+  std::string path;
+  MappedFile mapping;
+  Descriptor descriptor;
+  DataFile data;
   OutputTensor tensor;
-  tensor.name = "w";
-  tensor.type = "F32";
-  tensor.shape = {2};
-  tensor.bytes = 8;
-  tensor.data = &data;
-  writeSafetensors(out() + "/good.safetensors", {tensor});
-  EXPECT_EQ(dataOf("good.safetensors", "w"), "12345678");
-  ASSERT_EQ(::truncate(path.c_str(), 7), 0);
-  try {
-    writeSafetensors(out() + "/bad.safetensors", {tensor});
-    FAIL() << "written from nothing";
-  } catch (const Refused& refused) {
-    EXPECT_EQ(refused.exitCode(), 6);
-    EXPECT_EQ(refused.what(), path + ": cannot be read: it is shorter than it was");
+};
+
+TEST_F(WeightsTest, SaysWhenASourceIsShorterThanItWas) {
+  const std::string bytes = test::patternBytes(ShrinkingSource::kBytes);
+  ShrinkingSource source(write("source", bytes));
+  writeSafetensors(out() + "/good.safetensors", {source.tensor});
+  EXPECT_EQ(dataOf("good.safetensors", "w"), bytes);
+  // By a byte, which leaves its page, and by whole pages.
+  for (const std::uint64_t left : {ShrinkingSource::kBytes - 1, std::uint64_t{4096}}) {
+    ASSERT_EQ(::ftruncate(source.descriptor.get(), static_cast<off_t>(left)), 0);
+    try {
+      writeSafetensors(out() + "/bad.safetensors", {source.tensor});
+      FAIL() << "written from nothing";
+    } catch (const Refused& refused) {
+      EXPECT_EQ(refused.exitCode(), 6);
+      EXPECT_EQ(refused.what(), source.path + ": cannot be read: it is shorter than it was");
+    }
   }
   EXPECT_THAT(outNames(), ElementsAre("good.safetensors"));
 }

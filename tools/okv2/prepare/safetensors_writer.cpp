@@ -2,7 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/sendfile.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "container/descriptor.h"
+#include "container/page_advice.h"
 #include "okv2/exit_codes.h"
 #include "okv2/pending_file.h"
 #include "okv2/prepare/outcome.h"
@@ -19,8 +20,9 @@ namespace zel::tool::prepare {
 namespace {
 
 constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
-constexpr std::uint64_t kKernelPieceBytes = std::uint64_t{256} << 20;  // between two looks at a signal
 constexpr std::size_t kAlignment = 8;  // of the data region; the library aligns it so too
+
+constexpr char kShorter[] = "it is shorter than it was";
 
 [[noreturn]] void cannotWrite(const std::string& path, const std::string& reason) {
   throw Refused(kExitIoError, "", path + ": cannot be written: " + reason,
@@ -62,15 +64,17 @@ class ShardFile {
     }
   }
 
-  // `size` bytes of `from`, without bringing them into this process.
+  // `size` bytes of `from`: the kernel takes them from the mapping, piece by piece while they are in the
+  // processor's cache. That is faster than copy_file_range(), and a file that shrinks is a failed write.
   void copy(const DataFile& from, std::uint64_t offset, std::uint64_t size) {
-    while (size > 0) {
-      const ssize_t n = copyPiece(from.descriptor, offset, std::min(size, kKernelPieceBytes));
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) cannotWrite(path_, std::strerror(errno));
-      if (n == 0) cannotRead(from.path, "it is shorter than it was");
-      offset += static_cast<std::uint64_t>(n);
-      size -= static_cast<std::uint64_t>(n);
+    if (offset > from.bytes.size() || size > from.bytes.size() - offset) cannotRead(from.path, kShorter);
+    for (std::uint64_t done = 0; done < size;) {
+      const std::size_t n = std::min<std::uint64_t>(kPieceBytes, size - done);
+      const char* const piece = from.bytes.data() + offset + done;
+      populatePages(piece, n);
+      writePiece(from, piece, n);
+      releasePages(piece, n);
+      done += n;
     }
   }
 
@@ -79,27 +83,22 @@ class ShardFile {
   }
 
  private:
-  ssize_t copyPiece(int from, std::uint64_t offset, std::uint64_t size) {
-    auto at = static_cast<off_t>(offset);
-    if (useCopyFileRange_) {
-      const ssize_t n = ::copy_file_range(from, &at, file_.get(), nullptr, size, 0);
-      if (n >= 0 || errno == EINTR || errno == ENOSPC || errno == EIO || errno == EFBIG) return n;
-      useCopyFileRange_ = false;  // the two file systems cannot do it together
-      at = static_cast<off_t>(offset);
+  void writePiece(const DataFile& from, const char* data, std::size_t size) {
+    while (size > 0) {
+      const ssize_t n = ::write(file_.get(), data, size);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && errno == EFAULT) cannotRead(from.path, kShorter);
+      if (n <= 0) cannotWrite(path_, std::strerror(errno));
+      data += n;
+      size -= static_cast<std::size_t>(n);
     }
-    return ::sendfile(file_.get(), from, &at, size);
   }
 
   std::string path_;
   Descriptor file_;
-  bool useCopyFileRange_ = true;
 };
 
-void writeTensor(const OutputTensor& tensor, std::vector<char>& piece, ShardFile& file) {
-  if (tensor.strides.empty() && !tensor.cast) {
-    file.copy(*tensor.data, tensor.offset, tensor.bytes);
-    return;
-  }
+void writeElements(const OutputTensor& tensor, std::vector<char>& piece, ShardFile& file) {
   ElementReader reader(tensor);
   for (std::size_t n; (n = reader.next(piece.data(), piece.size())) > 0;) {
     if (tensor.cast) {
@@ -108,6 +107,22 @@ void writeTensor(const OutputTensor& tensor, std::vector<char>& piece, ShardFile
     }
     file.write(piece.data(), n);
   }
+}
+
+// What was cut off the last page of a mapping reads as zeros.
+void refuseShorter(const DataFile& data) {
+  struct stat info {};
+  if (::fstat(data.descriptor, &info) != 0) cannotRead(data.path, std::strerror(errno));
+  if (static_cast<std::uint64_t>(info.st_size) < data.bytes.size()) cannotRead(data.path, kShorter);
+}
+
+void writeTensor(const OutputTensor& tensor, std::vector<char>& piece, ShardFile& file) {
+  if (tensor.strides.empty() && !tensor.cast) {
+    file.copy(*tensor.data, tensor.offset, tensor.bytes);
+  } else {
+    writeElements(tensor, piece, file);
+  }
+  refuseShorter(*tensor.data);
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 namespace zel::tool::prepare {
 
 // Writes a shard of these tensors, in this order, to `path`, which appears only when it is complete. Bytes
-// that lie one after the other pass from file to file inside the kernel. Throws Refused when the operating
-// system does not read or write, or a source is shorter than it was.
+// that lie one after the other are handed to the kernel where they are mapped. Throws Refused when the
+// operating system does not read or write, or a source is shorter than it was.
 void writeSafetensors(const std::string& path, const std::vector<OutputTensor>& tensors);
 
 // The length, the JSON text and its padding, as they begin the file.
