@@ -277,6 +277,17 @@ TEST(TorchLegacy, RefusesAViewThatLeavesItsStorage) {
   EXPECT_EQ(Parsed(savedLegacy(viewPickle(3, 2, 1), {{"0", 4, kFloats}})).status.code(), Code::Corrupted);
 }
 
+TEST(TorchLegacy, RefusesAStorageOfMoreBytesThanCanBeCounted) {
+  // The view that the tensor lies in is small, the storage around it is not.
+  std::string program = viewPickle(0, 2, 2);
+  const std::string four = SavedPickle::bare().number(4).bytes();
+  program.replace(program.find(four), four.size(),
+                  SavedPickle::bare().number(std::uint64_t{1} << 62).bytes());
+  EXPECT_THAT(
+      Parsed(savedLegacy(program, {{"0", 4, kFloats}})).status,
+      StatusIs(Code::Corrupted, "checkpoint: storage '0' has 16 bytes, 18446744073709551615 are declared"));
+}
+
 struct LegacyRow {
   const char* name;
   std::string file;

@@ -1,5 +1,6 @@
 #include "okv2/prepare/torch_archive.h"
 
+#include <limits>
 #include <map>
 #include <utility>
 
@@ -37,9 +38,11 @@ Status tooFewBytes(const std::string& key, std::uint64_t have, std::uint64_t nee
                    std::to_string(need) + " are declared");
 }
 
-// Bytes of the whole stored run. The machine has checked the product for storages that tensors use.
-bool declaredBytes(const PickleStorage& storage, std::uint64_t& bytes) {
-  return checkedMul(storage.elements, storage.type->bytes, bytes);
+// Bytes of the whole stored run, or all ones when they do not fit 64 bits.
+std::uint64_t declaredBytes(const PickleStorage& storage) {
+  std::uint64_t bytes;
+  return checkedMul(storage.elements, storage.type->bytes, bytes) ? bytes
+                                                                  : std::numeric_limits<std::uint64_t>::max();
 }
 
 }  // namespace
@@ -90,8 +93,8 @@ Status TorchCheckpoint::parseZip() {
       return corrupted("checkpoint: the archive has no entry '" + folder + "data/" + out.key + "'");
     }
     ZEL_RETURN_IF_ERROR(zip_.describe(index, out.entry));
-    std::uint64_t need;
-    if (!declaredBytes(declared, need) || need > out.entry.bytes) {
+    const std::uint64_t need = declaredBytes(declared);
+    if (need > out.entry.bytes) {
       return tooFewBytes(out.key, out.entry.bytes, need);
     }
     out.bytes = out.entry.bytes;
@@ -192,8 +195,8 @@ Status TorchCheckpoint::walkLegacyStorages(const PickleValue& keys, std::uint64_
   return takeTensors([&](const PickleStorage& declared, TorchStorage& out) -> Status {
     const auto found = runs.find(declared.key);
     if (found == runs.end()) return corrupted("checkpoint: storage '" + out.key + "' is not in the file");
-    std::uint64_t need;
-    if (!declaredBytes(declared, need) || need > found->second.bytes) {
+    const std::uint64_t need = declaredBytes(declared);
+    if (need > found->second.bytes) {
       return tooFewBytes(out.key, found->second.bytes, need);
     }
     out.bytes = found->second.bytes;
@@ -217,9 +220,8 @@ Status TorchCheckpoint::takeTensors(
       storages_.push_back(std::move(storage));
     }
     // Another tensor may declare the same storage longer, or of another type.
-    std::uint64_t need;
-    if (const TorchStorage& storage = storages_[found->second];
-        !declaredBytes(declared, need) || need > storage.bytes) {
+    const std::uint64_t need = declaredBytes(declared);
+    if (const TorchStorage& storage = storages_[found->second]; need > storage.bytes) {
       return tooFewBytes(storage.key, storage.bytes, need);
     }
     TorchTensor& out = tensors_.emplace_back();

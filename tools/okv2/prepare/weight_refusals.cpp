@@ -14,8 +14,11 @@ void refuseWeights(int exitCode, explain::Id finding, const std::string& subject
 void refuseWeights(int exitCode, explain::Id finding, const std::string& subject, const std::string& message,
                    const std::string& remedy) {
   // An exception's text ends at its first zero byte, and names may hold some.
+  std::string text = subject;
+  text += ": ";
+  text += message;
   std::string whole;
-  for (const char c : subject + ": " + message) {
+  for (const char c : text) {
     if (c == '\0') {
       whole += "\\0";
     } else {
