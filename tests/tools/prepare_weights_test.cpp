@@ -454,7 +454,7 @@ TEST_P(WeightDisguises, AreRefusedWithTheMend) {
 INSTANTIATE_TEST_SUITE_P(
     All, WeightDisguises,
     testing::Values(
-        DisguiseRow{"LfsPointer", "version https://git-lfs.github.com/spec/v1\noid sha256:00\nsize 9\n",
+        DisguiseRow{"LfsPointer", "version https://git-lfs.example/v1\noid sha256:00\nsize 9\n",
                     "weights.lfs-pointer", "it is a Git LFS pointer and not its content",
                     "git lfs pull --include 'pytorch_model.bin'"},
         DisguiseRow{
