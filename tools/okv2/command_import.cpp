@@ -20,7 +20,9 @@
 #include "okv2/import_progress.h"
 #include "okv2/import_record.h"
 #include "okv2/messages.h"
+#include "okv2/pending_directory.h"
 #include "okv2/pending_file.h"
+#include "okv2/prepare_output.h"
 
 namespace zel::tool {
 namespace {
@@ -51,10 +53,9 @@ ImportProgress::Style progressStyle() {
 
 // Null when there is nothing to show. The plan and its mappings are gone when this returns: the import needs
 // the address space.
-std::unique_ptr<ImportProgress> startProgress(const ImportOptions& options, const std::string& path) {
-  if (options.quiet) return nullptr;
+std::unique_ptr<ImportProgress> startProgress(const std::string& directory, const std::string& path) {
   try {
-    const plan::ImportPlan plan = plan::planImport(options.directory);
+    const plan::ImportPlan plan = plan::planImport(directory);
     if (!plan.status.ok()) return nullptr;  // the plug-in will say so
     return std::make_unique<ImportProgress>(path, plan.fileBytes, milestonesOf(plan), progressStyle());
   } catch (const std::exception&) {
@@ -66,6 +67,24 @@ int refuse(ImportRecord& record, int code, const std::string& message) {
   complain("{}", message);
   record.message = message;
   return code;
+}
+
+// Prepares the directory beside the output. kExitOk, or the exit code after telling why not.
+int prepareSource(const ImportOptions& options, PendingDirectory& prepared, ImportRecord& record) {
+  std::string reason;
+  if (!prepared.create(options.output, reason)) {
+    return refuse(record, kExitNoOutput,
+                  fmt::format("cannot create a directory beside {}: {}", escaped(options.output), reason));
+  }
+  try {
+    prepare::Prepared result = prepare::prepareDirectory(options.directory, prepared.path(), options.weights);
+    if (!options.quiet) printPrepared(result);
+    record.explanation = std::move(result.explanation);
+    record.changes = std::move(result.changes);
+    return kExitOk;
+  } catch (const prepare::Refused& refused) {
+    return complainRefused(options.directory, refused, record.message);
+  }
 }
 
 int import(const ImportOptions& options, ImportRecord& record) {
@@ -80,6 +99,11 @@ int import(const ImportOptions& options, ImportRecord& record) {
   if (const std::string why = whyRefused(options.directory, options.output, options.force); !why.empty()) {
     return refuse(record, kExitNoOutput, why);
   }
+  PendingDirectory prepared;
+  if (options.prepare) {
+    if (const int code = prepareSource(options, prepared, record); code != kExitOk) return code;
+  }
+  const std::string& source = options.prepare ? prepared.path() : options.directory;
   PendingFile pending;
   std::string reason;
   const auto cannotCreate = [&] {
@@ -87,7 +111,7 @@ int import(const ImportOptions& options, ImportRecord& record) {
                   fmt::format("cannot create {}: {}", escaped(options.output), reason));
   };
   if (!pending.create(options.output, reason)) return cannotCreate();
-  std::unique_ptr<ImportProgress> progress = startProgress(options, pending.path());
+  std::unique_ptr<ImportProgress> progress = options.quiet ? nullptr : startProgress(source, pending.path());
   char text[4096] = "";
   OKVImportContext context = {};
   context.struct_size = sizeof context;
@@ -97,7 +121,7 @@ int import(const ImportOptions& options, ImportRecord& record) {
   context.out_tensor_count = &record.tensors;
   context.out_file_size = &record.bytes;
   const Clock::time_point begin = Clock::now();
-  const int code = importer->import(options.directory.c_str(), &context);
+  const int code = importer->import(source.c_str(), &context);
   record.importSeconds = secondsSince(begin);
   if (progress != nullptr && code == OKV_OK) progress->finish();
   progress.reset();  // nothing may wipe away what is said from here on
@@ -132,7 +156,7 @@ int runImport(const ImportOptions& options) {
   record.directory = options.directory;
   record.output = options.output;
   record.started = std::chrono::system_clock::now();
-  if (!options.report.empty()) {
+  if (!options.report.empty() && !options.prepare) {
     record.explanation = explain::explainDirectory(options.directory);
     record.explainSeconds = secondsSince(begin);
   }

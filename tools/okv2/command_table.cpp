@@ -25,7 +25,7 @@ struct TextArgument {
   const char* option;
   const char* name;
 };
-constexpr TextArgument kTextArguments[] = {{"meta", "KEY"}, {"against", "DIR"}};
+constexpr TextArgument kTextArguments[] = {{"meta", "KEY"}, {"against", "DIR"}, {"drop", "REGEX"}};
 
 // The parser's own words for types say less than what they stand for.
 std::string argumentNameOf(const CLI::Option& option) {
@@ -39,7 +39,7 @@ std::string argumentNameOf(const CLI::Option& option) {
 }
 
 ArgumentKind kindOf(const std::string& argumentName) {
-  if (argumentName == "DIR") return ArgumentKind::Directory;
+  if (argumentName == "DIR" || argumentName == "OUT") return ArgumentKind::Directory;
   for (const char* file : {"FILE", "REPORT", "A", "B"}) {
     if (argumentName == file) return ArgumentKind::File;
   }

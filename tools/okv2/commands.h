@@ -19,7 +19,17 @@ struct ImportOptions {
   bool force = false;
   bool skipVerified = false;
   bool dryRun = false;
-  bool json = false;  // with dryRun only
+  bool json = false;               // with dryRun only
+  bool prepare = false;            // what is imported is the prepared directory
+  prepare::WeightOptions weights;  // with prepare only
+};
+
+struct PrepareOptions {
+  std::string directory;
+  std::string output;
+  prepare::WeightOptions weights;
+  bool json = false;
+  bool quiet = false;
 };
 
 struct ExplainOptions {
@@ -78,6 +88,7 @@ struct SummaryOptions {
 int runProbe(const std::string& plugin, const std::string& directory);
 int runInspect(const std::string& plugin, const std::string& directory);
 int runImport(const ImportOptions& options);
+int runPrepare(const PrepareOptions& options);
 int runExplain(const ExplainOptions& options);
 int runFindings();
 int runPlan(const PlanOptions& options);

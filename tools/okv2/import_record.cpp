@@ -12,6 +12,7 @@
 #include "okv2/container_file.h"
 #include "okv2/container_reader.h"
 #include "okv2/explain_json.h"
+#include "okv2/prepare/prepare.h"
 
 namespace zel::tool {
 namespace {
@@ -49,6 +50,7 @@ Json documentOf(const ImportRecord& record) {
   out["bytes"] = record.bytes;
   out["sections"] = record.code == 0 ? sectionsOf(record.output) : Json::array();
   out["findings"] = findingsJson(record.explanation);
+  if (record.changes) out["changes"] = prepare::changesJson(*record.changes);
   out["times"] = {{"started", fmt::format("{:%Y-%m-%dT%H:%M:%SZ}",
                                           fmt::gmtime(std::chrono::system_clock::to_time_t(record.started)))},
                   {"explain_seconds", record.explainSeconds},

@@ -3,9 +3,11 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "okv2/explain/explanation.h"
+#include "okv2/prepare/outcome.h"
 
 namespace zel::tool {
 
@@ -17,7 +19,8 @@ struct ImportRecord {
   bool skipped = false;  // the output was there already, and good
   std::uint64_t tensors = 0;
   std::uint64_t bytes = 0;
-  explain::Explanation explanation;
+  explain::Explanation explanation;  // of the prepared directory, if it was prepared
+  std::optional<prepare::Changes> changes;
   std::chrono::system_clock::time_point started;
   double explainSeconds = 0;
   double importSeconds = 0;

@@ -7,8 +7,10 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <regex>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "okv2/command_sample.h"
 #include "okv2/commands.h"
@@ -30,6 +32,28 @@ CLI::App* addDirectoryCommand(CLI::App& app, const char* name, const char* descr
   return sub;
 }
 
+// An option that takes one regular expression each time it is given.
+CLI::Option* addDropOption(CLI::App& app, std::vector<std::string>& expressions) {
+  return app
+      .add_option("--drop", expressions, "Leave out tensors in whose name this regular expression is found")
+      ->allow_extra_args(false)
+      ->check([](const std::string& text) -> std::string {
+        try {
+          (void)std::regex(text);
+          return "";
+        } catch (const std::regex_error&) {
+          return "not a regular expression: " + text;
+        }
+      });
+}
+
+// The options of prepare, of which import takes the same.
+std::vector<CLI::Option*> addWeightOptions(CLI::App& app, prepare::WeightOptions& options) {
+  return {app.add_flag("--cast", options.cast, "Turn 64-bit floats into 32-bit ones"),
+          addDropOption(app, options.drop),
+          app.add_flag("--text-only", options.textOnly, "Leave out towers that are not the text model")};
+}
+
 void addImporterCommands(CLI::App& app, int& exitCode) {
   const auto options = std::make_shared<ImportOptions>();
   addDirectoryCommand(app, "probe", "Ask the plug-in whether DIR is a model directory", *options)
@@ -45,6 +69,11 @@ void addImporterCommands(CLI::App& app, int& exitCode) {
   CLI::Option* dryRun =
       import->add_flag("--dry-run", options->dryRun, "Write nothing; print the plan instead");
   import->add_flag("--json", options->json, "Print the plan as JSON")->needs(dryRun);
+  CLI::Option* prepare =
+      import->add_flag("--prepare", options->prepare, "Import what okv2 prepare makes of DIR")
+          ->excludes(dryRun);
+  for (CLI::Option* option : addWeightOptions(*import, options->weights))
+    option->needs(prepare);
   import->callback([options, &exitCode] { exitCode = runImport(*options);
 });
 }  // namespace
@@ -61,6 +90,16 @@ std::pair<CLI::App*, std::shared_ptr<Options>> addCommand(CLI::App& app, const c
 }
 
 void addJsonFlag(CLI::App& sub, bool& json) { sub.add_flag("--json", json, "Print one JSON document"); }
+
+void addPrepareCommand(CLI::App& app, int& exitCode) {
+  const auto [prepare, options] = addCommand<PrepareOptions>(
+      app, "prepare", "Write what DIR holds in the forms that an import reads", runPrepare, exitCode);
+  prepare->add_option("DIR", options->directory, "Model directory; nothing in it is changed")->required();
+  prepare->add_option("OUT", options->output, "Directory to create; must not hold anything yet")->required();
+  addWeightOptions(*prepare, options->weights);
+  addJsonFlag(*prepare, options->json);
+  prepare->add_flag("-q,--quiet", options->quiet, "Do not list the changes");
+}
 
 void addForecastCommands(CLI::App& app, int& exitCode) {
   const auto [explain, explained] = addCommand<ExplainOptions>(
@@ -152,6 +191,7 @@ int parseAndRun(int argc, char** argv) {
   app.require_subcommand(1);
   app.footer(kExitCodesHelp);
   addImporterCommands(app, exitCode);
+  addPrepareCommand(app, exitCode);
   addForecastCommands(app, exitCode);
   addContainerCommands(app, exitCode);
   addSampleCommand(app, exitCode);

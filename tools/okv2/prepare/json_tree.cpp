@@ -1,0 +1,147 @@
+#include "okv2/prepare/json_tree.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "hf/json.h"
+#include "hf/json_parser.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+// The library's own builder looks through all members for every key, which takes hours for a vocabulary, and
+// lets the last of equal keys win.
+class TreeBuilder final : public nlohmann::json_sax<Json> {
+ public:
+  explicit TreeBuilder(Json& root) : root_(root) {}
+
+  bool null() override { return add(nullptr); }
+  bool boolean(bool value) override { return add(value); }
+  bool number_integer(number_integer_t value) override { return add(value); }
+  bool number_unsigned(number_unsigned_t value) override { return add(value); }
+  bool number_float(number_float_t value, const string_t&) override { return add(value); }
+  bool string(string_t& value) override { return add(std::move(value)); }
+  bool binary(binary_t&) override { return false; }  // not in JSON
+  bool start_object(std::size_t) override { return open(Json::object()); }
+  bool start_array(std::size_t) override { return open(Json::array()); }
+  bool end_object() override { return close(); }
+  bool end_array() override { return close(); }
+  bool key(string_t& value) override {
+    key_ = std::move(value);
+    return true;
+  }
+  bool parse_error(std::size_t position, const std::string&,
+                   const nlohmann::detail::exception& error) override {
+    // An exception's text begins with its class in brackets.
+    const std::string_view text = error.what();
+    const std::size_t end = text.find("] ");
+    reason_ = fmt::format("byte {}: {}", position, end == text.npos ? text : text.substr(end + 2));
+    return false;
+  }
+
+  [[nodiscard]] const std::string& reason() const { return reason_; }
+
+ private:
+  // A container's address holds while it is open: only the innermost open one grows.
+  Json& place(Json value) {
+    if (open_.empty()) return root_ = std::move(value);
+    Json& parent = *open_.back();
+    if (parent.is_object()) return appendMember(parent, std::move(key_), std::move(value));
+    parent.get_ref<Json::array_t&>().push_back(std::move(value));
+    return parent.get_ref<Json::array_t&>().back();
+  }
+  bool add(Json value) {
+    place(std::move(value));
+    return true;
+  }
+  bool open(Json container) {
+    open_.push_back(&place(std::move(container)));
+    return true;
+  }
+  bool close() {
+    open_.pop_back();
+    return true;
+  }
+
+  Json& root_;
+  std::vector<Json*> open_;
+  std::string key_;
+  std::string reason_;
+};
+
+template <class Object>
+auto findIn(Object& object, std::string_view key) -> decltype(&object.begin().value()) {
+  if (!object.is_object()) return nullptr;
+  for (auto it = object.begin(); it != object.end(); ++it) {
+    if (it.key() == key) return &it.value();
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool parseTree(std::string_view text, Json& out, std::string& reason) {
+  json::detail::Parser strict(text.data(), text.size());
+  if (!strict.skip(0) || !strict.finish()) {
+    reason = fmt::format("byte {}: {}", text.size() - strict.remaining(), strict.status().message());
+    return false;
+  }
+  TreeBuilder builder(out);
+  if (Json::sax_parse(text.begin(), text.end(), &builder)) return true;
+  reason = builder.reason();
+  return false;
+}
+
+std::string textOfTree(const Json& tree) { return tree.dump() + "\n"; }
+
+const Json* findMember(const Json& object, std::string_view key) { return findIn(object, key); }
+Json* findMember(Json& object, std::string_view key) { return findIn(object, key); }
+
+Json& appendMember(Json& object, std::string key, Json value) {
+  Json::object_t& members = object.get_ref<Json::object_t&>();
+  members.emplace_back(std::move(key), std::move(value));
+  return members.back().second;
+}
+
+void setMember(Json& object, std::string_view key, Json value) {
+  if (Json* member = findMember(object, key); member != nullptr) {
+    *member = std::move(value);
+  } else {
+    appendMember(object, std::string(key), std::move(value));
+  }
+}
+
+void removeMember(Json& object, std::string_view key) {
+  Json::object_t kept;
+  for (auto& [name, value] : object.get_ref<Json::object_t&>()) {
+    if (name != key) kept.emplace_back(name, std::move(value));
+  }
+  object = Json(std::move(kept));
+}
+
+std::optional<std::int64_t> wholeNumber(const Json& value) {
+  if (value.is_number_unsigned()) {
+    const auto number = value.get<std::uint64_t>();
+    if (number > std::uint64_t{INT64_MAX}) return std::nullopt;
+    return static_cast<std::int64_t>(number);
+  }
+  if (value.is_number_integer()) return value.get<std::int64_t>();
+  std::int64_t out = 0;
+  if (value.is_number_float() && json::toInt64(value.get<double>(), out)) return out;
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> wholeMember(const Json& object, std::string_view key) {
+  const Json* member = findMember(object, key);
+  return member == nullptr ? std::nullopt : wholeNumber(*member);
+}
+
+const std::string* textMember(const Json& object, std::string_view key) {
+  const Json* member = findMember(object, key);
+  return member != nullptr && member->is_string() ? &member->get_ref<const std::string&>() : nullptr;
+}
+
+}  // namespace zel::tool::prepare

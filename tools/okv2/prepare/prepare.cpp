@@ -1,0 +1,155 @@
+#include "okv2/prepare/prepare.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "okv2/escape.h"
+#include "okv2/exit_codes.h"
+#include "okv2/explain/disguise.h"
+#include "okv2/prepare/chat_template.h"
+#include "okv2/prepare/config.h"
+#include "okv2/prepare/model_texts.h"
+#include "okv2/prepare/sentencepiece_model.h"
+#include "okv2/prepare/special_ids.h"
+#include "okv2/prepare/tokenizer_json.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+using explain::Disguise;
+using explain::Id;
+
+constexpr char kTokenizerJson[] = "tokenizer.json";
+constexpr char kTokenizerModel[] = "tokenizer.model";
+
+// Everything but weights that is read here.
+constexpr const char* kTexts[] = {
+    "config.json",           "tokenizer.json",          "tokenizer.model",
+    "tokenizer_config.json", "special_tokens_map.json", "generation_config.json",
+    "chat_template.jinja",   "chat_template.json",
+};
+
+// Grows when a member changes its meaning or goes.
+constexpr int kSchema = 1;
+
+Id findingOf(Disguise disguise) {
+  switch (disguise) {
+    case Disguise::Empty: return Id::FileEmpty;
+    case Disguise::LfsPointer: return Id::FileLfsPointer;
+    case Disguise::LinkText: return Id::FileLinkText;
+    case Disguise::WebPage: return Id::FileWebPage;
+    case Disguise::None:
+    case Disguise::NotRegular: break;
+  }
+  return Id::FileNotRegular;
+}
+
+void refuseDisguises(const std::string& directory) {
+  for (const char* name : kTexts) {
+    explain::FileLook look;
+    if (!explain::lookAt(directory + "/" + name, look) || look.disguise == Disguise::None) continue;
+    const explain::FindingRow& row = explain::rowOf(findingOf(look.disguise));
+    // The table's sentence begins with a word that stands for the file.
+    throw Refused(look.disguise == Disguise::NotRegular ? kExitInvalid : kExitCorrupted, row.name,
+                  fmt::format("{}: {}", name, row.what), explain::adviceFor({row.id, name, ""}));
+  }
+}
+
+Tokenizer mendTokenizer(const std::string& directory, const ModelTexts& texts, Changes& changes) {
+  std::string bytes;
+  if (readText(directory, kTokenizerJson, bytes)) {
+    Tokenizer tokenizer = mendTokenizerJson(bytes, addedTokensOf(texts), changes);
+    if (std::string model; readText(directory, kTokenizerModel, model)) {
+      changes.push_back({kTokenizerModel, "the file", fmt::format("{} bytes", model.size()), "",
+                         "tokenizer.json comes first, so an import would not read it",
+                         explain::rowOf(Id::TokenizerModelIgnored).name});
+    }
+    return tokenizer;
+  }
+  if (readText(directory, kTokenizerModel, bytes)) {
+    return mendTokenizerModel(bytes, addedTokensOf(texts), changes);
+  }
+  return {};
+}
+
+void writeFile(const std::string& out, const std::string& name, std::string_view bytes) {
+  const std::string path = out + "/" + name;
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  bool ok = fd >= 0;
+  while (ok && !bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR) continue;
+    ok = n > 0;
+    if (ok) bytes.remove_prefix(static_cast<std::size_t>(n));
+  }
+  const int error = errno;
+  const bool closed = fd < 0 || ::close(fd) == 0;
+  if (ok && closed) return;
+  throw Refused(kExitNoOutput, "",
+                fmt::format("cannot write {}: {}", name, std::strerror(ok ? errno : error)),
+                "Make room, or choose another output.");
+}
+
+void writeTexts(const std::string& out, const ModelTexts& texts, const Tokenizer& tokenizer) {
+  for (const JsonFile* file :
+       {&texts.config, &texts.tokenizerConfig, &texts.specialTokensMap, &texts.generationConfig}) {
+    if (file->exists) writeFile(out, file->name, file->bytes());
+  }
+  if (!tokenizer.file.empty()) writeFile(out, tokenizer.file, tokenizer.bytes);
+}
+
+// Names and texts may hold any byte; JSON holds UTF-8 only.
+std::string documentText(const Json& document) {
+  return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace
+
+Json changesJson(const Changes& changes) {
+  Json out = Json::array();
+  for (const Change& change : changes) {
+    out.push_back({{"file", change.file},
+                   {"what", change.what},
+                   {"from", change.from},
+                   {"to", change.to},
+                   {"why", change.why},
+                   {"finding", change.finding}});
+  }
+  return out;
+}
+
+Json remainingJson(const explain::Explanation& explanation) {
+  Json out = Json::array();
+  for (const explain::Finding& finding : explanation.findings) {
+    const explain::FindingRow& row = explain::rowOf(finding.id);
+    if (row.severity == explain::Severity::Note) continue;
+    out.push_back({{"finding", row.name}, {"subject", finding.subject}, {"detail", finding.detail}});
+  }
+  return out;
+}
+
+Prepared prepareDirectory(const std::string& directory, const std::string& out,
+                          const WeightOptions& options) {
+  refuseDisguises(directory);
+  Prepared prepared;
+  ModelTexts texts = readModelTexts(directory);
+  Tokenizer tokenizer = mendTokenizer(directory, texts, prepared.changes);
+  settleSpecialIds(texts, tokenizer, prepared.changes);
+  mendConfig(texts, prepared.changes);
+  mendChatTemplate(directory, texts, prepared.changes);
+  prepareWeights(directory, out, options, prepared.changes);
+  writeTexts(out, texts, tokenizer);
+  prepared.explanation = explain::explainDirectory(out);
+  const Json document = {{"schema", kSchema},
+                         {"changes", changesJson(prepared.changes)},
+                         {"remaining", remainingJson(prepared.explanation)}};
+  writeFile(out, "prepare.json", documentText(document));
+  return prepared;
+}
+
+}  // namespace zel::tool::prepare

@@ -1,0 +1,56 @@
+// A vocabulary as the container holds it: ids 0, 1, 2 and so on, each with one text.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "okv2/prepare/outcome.h"
+
+namespace zel::tool::prepare {
+
+struct Token {
+  std::int64_t id = 0;
+  std::string text;
+};
+
+// A token that is matched before the model runs. Public tokenizers keep these apart from the vocabulary.
+struct AddedToken {
+  std::int64_t id = 0;
+  std::string text;
+  bool special = false;
+};
+
+// More ids without a token than this are no vocabulary that somebody forgot to fill: the largest published
+// ones have about as many tokens altogether.
+inline constexpr std::int64_t kMaxFilledIds = std::int64_t{1} << 18;
+// The container holds ids as signed 32-bit integers.
+inline constexpr std::int64_t kMaxTokenId = INT32_MAX;
+
+struct JoinedVocabulary {
+  std::vector<Token> joined;                           // added tokens that were in no place before
+  std::vector<Token> fillers;                          // reserved names for the ids that were left
+  std::vector<std::int64_t> addedIds;                  // of every added token, as given
+  std::unordered_map<std::string, std::int64_t> idOf;  // every token; the lowest id of equal texts
+  std::int64_t size = 0;
+};
+
+// How a file's parts are called in what is reported.
+struct VocabularyPlace {
+  std::string_view file;
+  std::string_view vocabulary;  // a JSON path, say
+  std::string_view idFinding;   // ids that are missing or given twice
+};
+
+// Gives every added token a place in the vocabulary. One whose text is there already has the id that it has
+// there; one whose id belongs to another text is put behind the last token, as the public `tokenizers`
+// library does; all others keep their id. Ids that are left below the highest get a name that no token has.
+// Appends what it did to `changes`. Throws Refused when two tokens of `vocabulary` have one id, or when there
+// are more ids to fill than kMaxFilledIds. Ids of `vocabulary` are not negative.
+[[nodiscard]] JoinedVocabulary joinVocabulary(const std::vector<Token>& vocabulary,
+                                              const std::vector<AddedToken>& added,
+                                              const VocabularyPlace& place, Changes& changes);
+
+}  // namespace zel::tool::prepare
