@@ -17,6 +17,8 @@ using explain::Id;
 
 // Longer lists are no layers of a model.
 constexpr std::int64_t kMaxLayers = 100'000;
+// Numbers are read as doubles, which hold every whole number up to here.
+constexpr std::uint64_t kMaxExact = std::uint64_t{1} << 53;
 // By which an import derives the rope base of sliding-window layers from that of the others.
 constexpr double kSwaRopeFactor = 0.01;
 
@@ -136,13 +138,16 @@ class ConfigMender {
       const std::string* type = textMember(description, "model_type");
       return type != nullptr && *type == row.modelType;
     };
-    if (!isOfType(config_.root) && !isOfType(nested_)) return;
+    const std::string* arch = firstArchitecture();
+    const bool isOfClass =
+        findMember(config_.root, "model_type") == nullptr && arch != nullptr && *arch == row.modelType;
+    if (!isOfType(config_.root) && !isOfType(nested_) && !isOfClass) return;
     if (isFilled(row.read, ValueKind::Whole)) return;
     const std::optional<std::int64_t> base = wholeMember(config_.root, row.from);
     std::uint64_t product = 0;
     if (!base || *base <= 0 ||
         !checkedMul(static_cast<std::uint64_t>(*base), static_cast<std::uint64_t>(row.factor), product) ||
-        product > static_cast<std::uint64_t>(INT64_MAX)) {
+        product > kMaxExact) {
       return;
     }
     set(row.read, static_cast<std::int64_t>(product), row.source, Id::ConfigKeyNotRead);

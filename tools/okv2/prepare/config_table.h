@@ -105,7 +105,7 @@ inline constexpr SynonymRow kSynonymRows[] = {
 
 // A size that a configuration leaves out because its class computes it: `factor` times the value of `from`.
 struct DefaultRow {
-  const char* modelType;
+  const char* modelType;  // or the class, where a configuration gives no type
   const char* read;
   const char* from;
   std::int64_t factor;
@@ -136,6 +136,8 @@ inline constexpr DefaultRow kDefaultRows[] = {
      "MistralConfig: None is num_attention_heads"},
     {"qwen2", "num_key_value_heads", "num_attention_heads", 1, "Qwen2Config: None is num_attention_heads"},
     {"phi", "num_key_value_heads", "num_attention_heads", 1, "PhiConfig: None is num_attention_heads"},
+    {"QWenLMHeadModel", "num_key_value_heads", "num_attention_heads", 1,
+     "QWenAttention of Qwen/Qwen-7B: a key for every head"},
     {"phi3", "num_key_value_heads", "num_attention_heads", 1, "Phi3Config: None is num_attention_heads"},
 };
 

@@ -35,10 +35,10 @@ class TreeBuilder final : public nlohmann::json_sax<Json> {
   }
   bool parse_error(std::size_t position, const std::string&,
                    const nlohmann::detail::exception& error) override {
-    // An exception's text begins with its class in brackets.
-    const std::string_view text = error.what();
-    const std::size_t end = text.find("] ");
-    reason_ = fmt::format("byte {}: {}", position, end == text.npos ? text : text.substr(end + 2));
+    // An exception's text begins with its class in brackets and ends with the bytes around the place.
+    std::string_view text = error.what();
+    if (const std::size_t classEnd = text.find("] "); classEnd != text.npos) text.remove_prefix(classEnd + 2);
+    reason_ = fmt::format("byte {}: {}", position, text.substr(0, text.find("; last read")));
     return false;
   }
 

@@ -1,0 +1,284 @@
+// config.json: nested settings, other spellings, computed sizes and Gemma 4's layers.
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "okv2/prepare/config_table.h"
+#include "prepare_directory_support.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+using test::ModelDirBuilder;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+ModelDirBuilder withConfig(std::string_view json) { return ModelDirBuilder().config(json).tokenizer(); }
+
+TEST(MendConfig, GivesACompleteConfigurationBackByteForByte) {
+  const std::string text = R"( {"model_type" : "x", "hidden_size":8, "num_hidden_layers": 2} )";
+  const PreparedDirectory directory(withConfig(text));
+  EXPECT_EQ(directory.text("config.json"), text);
+  EXPECT_THAT(directory.changes(), IsEmpty());
+}
+
+TEST(MendConfig, LiftsTheSettingsOfTheTextModel) {
+  const PreparedDirectory directory(withConfig(
+      R"({"model_type":"x","text_config":{"hidden_size":8,"num_hidden_layers":2,"num_attention_heads":4,)"
+      R"("num_key_value_heads":1,"intermediate_size":16,"vocab_size":4,"max_position_embeddings":32,)"
+      R"("rope_theta":5000.0,"rms_norm_eps":0.5},"vision_config":{"hidden_size":99}})"));
+  const HfImporter& model = directory.model;
+  EXPECT_EQ(model.hiddenSize, 8);
+  EXPECT_EQ(model.numLayers, 2);
+  EXPECT_EQ(model.numHeads, 4);
+  EXPECT_EQ(model.numKvHeads, 1);
+  EXPECT_EQ(model.intermediateSize, 16);
+  EXPECT_EQ(model.vocabSize, 4);
+  EXPECT_EQ(model.contextLength, 32);
+  EXPECT_EQ(model.ropeTheta, 5000.0F);
+  EXPECT_EQ(model.rmsNormEps, 0.5F);
+  EXPECT_THAT(directory.changes(), Contains("config.json | $.hidden_size |  | 8 | config.nested"));
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(MendConfig, KnowsEverySpellingOfTheNestedDescription) {
+  for (const NestedRow& row : kNestedRows) {
+    const std::string inner = row.inner == nullptr
+                                  ? R"({"hidden_size":8})"
+                                  : "{\"" + std::string(row.inner) + R"(":{"hidden_size":8}})";
+    const PreparedDirectory directory(
+        withConfig(R"({"model_type":"x",")" + std::string(row.outer) + "\":" + inner + "}"));
+    EXPECT_EQ(directory.model.hiddenSize, 8) << row.outer;
+  }
+}
+
+TEST(MendConfig, KeepsWhatTheTopLevelGives) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"x","hidden_size":9,"n_embd":7,"text_config":{"hidden_size":8}})"));
+  EXPECT_EQ(directory.model.hiddenSize, 9);
+  EXPECT_THAT(directory.changes(), IsEmpty());
+}
+
+TEST(MendConfig, PrefersTheTextModelsSpellingsToThoseOfTheTopLevel) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"x","n_embd":7,"text_config":{"d_model":8}})"));
+  EXPECT_EQ(directory.model.hiddenSize, 8);
+}
+
+TEST(MendConfig, ReplacesNullZeroAndTextOfAKeyThatAnotherSpellingGives) {
+  for (const char* useless : {"null", "0", "\"8\"", "8.5"}) {
+    const PreparedDirectory directory(
+        withConfig(R"({"model_type":"x","hidden_size":)" + std::string(useless) + R"(,"n_embd":8})"));
+    EXPECT_EQ(directory.model.hiddenSize, 8) << useless;
+  }
+}
+
+// The row's value at the row's place: "a.b" is a member of an object.
+std::string memberText(std::string_view path, const std::string& value) {
+  const std::size_t dot = path.find('.');
+  if (dot == std::string_view::npos) return "\"" + std::string(path) + "\":" + value;
+  return "\"" + std::string(path.substr(0, dot)) + "\":{" + memberText(path.substr(dot + 1), value) + "}";
+}
+
+std::string topLevelOf(const PreparedDirectory& directory, const char* key) {
+  const json::Value* value = directory.model.config.get(key);
+  return value == nullptr ? "absent" : std::to_string(value->number);
+}
+
+TEST(MendConfig, ReadsEveryRowOfTheSynonyms) {
+  for (const SynonymRow& row : kSynonymRows) {
+    const PreparedDirectory directory(
+        withConfig("{\"model_type\":\"x\"," + memberText(row.published, "48") + "}"));
+    EXPECT_EQ(topLevelOf(directory, row.read), "48.000000") << row.published;
+  }
+}
+
+TEST(MendConfig, TakesTheFirstRowOfSeveralSynonyms) {
+  const PreparedDirectory directory(withConfig(R"({"model_type":"x","n_positions":6144,"seq_length":2048})"));
+  EXPECT_EQ(directory.model.contextLength, 2048);
+}
+
+TEST(MendConfig, PassesOverSynonymsThatSayNothing) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"x","n_inner":null,"d_ff":12.5,"ffn_dim":16})"));
+  EXPECT_EQ(directory.model.intermediateSize, 16);
+}
+
+TEST(MendConfig, ComputesEverySizeThatAClassComputes) {
+  for (const DefaultRow& row : kDefaultRows) {
+    const PreparedDirectory directory(
+        withConfig("{\"model_type\":\"" + std::string(row.modelType) + "\",\"" + row.from + "\":16}"));
+    EXPECT_EQ(topLevelOf(directory, row.read), std::to_string(16.0 * double(row.factor))) << row.modelType;
+  }
+}
+
+TEST(MendConfig, ComputesNothingForOtherArchitectures) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"x","num_attention_heads":16,"hidden_size":8})"));
+  EXPECT_EQ(topLevelOf(directory, "num_key_value_heads"), "absent");
+  EXPECT_EQ(topLevelOf(directory, "intermediate_size"), "absent");
+}
+
+TEST(MendConfig, ComputesNoSizeThatADoubleCannotHold) {
+  const auto sizeFor = [](const char* hidden) {
+    return topLevelOf(
+        PreparedDirectory(withConfig(R"({"model_type":"gpt2","hidden_size":)" + std::string(hidden) + "}")),
+        "intermediate_size");
+  };
+  EXPECT_EQ(sizeFor("2251799813685248"), "9007199254740992.000000");  // 2^53
+  EXPECT_EQ(sizeFor("2251799813685249"), "absent");
+  EXPECT_EQ(sizeFor("9223372036854775807"), "absent");
+}
+
+TEST(MendConfig, TakesTheModelTypeFromTheTextModelWhenThereIsNoOther) {
+  const PreparedDirectory directory(withConfig(R"({"text_config":{"model_type":"llama"}})"));
+  EXPECT_EQ(directory.model.arch, "llama");
+  EXPECT_EQ(PreparedDirectory(withConfig(R"({"architectures":["Y"],"text_config":{"model_type":"llama"}})"))
+                .model.arch,
+            "Y");
+}
+
+// ---- lists of ids
+
+TEST(MendConfig, MovesAListOfEndIdsToTheGenerationConfiguration) {
+  const PreparedDirectory directory(withConfig(R"({"model_type":"x","eos_token_id":[2,3]})"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+  EXPECT_EQ(Json::parse(directory.text("generation_config.json")), Json::parse(R"({"eos_token_id":[2,3]})"));
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("generation_config.json | $.eos_token_id |  | [2,3] | config.eos-list",
+                          "config.json | $.eos_token_id | [2,3] | 2 | config.eos-list"));
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(MendConfig, LeavesTheGenerationConfigurationWhenItHasTheSameList) {
+  const std::string text = R"({"eos_token_id":[2,3]})";
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"x","eos_token_id":[2,3]})").file("generation_config.json", text));
+  EXPECT_EQ(directory.text("generation_config.json"), text);
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(MendConfig, LeavesAListThatTheGenerationConfigurationContradicts) {
+  const PreparedDirectory directory(withConfig(R"({"model_type":"x","eos_token_id":[2,3]})")
+                                        .file("generation_config.json", R"({"eos_token_id":[1]})"));
+  EXPECT_THAT(directory.changes(), IsEmpty());
+  EXPECT_THAT(directory.remaining(), ElementsAre("config.eos-list"));
+}
+
+// ---- Gemma 4
+
+constexpr char kGemma4[] =
+    R"({"model_type":"gemma4","text_config":{"model_type":"gemma4_text","hidden_size":1536,)"
+    R"("num_hidden_layers":6,"num_attention_heads":8,"num_key_value_heads":1,"intermediate_size":6144,)"
+    R"("vocab_size":262144,"max_position_embeddings":131072,"rms_norm_eps":1e-06,)"
+    R"("final_logit_softcapping":30.0,"head_dim":256,"global_head_dim":512,"num_kv_shared_layers":20,)"
+    R"("hidden_size_per_layer_input":256,"sliding_window":512,)"
+    R"("rope_parameters":{"full_attention":{"rope_theta":1000000.0,"rope_type":"proportional"},)"
+    R"("sliding_attention":{"rope_theta":10000.0,"rope_type":"default"}},)"
+    R"("layer_types":["sliding_attention","sliding_attention","full_attention",)"
+    R"("sliding_attention","sliding_attention","full_attention"]}})";
+
+TEST(MendGemma4, DerivesEverySettingFromThePublishedKeys) {
+  const PreparedDirectory directory(withConfig(kGemma4));
+  const HfImporter& model = directory.model;
+  EXPECT_EQ(model.arch, "gemma4");
+  EXPECT_EQ(model.hiddenSize, 1536);
+  EXPECT_EQ(model.numLayers, 6);
+  EXPECT_EQ(model.headDim, 512);     // of the layers with full attention
+  EXPECT_EQ(model.headDimSwa, 256);  // of the sliding-window layers
+  EXPECT_EQ(model.sharedKvLayers, 20);
+  EXPECT_EQ(model.perLayerInputDim, 256);
+  EXPECT_EQ(model.slidingWindow, 512);
+  EXPECT_EQ(model.ropeTheta, 1000000.0F);
+  EXPECT_EQ(model.logitSoftcap, 30.0F);
+  EXPECT_THAT(model.swaPattern, ElementsAre(1, 1, 0, 1, 1, 0));
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(MendGemma4, ReadsTheTextModelAlone) {
+  const PreparedDirectory directory(withConfig(
+      R"({"model_type":"gemma4_text","head_dim":256,"global_head_dim":512,"layer_types":["full_attention"]})"));
+  EXPECT_EQ(directory.model.arch, "gemma4");
+  EXPECT_EQ(directory.model.name, "gemma4_text");
+  EXPECT_EQ(directory.model.headDim, 512);
+  EXPECT_EQ(directory.model.headDimSwa, 256);
+  EXPECT_THAT(directory.model.swaPattern, ElementsAre(0));
+}
+
+TEST(MendGemma4, DerivesThePatternFromItsPeriod) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"gemma4","num_hidden_layers":5,"sliding_window_pattern":3})"));
+  EXPECT_THAT(directory.model.swaPattern, ElementsAre(1, 1, 0, 1, 1));
+}
+
+TEST(MendGemma4, DerivesNoPatternForMoreLayersThanAModelHas) {
+  const auto layersOf = [](const char* layers) {
+    return PreparedDirectory(
+               withConfig(R"({"model_type":"gemma4","sliding_window_pattern":3,"num_hidden_layers":)" +
+                          std::string(layers) + "}"))
+        .model.swaPattern.size();
+  };
+  EXPECT_EQ(layersOf("100000"), 100000U);
+  EXPECT_EQ(layersOf("100001"), 0U);
+}
+
+TEST(MendGemma4, DerivesNoPatternFromLayersOfAnotherKind) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"gemma4","layer_types":["sliding_attention","linear_attention"]})"));
+  EXPECT_THAT(directory.model.swaPattern, IsEmpty());
+}
+
+TEST(MendGemma4, KeepsAPatternThatIsGiven) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"gemma4","swa_pattern":[0,1],"layer_types":["full_attention"]})"));
+  EXPECT_THAT(directory.model.swaPattern, ElementsAre(0, 1));
+}
+
+TEST(MendGemma4, LetsNoOtherCapPassForTheFinalOne) {
+  for (
+      const char* config :
+      {R"({"model_type":"gemma4","final_logit_softcapping":30.0,"attn_logit_softcapping":50.0})",
+       R"({"model_type":"gemma4","text_config":{"final_logit_softcapping":30.0,"attn_logit_softcapping":50.0}})"}) {
+    EXPECT_EQ(PreparedDirectory(withConfig(config)).model.logitSoftcap, 30.0F) << config;
+  }
+}
+
+TEST(MendGemma4, SaysWhichRopeBaseAnImportWillDeriveInstead) {
+  const auto changesFor = [](const char* sliding) {
+    return PreparedDirectory(
+               withConfig(R"({"model_type":"gemma4","rope_theta":1000000.0,"rope_local_base_freq":)" +
+                          std::string(sliding) + "}"))
+        .changes();
+  };
+  EXPECT_THAT(changesFor("10000.0"), IsEmpty());
+  EXPECT_THAT(changesFor("20000.0"),
+              ElementsAre("config.json | $.rope_local_base_freq | 20000.0 |  | config.read-not-written"));
+}
+
+TEST(MendConfig, DerivesNothingOfGemma4ForOthers) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"gemma3","global_head_dim":512,"layer_types":["full_attention"]})"));
+  EXPECT_THAT(directory.changes(), IsEmpty());
+}
+
+// ---- damaged files
+
+TEST(MendConfig, RefusesFilesThatAreNoJsonObject) {
+  EXPECT_EQ(refusalOfDirectory(withConfig("{")),
+            (Refusal{7, "config.bad-json", "config.json: byte 1: json: object key",
+                     "Mend config.json, or fetch it again."}));
+  EXPECT_EQ(refusalOfDirectory(withConfig("[]")),
+            (Refusal{7, "config.not-object", "config.json: $ is no object",
+                     "Mend config.json, or fetch it again."}));
+  EXPECT_EQ(refusalOfDirectory(withConfig("{}").file("generation_config.json", "[1,]")),
+            (Refusal{7, "side.bad-json", "generation_config.json: byte 3: json: unexpected char",
+                     "Mend generation_config.json, or fetch it again."}));
+  EXPECT_EQ(refusalOfDirectory(ModelDirBuilder().without("config.json")),
+            (Refusal{2, "config.missing", "config.json: there is none that can be read",
+                     "Put the model's config.json into the directory."}));
+}
+
+}  // namespace
+}  // namespace zel::tool::prepare

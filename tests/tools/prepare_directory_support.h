@@ -1,0 +1,58 @@
+// Directories that are prepared in a test, and what an import makes of the result.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "hf/hf_importer.h"
+#include "okv2/prepare/prepare.h"
+#include "prepare_support.h"
+#include "support/model_dir_builder.h"
+#include "support/temp_dir.h"
+
+namespace zel::tool::prepare {
+
+// A model directory, prepared.
+class PreparedDirectory {
+ public:
+  explicit PreparedDirectory(const test::ModelDirBuilder& builder, const WeightOptions& options = {})
+      : source(builder.write(scratch)), out(scratch / "out") {
+    std::filesystem::create_directory(out);
+    prepared = prepareDirectory(source, out, options);
+    const Status status = model.open(out);
+    EXPECT_TRUE(status.ok()) << status.message();
+  }
+
+  [[nodiscard]] std::vector<std::string> changes() const { return linesOf(prepared.changes); }
+  [[nodiscard]] std::string text(const std::string& name) const {
+    return test::readWholeFile(out + "/" + name);
+  }
+  [[nodiscard]] bool has(const std::string& name) const { return std::filesystem::exists(out + "/" + name); }
+  // Names of the findings that are losses or worse.
+  [[nodiscard]] std::vector<std::string> remaining() const {
+    std::vector<std::string> names;
+    for (const explain::Finding& finding : prepared.explanation.findings) {
+      const explain::FindingRow& row = explain::rowOf(finding.id);
+      if (row.severity != explain::Severity::Note) names.emplace_back(row.name);
+    }
+    return names;
+  }
+
+  test::TempDir scratch;
+  std::string source;
+  std::string out;
+  Prepared prepared;
+  HfImporter model;  // as an import reads the prepared directory
+};
+
+inline Refusal refusalOfDirectory(const test::ModelDirBuilder& builder) {
+  const test::TempDir scratch;
+  const std::string source = builder.write(scratch);
+  std::filesystem::create_directory(scratch / "out");
+  return refusalOf([&] { return prepareDirectory(source, scratch / "out", {}); });
+}
+
+}  // namespace zel::tool::prepare

@@ -1,0 +1,133 @@
+// The four special ids: who decides them, and that a vocabulary has to hold them.
+#include <string>
+#include <string_view>
+
+#include "prepare_directory_support.h"
+#include "support/proto_builder.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+using test::ModelDirBuilder;
+using test::ProtoBuilder;
+using testing::Contains;
+using testing::IsEmpty;
+
+// Ids 0 to 3, none of them known by its text.
+constexpr char kTokens[] = R"({"model":{"vocab":{"A":0,"B":1,"C":2,"D":3}}})";
+
+ModelDirBuilder withTokens(std::string_view config = R"({"model_type":"x"})") {
+  return ModelDirBuilder().config(config).tokenizer(kTokens);
+}
+
+TEST(SettleSpecialIds, FollowsTheTextsOfTheTokenizersConfiguration) {
+  const PreparedDirectory directory(
+      withTokens().file("tokenizer_config.json",
+                        R"({"bos_token":"A","eos_token":{"content":"B"},"unk_token":"C","pad_token":"D"})"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 0);
+  EXPECT_EQ(directory.model.tokenizer.eosId, 1);
+  EXPECT_EQ(directory.model.tokenizer.unkId, 2);
+  EXPECT_EQ(directory.model.tokenizer.padId, 3);
+  EXPECT_THAT(directory.changes(),
+              Contains("config.json | $.eos_token_id |  | 1 | tokenizer.special-id-outside"));
+}
+
+TEST(SettleSpecialIds, KeepsWhatTheConfigurationGives) {
+  const PreparedDirectory directory(
+      withTokens(R"({"model_type":"x","bos_token_id":3,"eos_token_id":[2]})")
+          .file("tokenizer_config.json", R"({"bos_token":"A","eos_token":"B"})"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 3);
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+}
+
+TEST(SettleSpecialIds, PrefersTheMapToATokenizersConfigurationOfTheOlderKind) {
+  const PreparedDirectory directory(withTokens()
+                                        .file("tokenizer_config.json", R"({"bos_token":"A"})")
+                                        .file("special_tokens_map.json", R"({"bos_token":"B"})"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 1);
+}
+
+TEST(SettleSpecialIds, PrefersATokenizersConfigurationThatListsItsTokens) {
+  const PreparedDirectory directory(
+      withTokens()
+          .file("tokenizer_config.json", R"({"bos_token":"A","added_tokens_decoder":{}})")
+          .file("special_tokens_map.json", R"({"bos_token":"B","pad_token":"C"})"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 0);
+  EXPECT_EQ(directory.model.tokenizer.padId, 2);  // which it does not name
+}
+
+TEST(SettleSpecialIds, PrefersTheNamedTextToAFamiliarOne) {
+  const PreparedDirectory directory(
+      ModelDirBuilder()
+          .tokenizer(R"({"model":{"vocab":{"</s>":0,"<end>":1}},"added_tokens":[{"id":0,"content":"</s>"}]})")
+          .file("tokenizer_config.json", R"({"eos_token":"<end>"})"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 1);
+  EXPECT_THAT(directory.changes(),
+              Contains("config.json | $.eos_token_id | 0 | 1 | tokenizer.special-id-outside"));
+}
+
+TEST(SettleSpecialIds, TakesTheModelsOwnUnknownTokenNext) {
+  const PreparedDirectory directory(
+      ModelDirBuilder().tokenizer(R"({"model":{"unk_token":"B","vocab":{"A":0,"B":1}}})"));
+  EXPECT_EQ(directory.model.tokenizer.unkId, 1);
+}
+
+TEST(SettleSpecialIds, TakesTheGenerationConfigurationNext) {
+  const PreparedDirectory directory(withTokens().file(
+      "generation_config.json", R"({"eos_token_id":[3,2],"pad_token_id":1,"bos_token_id":4})"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 3);
+  EXPECT_EQ(directory.model.tokenizer.padId, 1);
+  EXPECT_EQ(directory.model.tokenizer.bosId, -1);  // id 4 is no token
+}
+
+TEST(SettleSpecialIds, TakesTheNestedConfigurationLast) {
+  const PreparedDirectory directory(
+      withTokens(R"({"model_type":"x","text_config":{"bos_token_id":2,"eos_token_id":2}})")
+          .file("generation_config.json", R"({"eos_token_id":1})"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 2);
+  EXPECT_EQ(directory.model.tokenizer.eosId, 1);
+}
+
+TEST(SettleSpecialIds, NamesNoTokenThatTheVocabularyDoesNotHold) {
+  const PreparedDirectory directory(withTokens().file("tokenizer_config.json", R"({"bos_token":"Z"})"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, -1);
+  EXPECT_THAT(directory.changes(), IsEmpty());
+}
+
+// ---- tokenizer.model
+
+ProtoBuilder piece(std::string_view text, std::uint64_t type) {
+  return ProtoBuilder().bytes(1, text).number(2, 0).varint(3, type);
+}
+
+ModelDirBuilder withModel(std::string_view config) {
+  return ModelDirBuilder().config(config).file("tokenizer.model", ProtoBuilder()
+                                                                      .message(1, piece("<unk>", 2))
+                                                                      .message(1, piece("<s>", 3))
+                                                                      .message(1, piece("</s>", 3))
+                                                                      .message(1, piece("a", 1))
+                                                                      .str());
+}
+
+TEST(SettleSpecialIdsOfAModel, FillsOnlyWhatTheModelLeavesOpen) {
+  const PreparedDirectory directory(withModel(R"({"model_type":"x","bos_token_id":3})")
+                                        .file("special_tokens_map.json", R"({"pad_token":"</s>"})"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 1);
+  EXPECT_EQ(directory.model.tokenizer.padId, 2);
+  EXPECT_THAT(
+      directory.changes(),
+      Contains("tokenizer.model | pad_token_id in the settings |  | 2 | tokenizer.model-field-numbers"));
+}
+
+TEST(SettleSpecialIdsOfAModel, TakesGenerationBeforeConfiguration) {
+  EXPECT_EQ(PreparedDirectory(withModel(R"({"model_type":"x","pad_token_id":3})")).model.tokenizer.padId, 3);
+  EXPECT_EQ(PreparedDirectory(withModel(R"({"model_type":"x","pad_token_id":3})")
+                                  .file("generation_config.json", R"({"pad_token_id":0})"))
+                .model.tokenizer.padId,
+            0);
+  EXPECT_EQ(PreparedDirectory(withModel(R"({"model_type":"x","pad_token_id":-1})")).model.tokenizer.padId,
+            -1);
+}
+
+}  // namespace
+}  // namespace zel::tool::prepare
