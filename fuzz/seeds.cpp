@@ -315,6 +315,55 @@ SeedSet tokenizerModelSeeds() {
       }};
 }
 
+// Public SentencePiece models: pieces in field 1, trainer settings in field 2, the normaliser in field 3.
+SeedSet sentencePieceSeeds() {
+  const auto piece = [](std::string_view text, float score, std::uint64_t type) {
+    return ProtoBuilder().bytes(1, text).number(2, score).varint(3, type);
+  };
+  const auto special = [&] {
+    return ProtoBuilder()
+        .message(1, piece("<unk>", 0, 2))
+        .message(1, piece("<s>", 0, 3))
+        .message(1, piece("</s>", 0, 3));
+  };
+  const ProtoBuilder trainer = ProtoBuilder()
+                                   .varint(40, 0)
+                                   .varint(41, 1)
+                                   .negative(43, -1)
+                                   .bytes(45, "<unk>")
+                                   .bytes(46, "<s>")
+                                   .bytes(47, "</s>")
+                                   .bytes(48, "<pad>");
+  const ProtoBuilder normalizer = ProtoBuilder().bytes(1, "identity");
+  std::string everyType;
+  for (std::uint64_t type = 0; type < 8; ++type)
+    everyType += ProtoBuilder().message(1, piece({"abcdefgh" + type, 1}, -1.5F, type)).str();
+  return {"sentencepiece",
+          {
+              {"model",
+               special().message(1, piece("a", -1.5F, 1)).message(2, trainer).message(3, normalizer).str()},
+              {"settings_first", ProtoBuilder().message(2, trainer).message(1, piece("a", -1, 1)).str()},
+              {"every_type", everyType},
+              {"own_names", ProtoBuilder()
+                                .message(1, piece("[B]", 0, 3))
+                                .message(2, ProtoBuilder().bytes(46, "[B]").bytes(48, "[B]"))
+                                .str()},
+              {"repeated_texts", special().message(1, piece("<s>", 0, 3)).str()},
+              {"no_score", special().message(1, ProtoBuilder().bytes(1, "b")).str()},
+              {"empty_pieces", special().raw("\x0A").raw(std::string(1, '\0')).str()},
+              {"not_utf8", special().message(1, piece("\xFF", -9, 1)).str()},
+              {"unknown_fields", special()
+                                     .fixed64(100, 1)
+                                     .key(101, test::WireType::StartGroup)
+                                     .key(101, test::WireType::EndGroup)
+                                     .str()},
+              {"in_the_layout_that_is_read",
+               ProtoBuilder().message(3, piece("a", -1, 1)).message(1, ProtoBuilder().varint(5, 0)).str()},
+              {"tokens_and_ranks", "aGVsbG8= 0\nd29ybGQ= 1\n"},
+              {"cut_short", special().bytesClaiming(1, 20, "x").str()},
+          }};
+}
+
 SeedSet containerSeeds() {
   using test::ContainerBuilder;
   const test::BuiltContainer full = test::fullContainer().build();
@@ -428,8 +477,9 @@ SeedSet directorySeeds() {
 }  // namespace
 
 std::vector<SeedSet> allSeeds() {
-  return {jsonSeeds(),           safetensorsSeeds(), pytorchSeeds(),   pickleSeeds(),   tokenizerJsonSeeds(),
-          tokenizerModelSeeds(), containerSeeds(),   directorySeeds(), torchZipSeeds(), torchLegacySeeds()};
+  return {jsonSeeds(),          safetensorsSeeds(),    pytorchSeeds(),       pickleSeeds(),
+          tokenizerJsonSeeds(), tokenizerModelSeeds(), sentencePieceSeeds(), containerSeeds(),
+          directorySeeds(),     torchZipSeeds(),       torchLegacySeeds()};
 }
 
 }  // namespace zel::fuzz

@@ -30,6 +30,10 @@ void checkTokenizerJson(std::string_view input);
 // A tokenizer.model. Agrees with a plain reader.
 void checkTokenizerModel(std::string_view input);
 
+// A tokenizer.model as `okv2 prepare` meets it. Every piece of a public model arrives where an import reads
+// it; a refusal is a known one; equal inputs give equal bytes.
+void checkSentencePiece(std::string_view input);
+
 // A container, as it is and with its checksum made to fit. What passes verification can be written again,
 // byte for byte, from what was read of it.
 void checkContainer(std::string_view input);

@@ -35,6 +35,7 @@ Check checkOfTarget() {
   if (kTarget == "pickle") return checkPickle;
   if (kTarget == "tokenizer_json") return checkTokenizerJson;
   if (kTarget == "tokenizer_model") return checkTokenizerModel;
+  if (kTarget == "sentencepiece") return checkSentencePiece;
   if (kTarget == "container") return checkContainer;
   if (kTarget == "torch_zip") return checkTorchZip;
   if (kTarget == "torch_legacy") return checkTorchLegacy;

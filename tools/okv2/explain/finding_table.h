@@ -104,11 +104,6 @@ struct FindingRow {
   const char* todo;  // "{}" stands for the file in question, quoted for a shell
 };
 
-// Loads nothing but tensors.
-inline constexpr char kSaveAsSafetensors[] =
-    "python3 -c \"import sys, torch, safetensors.torch as s; s.save_file({k: v.contiguous() for k, v in "
-    "torch.load(sys.argv[1], map_location='cpu', weights_only=True).items()}, 'model.safetensors')\" {}";
-
 // One row an Id, in the order of the enumerators.
 inline constexpr FindingRow kFindings[] = {
     {Id::ConfigMissing, "config.missing", Severity::Fatal, "There is no readable config.json.",
@@ -126,10 +121,10 @@ inline constexpr FindingRow kFindings[] = {
     {Id::ConfigKeyNotRead, "config.key-not-read", Severity::Loss,
      "A size is given under a key that is not read.",
      "Only one spelling of each key is known, so the field stays 0 and its metadata item is left out.",
-     "Copy the value to the key that is read."},
+     "Run okv2 prepare DIR OUT: it brings the value to the key that is read."},
     {Id::ConfigNested, "config.nested", Severity::Loss, "Settings lie in a nested object.",
      "Only the top level of config.json is read, so the fields stay 0.",
-     "Copy the nested settings to the top level of config.json."},
+     "Run okv2 prepare DIR OUT: it brings the settings to the top level."},
     {Id::ConfigRopeScaling, "config.rope-scaling", Severity::Loss,
      "The scaling of rotary positions is not read.",
      "The container has no item for it, and a model that needs it will be wrong at long contexts.",
@@ -155,7 +150,7 @@ inline constexpr FindingRow kFindings[] = {
      "Set it in the consumer of the container."},
     {Id::ConfigEosList, "config.eos-list", Severity::Loss,
      "Of several end-of-sequence ids at most the first is kept.", "The container has room for one id.",
-     "Read the others from generation_config.json, which is kept as text."},
+     "Run okv2 prepare DIR OUT: it moves the list to generation_config.json, which is kept as text."},
     {Id::TokenizerNone, "tokenizer.none", Severity::Loss, "There is no tokenizer file that is read.",
      "Only tokenizer.json and tokenizer.model are looked for, and without them the container carries an "
      "empty tokenizer.",
@@ -171,14 +166,15 @@ inline constexpr FindingRow kFindings[] = {
      "tokenizer.json has no vocabulary of the kind that is read.",
      "The vocabulary must be an object of token to id; Unigram models hold an array, and the failure is "
      "silent.",
-     "Convert the tokenizer to one whose \"vocab\" is an object."},
+     "Run okv2 prepare DIR OUT: it turns the list of a Unigram model into an object and scores."},
     {Id::TokenizerJsonBadId, "tokenizer.json-bad-id", Severity::Loss,
      "A token id in tokenizer.json is not a whole number of at least 0.",
      "One bad id refuses the whole file silently.", "Correct the id."},
     {Id::TokenizerJsonIdGap, "tokenizer.json-id-gap", Severity::Loss,
      "The token ids in tokenizer.json have a gap or a repetition.",
      "They must be 0, 1, 2 and so on, each once; otherwise the file is refused silently.",
-     "Fill the gap with placeholder tokens, or move added tokens into the vocabulary."},
+     "Run okv2 prepare DIR OUT: it fills gaps with reserved names. Give tokens that share an id one each by "
+     "hand."},
     {Id::TokenizerJsonBadMerges, "tokenizer.json-bad-merges", Severity::Loss,
      "\"merges\" in tokenizer.json is not an array of texts.",
      "Any other form refuses the whole file silently.",
@@ -186,7 +182,7 @@ inline constexpr FindingRow kFindings[] = {
     {Id::TokenizerJsonMergePairs, "tokenizer.json-merge-pairs", Severity::Loss,
      "The merges in tokenizer.json are pairs.",
      "Only the older form, one text with a space, is read; pairs refuse the whole file silently.",
-     "Write each pair as one text: join its two parts with a space."},
+     "Run okv2 prepare DIR OUT: it writes each pair as one text."},
     {Id::TokenizerJsonBadAddedTokens, "tokenizer.json-bad-added-tokens", Severity::Loss,
      "\"added_tokens\" in tokenizer.json is not an array.", "Any other kind refuses the whole file silently.",
      "Make it an array."},
@@ -205,7 +201,7 @@ inline constexpr FindingRow kFindings[] = {
     {Id::TokenizerModelFieldNumbers, "tokenizer.model-field-numbers", Severity::Loss,
      "tokenizer.model numbers its fields in the usual way, which is not the way they are read.",
      "Pieces are read from field 3 and ids from field 1, so the normaliser's name becomes the only token.",
-     "Put a tokenizer.json with the same vocabulary there: it comes first."},
+     "Run okv2 prepare DIR OUT: it numbers the fields in the way that is read."},
     {Id::TokenizerModelIgnored, "tokenizer.model-ignored", Severity::Note, "tokenizer.model is not read.",
      "tokenizer.json could be read and comes first.", "Nothing."},
     {Id::TokenizerFilesIgnored, "tokenizer.files-ignored", Severity::Note,
@@ -217,11 +213,11 @@ inline constexpr FindingRow kFindings[] = {
     {Id::TokenizerAddedOutside, "tokenizer.added-outside", Severity::Loss,
      "Added tokens lie beyond the vocabulary.",
      "They are never appended to it, so their texts do not reach the container.",
-     "Move them into \"vocab\" of tokenizer.json."},
+     "Run okv2 prepare DIR OUT: it moves them into the vocabulary."},
     {Id::TokenizerSpecialIdOutside, "tokenizer.special-id-outside", Severity::Loss,
      "A special id points outside the vocabulary.",
      "Ids are taken as they are given, also where no such token is stored.",
-     "Move the token into \"vocab\" of tokenizer.json."},
+     "Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary."},
     {Id::TokenizerScoreCount, "tokenizer.score-count", Severity::Note,
      "The number of scores is not the number of tokens.",
      "Scores are stored as they are read, tied to nothing.", "Correct \"scores\" in tokenizer.json."},
@@ -230,15 +226,17 @@ inline constexpr FindingRow kFindings[] = {
      "Mend the tokenizer file as the other findings say."},
     {Id::TemplateJinjaFile, "template.jinja-file", Severity::Loss, "chat_template.jinja is not read.",
      "A template is taken from config.json or tokenizer_config.json only.",
-     "Put its text as \"chat_template\" into tokenizer_config.json."},
+     "Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json."},
     {Id::TemplateList, "template.list", Severity::Loss, "The chat template is a list of named templates.",
      "Only a single text is read; a list is ignored.",
-     "Make \"chat_template\" the one text that shall be used."},
+     "Run okv2 prepare DIR OUT: it takes the template named default. Without one, make \"chat_template\" the "
+     "text that shall be used."},
     {Id::TemplateNotText, "template.not-text", Severity::Loss, "\"chat_template\" is neither text nor list.",
      "Only text is read.", "Make it a text."},
     {Id::TemplateConfigWins, "template.config-wins", Severity::Loss,
      "The chat template of tokenizer_config.json is passed over.",
-     "config.json has one too, which comes first.", "Remove the one that does not apply."},
+     "config.json has one too, which comes first.",
+     "Run okv2 prepare DIR OUT: it keeps the template of tokenizer_config.json."},
     {Id::TemplateDropped, "template.dropped", Severity::Loss, "A chat template is read and then dropped.",
      "It is handed to the container only together with a vocabulary that is not empty.",
      "Mend the tokenizer."},
@@ -271,7 +269,7 @@ inline constexpr FindingRow kFindings[] = {
      "Put the weights into the directory."},
     {Id::WeightsShardedBin, "weights.sharded-bin", Severity::Fatal, "The weights are PyTorch shards.",
      "Only a single file of the name pytorch_model.bin is read.",
-     "Convert the shards to .safetensors files."},
+     "Run okv2 prepare DIR OUT: it writes the shards as .safetensors files."},
     {Id::WeightsOtherFormat, "weights.other-format", Severity::Note,
      "There are weights in a format that is not read.",
      "Files ending in .safetensors are taken, or else pytorch_model.bin.",
@@ -296,7 +294,8 @@ inline constexpr FindingRow kFindings[] = {
      "Fetch {} again, or convert it to .safetensors once more."},
     {Id::WeightsType, "weights.type", Severity::Fatal, "A tensor has an element type that is refused.",
      "F32, F16, BF16, Q4_K, Q5_K and Q6_K are read; one tensor of another type refuses the whole file.",
-     "Convert the tensor to one of these types, or leave it out of {}."},
+     "Run okv2 prepare DIR OUT with --cast for 64-bit floats, or with --drop REGEX for what inference does "
+     "not need."},
     {Id::WeightsNoTensors, "weights.no-tensors", Severity::Fatal, "The weight files hold no tensor.",
      "A container without tensors is not written.", "Put the weights into the directory."},
     {Id::WeightsIndexMissing, "weights.index-missing", Severity::Loss,
@@ -314,18 +313,25 @@ inline constexpr FindingRow kFindings[] = {
      "Merge the adapter into its base model first."},
     {Id::PytorchFolder, "pytorch.folder", Severity::Fatal, "The checkpoint keeps its entries under a folder.",
      "torch.save does that; the entry data.pkl is looked for at the top of the archive only.",
-     kSaveAsSafetensors},
+     "Run okv2 prepare DIR OUT: it reads the tensors without running anything and writes them as "
+     ".safetensors."},
     {Id::PytorchDeflated, "pytorch.deflated", Severity::Fatal, "The checkpoint is compressed.",
-     "Entries must be stored, so that tensors can be taken from the file as they lie.", kSaveAsSafetensors},
+     "Entries must be stored, so that tensors can be taken from the file as they lie.",
+     "Run okv2 prepare DIR OUT: it reads the tensors without running anything and writes them as "
+     ".safetensors."},
     {Id::PytorchLegacy, "pytorch.legacy", Severity::Fatal,
      "The checkpoint is in the format before zip archives.", "Only zip archives are read.",
-     kSaveAsSafetensors},
+     "Run okv2 prepare DIR OUT: it reads the tensors without running anything and writes them as "
+     ".safetensors."},
     {Id::PytorchPickle, "pytorch.pickle", Severity::Fatal, "The checkpoint's program is refused.",
      "Only a small dialect that can build nothing but a flat dictionary of tensors is run.",
-     kSaveAsSafetensors},
+     "Run okv2 prepare DIR OUT: it reads the tensors without running anything and writes them as "
+     ".safetensors."},
     {Id::PytorchStorageType, "pytorch.storage-type", Severity::Fatal,
      "A tensor of the checkpoint has an element type that is refused.",
-     "32-bit floats, 16-bit floats and bfloat16 are read.", "Convert the tensor, or leave it out of {}."},
+     "32-bit floats, 16-bit floats and bfloat16 are read.",
+     "Run okv2 prepare DIR OUT with --cast for 64-bit floats, or with --drop REGEX for what inference does "
+     "not need."},
     {Id::TensorRefused, "tensor.refused", Severity::Fatal,
      "A tensor has no dimension, more than four, or no bytes.",
      "The container cannot hold such a tensor, and the import ends there.",
