@@ -152,7 +152,7 @@ TEST(PrepareDirectory, RefusesATextThatIsTooLong) {
   ASSERT_EQ(::truncate((source + "/tokenizer.json").c_str(), off_t(kMaxTextBytes) + 1), 0);
   EXPECT_EQ(refusalOf([&] { return prepareDirectory(source, dir / "out", {}); }),
             (Refusal{3, "file.not-regular",
-                     "tokenizer.json: 268435457 bytes are more than the 268435456 of any description",
+                     "tokenizer.json: 134217729 bytes are more than the 134217728 of any description",
                      "Put the model's own tokenizer.json there."}));
 }
 

@@ -1,4 +1,5 @@
 // Added tokens, repeated ids and gaps: what becomes of them in a joined vocabulary.
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -121,6 +122,21 @@ TEST(JoinVocabulary, RefusesTheHighestIdThatThereIs) {
                "file: 1 tokens lie on ids up to 9223372036854775807; at most 262144 ids without a token "
                "are filled",
                "Use the tokenizer files that belong to the model, complete."}));
+}
+
+// Ids a multiple of a hash table's buckets apart: hundreds of thousands of steps each, were there one.
+TEST(JoinVocabulary, TakesAsLongForIdsThatShareABucket) {
+  constexpr std::int64_t kTokens = 500'000, kBuckets = 712'697;  // of libstdc++ for so many elements
+  std::vector<Token> tokens;
+  for (std::int64_t k = 0; k < kTokens; ++k)
+    tokens.push_back({k * kBuckets, std::to_string(k)});
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(refusalOf([&] {
+              Changes changes;
+              return joinVocabulary(tokens, {}, kPlace, changes);
+            }).exitCode,
+            3);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }
 
 TEST(JoinVocabulary, RefusesTwoTokensOfOneId) {

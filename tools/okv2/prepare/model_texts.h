@@ -13,8 +13,9 @@
 
 namespace zel::tool::prepare {
 
-// Larger texts are no description of a model: the largest published tokenizer.json has 35 MB.
-inline constexpr std::uint64_t kMaxTextBytes = std::uint64_t{256} << 20;
+// Larger texts are no description of a model: the largest published tokenizer.json files have some tens of
+// megabytes. A tree takes up to twenty times the room of its text.
+inline constexpr std::uint64_t kMaxTextBytes = std::uint64_t{128} << 20;
 
 struct JsonFile {
   explicit JsonFile(std::string fileName) : name(std::move(fileName)) {}

@@ -4,8 +4,8 @@
 
 #include <bit>
 #include <cstdint>
+#include <map>
 #include <string>
-#include <unordered_map>
 #include <utility>
 
 #include "hf/hf_importer.h"
@@ -76,8 +76,7 @@ std::string settingsOf(const SpecialIds& ids) {
 // ---- the genuine model
 
 // As the public library answers: the piece of that text, when it is of that type.
-std::int64_t idOfPiece(const sentencepiece::ModelProto& model,
-                       const std::unordered_map<std::string, std::int64_t>& idOf, const std::string& text,
+std::int64_t idOfPiece(const sentencepiece::ModelProto& model, const TokenIds& idOf, const std::string& text,
                        Piece::Type type) {
   const auto known = idOf.find(text);
   if (known == idOf.end() || known->second >= model.pieces_size()) return -1;
@@ -122,7 +121,7 @@ Tokenizer encodeAnew(const sentencepiece::ModelProto& model, const std::vector<A
   const auto place = [&](const Token& token, std::int32_t type) {
     rest[static_cast<std::size_t>(token.id - model.pieces_size())] = {token.text, type};
   };
-  std::unordered_map<std::string, bool> isSpecial;
+  std::map<std::string, bool> isSpecial;
   for (const AddedToken& token : beyond)
     isSpecial.emplace(token.text, token.special);
   for (const Token& token : joined.joined)

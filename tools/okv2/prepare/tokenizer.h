@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <string>
-#include <unordered_map>
 
 #include "okv2/prepare/outcome.h"
 #include "okv2/prepare/vocabulary.h"
@@ -18,7 +17,7 @@ struct Tokenizer {
   std::string file;     // "tokenizer.json" or "tokenizer.model"; empty when there is none
   std::string bytes;    // what shall be in it
   bool isKept = false;  // a tokenizer.model that was in the layout that is read already
-  std::unordered_map<std::string, std::int64_t> idOf;
+  TokenIds idOf;
   std::int64_t size = 0;
   SpecialIds ids;              // as an import takes them from this file alone
   std::int64_t modelUnk = -1;  // the unknown token that the file's own model names

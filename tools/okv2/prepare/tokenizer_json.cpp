@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include <optional>
-#include <unordered_set>
+#include <set>
 #include <utility>
 
 #include "hf/hf_importer.h"
@@ -154,7 +154,7 @@ void TokenizerJson::gatherAdded(const std::vector<AddedToken>& alsoAdded) {
   } else if (!elements->is_array()) {
     refuse(kExitCorrupted, Id::TokenizerJsonBadAddedTokens, "$.added_tokens is no array");
   }
-  std::unordered_set<std::string> known;
+  std::set<std::string> known;
   for (Json& element : *elements) {
     // Elements that an import skips are left as they are.
     const std::optional<std::int64_t> id = wholeMember(element, "id");

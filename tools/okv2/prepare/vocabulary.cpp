@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <unordered_set>
+#include <set>
 #include <utility>
 
 #include "okv2/exit_codes.h"
@@ -124,7 +124,7 @@ class Joiner {
   const VocabularyPlace& place_;
   Changes& changes_;
   JoinedVocabulary out_;
-  std::unordered_set<std::int64_t> taken_;
+  std::set<std::int64_t> taken_;
   std::int64_t highest_ = -1;
 };
 

@@ -2,9 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "okv2/prepare/outcome.h"
@@ -29,11 +30,14 @@ inline constexpr std::int64_t kMaxFilledIds = std::int64_t{1} << 18;
 // The container holds ids as signed 32-bit integers.
 inline constexpr std::int64_t kMaxTokenId = INT32_MAX;
 
+// Trees, not hash tables: whoever writes the file could choose texts and ids that all fall into one bucket.
+using TokenIds = std::map<std::string, std::int64_t, std::less<>>;
+
 struct JoinedVocabulary {
-  std::vector<Token> joined;                           // added tokens that were in no place before
-  std::vector<Token> fillers;                          // reserved names for the ids that were left
-  std::vector<std::int64_t> addedIds;                  // of every added token, as given
-  std::unordered_map<std::string, std::int64_t> idOf;  // every token; the lowest id of equal texts
+  std::vector<Token> joined;           // added tokens that were in no place before
+  std::vector<Token> fillers;          // reserved names for the ids that were left
+  std::vector<std::int64_t> addedIds;  // of every added token, as given
+  TokenIds idOf;                       // every token; the lowest id of equal texts
   std::int64_t size = 0;
 };
 
