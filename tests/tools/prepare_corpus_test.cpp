@@ -130,6 +130,27 @@ TEST(PrepareCorpus, EveryTokenizerArrivesWhole) {
   }
 }
 
+// How many tokens an import of the directory takes.
+std::size_t tokensOf(const std::string& directory) {
+  HfImporter model;
+  EXPECT_EQ(model.open(directory).message(), "") << directory;
+  return model.tokenizer.tokens.size();
+}
+
+std::size_t numberIn(const std::string& cell) { return cell.empty() ? 0 : std::stoul(cell); }
+
+TEST(PrepareCorpus, TokenizersHaveAsManyTokensBeforeAsTheTableSays) {
+  OKV2_REQUIRE_CORPUS();
+  std::size_t gained = 0;
+  for (const auto& row : test::readCorpusTable("tokenizers/tokenizers.tsv")) {
+    const std::string folder = "tokenizers/" + row.at("file").substr(0, row.at("file").find('/'));
+    const PreparedDirectory directory(textsOf(folder));
+    EXPECT_EQ(tokensOf(directory.source), numberIn(row.at("tokens"))) << folder;
+    gained += tokensOf(directory.out) > numberIn(row.at("tokens"));
+  }
+  EXPECT_EQ(gained, 7U);  // the others were whole
+}
+
 TEST(PrepareCorpus, EveryTokenizerOfTheTableHasItsRow) {
   OKV2_REQUIRE_CORPUS();
   std::set<std::string> known;
@@ -185,6 +206,7 @@ TEST(PrepareCorpus, EverySentencePieceModelArrivesWhole) {
     const PreparedDirectory directory(ModelDirBuilder().file(
         "tokenizer.model", test::readWholeFile(test::corpusPath(std::string("sentencepiece/") + row.file))));
     const TokenizerData& data = directory.model.tokenizer;
+    EXPECT_EQ(tokensOf(directory.source), 1U);  // before: the normaliser's name
     EXPECT_EQ(data.tokens.size(), row.tokens);
     EXPECT_EQ(data.bosId, row.bos);
     EXPECT_EQ(data.eosId, row.eos);

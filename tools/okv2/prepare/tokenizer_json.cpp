@@ -93,7 +93,7 @@ void TokenizerJson::mendMerges() {
                          k, left, right),
              "Use a tokenizer.model of the same vocabulary, if there is one, and remove tokenizer.json.");
     }
-    merge = Json(left + " " + right);
+    merge = Json(fmt::format("{} {}", left, right));
     ++pairs;
   }
   if (pairs == 0) return;
