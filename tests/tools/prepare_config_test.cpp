@@ -207,6 +207,14 @@ TEST(MendGemma4, ReadsTheTextModelAlone) {
   EXPECT_THAT(directory.model.swaPattern, ElementsAre(0));
 }
 
+TEST(MendGemma4, KnowsTheModelByEveryNameThatAnImportMaps) {
+  for (const char* name : {R"("model_type":"gemma4")", R"("model_type":"Gemma4ForCausalLM")",
+                           R"("architectures":["Gemma4ForCausalLM"])", R"("architectures":"gemma4")"}) {
+    const PreparedDirectory directory(withConfig("{" + std::string(name) + R"(,"global_head_dim":512})"));
+    EXPECT_EQ(directory.model.headDim, 512) << name;
+  }
+}
+
 TEST(MendGemma4, DerivesThePatternFromItsPeriod) {
   const PreparedDirectory directory(
       withConfig(R"({"model_type":"gemma4","num_hidden_layers":5,"sliding_window_pattern":3})"));

@@ -98,6 +98,16 @@ TEST(PrepareDirectory, KeepsToTokenizerJsonWhenThereAreTwoFiles) {
                           "tokenizer.model | the file | 10 bytes |  | tokenizer.model-ignored"));
 }
 
+TEST(PrepareDirectory, SaysWhichFileItCannotWrite) {
+  const TempDir dir;
+  const std::string source = pairMerges().write(dir);
+  dir.write("out/tokenizer.json", "x");
+  EXPECT_EQ(
+      refusalOf([&] { return prepareDirectory(source, dir / "out", {}); }),
+      (Refusal{73, "", "cannot write tokenizer.json: File exists", "Make room, or choose another output."}));
+  EXPECT_EQ(test::readWholeFile(dir / "out/tokenizer.json"), "x");
+}
+
 struct Disguised {
   const char* name;
   const char* bytes;

@@ -52,9 +52,10 @@ class ConfigMender {
 
   void run() {
     mendModelType();
-    const std::string* type = textMember(config_.root, "model_type");
-    const std::string* arch = firstArchitecture();
-    isGemma4_ = type != nullptr ? *type == "gemma4" : arch != nullptr && *arch == "Gemma4ForCausalLM";
+    const std::string* arch = textMember(config_.root, "model_type");
+    if (arch == nullptr) arch = firstArchitecture();
+    isGemma4_ =
+        arch != nullptr && (*arch == "gemma4" || *arch == "Gemma4ForCausalLM");  // as an import maps it
     if (isGemma4_) mendGemma4();
     for (const ReadRow& row : kReadRows)
       fill(row);
