@@ -133,7 +133,7 @@ TEST_P(PrepareRefusesFirst, FilesThatAreNotWhatTheyAreCalled) {
 INSTANTIATE_TEST_SUITE_P(
     Each, PrepareRefusesFirst,
     testing::Values(Disguised{"LfsPointer",
-                              "version https://git-lfs.github.com/spec/v1\noid sha256:0\nsize 5\n",
+                              "version https://git-lfs.example/v1\noid sha256:0\nsize 5\n",
                               {7, "file.lfs-pointer", ": A file is a Git LFS pointer and not its content.",
                                "git lfs pull --include @"}},
                     Disguised{"LinkText",
