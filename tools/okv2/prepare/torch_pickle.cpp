@@ -229,7 +229,7 @@ bool TorchPickle::readLength(unsigned bytes, std::uint64_t& out) {
 }
 
 bool TorchPickle::pushInteger(unsigned bytes, bool isSigned) {
-  std::uint64_t bits;
+  std::uint64_t bits = 0;
   if (!readLength(bytes, bits)) return false;
   const std::int64_t value = isSigned ? static_cast<std::int32_t>(static_cast<std::uint32_t>(bits))
                                       : static_cast<std::int64_t>(bits);
@@ -237,7 +237,7 @@ bool TorchPickle::pushInteger(unsigned bytes, bool isSigned) {
 }
 
 bool TorchPickle::pushText(PickleKind kind, unsigned lengthBytes) {
-  std::uint64_t length;
+  std::uint64_t length = 0;
   std::string_view text;
   if (!readLength(lengthBytes, length)) return false;
   if (!in_.readBytes(length, text)) return endsEarly();
@@ -245,7 +245,7 @@ bool TorchPickle::pushText(PickleKind kind, unsigned lengthBytes) {
 }
 
 bool TorchPickle::pushLong(unsigned lengthBytes) {
-  std::uint64_t length;
+  std::uint64_t length = 0;
   std::string_view raw;
   if (!readLength(lengthBytes, length)) return false;
   if (!in_.readBytes(length, raw)) return endsEarly();
@@ -257,7 +257,7 @@ bool TorchPickle::pushLong(unsigned lengthBytes) {
 }
 
 bool TorchPickle::pushReal() {
-  std::uint64_t bits;
+  std::uint64_t bits = 0;
   if (!in_.readU64(bits)) return endsEarly();
   return push(PickleValue(std::bit_cast<double>(__builtin_bswap64(bits))));  // the only big-endian operand
 }
@@ -292,12 +292,12 @@ bool TorchPickle::put(std::uint64_t index) {
 }
 
 bool TorchPickle::putOperand(unsigned bytes) {
-  std::uint64_t index;
+  std::uint64_t index = 0;
   return readLength(bytes, index) && put(index);
 }
 
 bool TorchPickle::getOperand(unsigned bytes) {
-  std::uint64_t index;
+  std::uint64_t index = 0;
   if (!readLength(bytes, index)) return false;
   if (index >= memo_.size() || memo_[index].is(Kind::Unset)) return corrupt("asks for an empty memo index");
   return push(PickleValue(memo_[index]));
