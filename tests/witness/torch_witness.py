@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""torch_witness_test.py DRIVER OKV2 OKV2_PY: torch itself writes checkpoints, and its own values must come out.
+"""torch_witness.py DRIVER OKV2 OKV2_PY: torch itself writes checkpoints, and its own values must come out.
 
 Each checkpoint is prepared (DRIVER is prepare_weights_driver), imported by the command OKV2, and read again
 through python/okv2.py, which shares no code with what wrote the container. What is compared is bytes: those of
