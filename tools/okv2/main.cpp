@@ -151,9 +151,7 @@ void addContainerCommands(CLI::App& app, int& exitCode) {
       ->needs(prepared);
   verify->add_flag("--text-only", verified->weights.textOnly, "With --prepare: towers were left out")
       ->needs(prepared);
-  verify->add_option("--drop", verified->weights.drop, "With --prepare: tensors that were left out")
-      ->needs(prepared)
-      ->type_name("REGEX");
+  addDropOption(*verify, verified->weights.drop)->needs(prepared);
   addJsonFlag(*verify, verified->json);
   const auto [hash, hashed] =
       addCommand<HashOptions>(app, "hash", "Print the SHA-256 of every tensor", runHash, exitCode);

@@ -20,7 +20,8 @@ std::string architectureOf(const std::string& dir) {
   return model.parseConfig(dir).ok() ? model.arch : "";
 }
 
-// A tensor that the index names and its shard lacks is lost; --drop says that it is not missed.
+// A tensor that the index names and its shard lacks is lost, whatever --drop says: nobody can tell what it
+// was.
 void compareWithIndex(const WeightSources& sources, const std::vector<std::unique_ptr<WeightFile>>& files) {
   for (const auto& file : files) {
     const auto listed = sources.indexed.find(file->name());
