@@ -337,7 +337,7 @@ SeedSet sentencePieceSeeds() {
   const ProtoBuilder normalizer = ProtoBuilder().bytes(1, "identity");
   std::string everyType;
   for (std::uint64_t type = 0; type < 8; ++type)
-    everyType += ProtoBuilder().message(1, piece({"abcdefgh" + type, 1}, -1.5F, type)).str();
+    everyType += ProtoBuilder().message(1, piece({&"abcdefgh"[type], 1}, -1.5F, type)).str();
   return {"sentencepiece",
           {
               {"model",
