@@ -243,8 +243,8 @@ TEST(ExplainWeights, NamesAFileThatTheIndexDoesNot) {
 }
 
 TEST(ExplainWeights, NamesOtherFormatsAndAnAdapter) {
-  EXPECT_THAT(found(ModelDirBuilder().file("model.gguf", "x"), Id::WeightsOtherFormat),
-              ElementsAre("model.gguf: 1 bytes"));
+  EXPECT_THAT(found(ModelDirBuilder().file("model.onnx", "x"), Id::WeightsOtherFormat),
+              ElementsAre("model.onnx: 1 bytes"));
   EXPECT_THAT(found(ModelDirBuilder().file("adapter_config.json", "{}"), Id::WeightsAdapter),
               ElementsAre("adapter_config.json: "));
   EXPECT_THAT(found(ModelDirBuilder().file("pytorch_model.bin", "x"), Id::WeightsBinIgnored),

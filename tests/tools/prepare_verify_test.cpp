@@ -110,7 +110,7 @@ TEST_F(VerifyPreparedTest, SaysWhenTypesOrShapesDiffer) {
 TEST_F(VerifyPreparedTest, FailsAsPreparingDoes) {
   saveTorch({{"t", {6}, {1}, "0", 6}}, kSix);
   const std::string file = container();
-  write("pytorch_model.bin", "GGUF");
+  write("pytorch_model.bin", "none");
   const test::CommandResult result = verify(file);
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_EQ(result.err,
