@@ -14,7 +14,9 @@ okv2_add_test(NAME pytorch_test
 # library is; the rest of the reader comes from there.
 if(OKV2_SANITIZE)
   set_source_files_properties(pickle_machine.cpp PROPERTIES COMPILE_OPTIONS "-O1;-fsanitize=${OKV2_SANITIZE}")
-elseif(NOT OKV2_COVERAGE)
+elseif(OKV2_COVERAGE)
+  set_source_files_properties(pickle_machine.cpp PROPERTIES COMPILE_OPTIONS "-fprofile-arcs;-ftest-coverage")
+else()
   set_source_files_properties(pickle_machine.cpp PROPERTIES COMPILE_OPTIONS "$<$<NOT:$<CONFIG:Debug>>:-O3>")
 endif()
 okv2_add_test(NAME pickle_test
