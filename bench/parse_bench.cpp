@@ -121,9 +121,7 @@ void checkTokenizer(NonAscii form) {
 void tokenizerOurs(benchmark::State& state, NonAscii form) {
   checkTokenizer(form);
   const std::string& text = tokenizerInput(form).text;
-  for (auto _ : state)
-    benchmark::DoNotOptimize(readOurs(text));
-  state.SetBytesProcessed(state.iterations() * std::int64_t(text.size()));
+  timeMaking(state, text.size(), [&] { return readOurs(text); });
 }
 
 void tokenizerSimdjsonVectors(benchmark::State& state, NonAscii form) {
