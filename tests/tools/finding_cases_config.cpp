@@ -1,0 +1,147 @@
+// What config.json can hold.
+#include <string>
+#include <vector>
+
+#include "tools/finding_cases.h"
+
+namespace zel::explain {
+namespace {
+
+using test::ModelDirBuilder;
+
+ModelDirBuilder withConfig(const std::string& json) { return goodModel().config(json); }
+ModelDirBuilder llamaWith(const std::string& member) {
+  return withConfig(R"({"model_type":"llama",)" + member + "}");
+}
+ModelDirBuilder gemma4With(const std::string& members) {
+  return withConfig(R"({"model_type":"gemma4",)" + members + "}");
+}
+
+}  // namespace
+
+std::vector<FindingCase> configCases() {
+  return {
+      {Id::ConfigMissing, "Absent", goodModel().without("config.json"),
+       R"(fatal config.missing: config.json
+  There is no readable config.json.
+  Why: Every import begins with this file, and an empty file counts as unreadable.
+  Do:  Put the model's config.json into the directory.
+)",
+       goodModel()},
+      {Id::ConfigMissing,
+       "Empty",
+       withConfig(""),
+       R"(fatal config.missing: config.json
+  There is no readable config.json.
+  Why: Every import begins with this file, and an empty file counts as unreadable.
+  Do:  Put the model's config.json into the directory.
+)",
+       withConfig("7"),
+       {"file.empty"}},
+      {Id::ConfigBadJson, "TrailingComma", withConfig(R"({"model_type":"llama",})"),
+       R"(fatal config.bad-json: config.json
+  byte 22: json: object key
+  config.json is not JSON.
+  Why: The file is parsed by RFC 8259, without comments or trailing commas.
+  Do:  Mend the file at the byte that is named, or fetch it again.
+)",
+       withConfig(R"({"model_type":"llama"})")},
+      {Id::ConfigNotObject, "Array", withConfig("[]"),
+       R"(fatal config.not-object: config.json
+  $ is an array
+  config.json holds something other than a JSON object.
+  Why: The settings are looked up as members of an object.
+  Do:  Put the model's own config.json there.
+)",
+       withConfig("{}")},
+      {Id::ConfigNoModelType, "NoArchitecture", withConfig(R"({"architectures":[]})"),
+       R"(fatal config.no-model-type: config.json
+  config.json names no architecture.
+  Why: It needs a text "model_type", or a text as the first entry of "architectures".
+  Do:  Add "model_type" to config.json.
+)",
+       withConfig(R"({"architectures":["x"]})")},
+      {Id::ConfigNoModelType, "EmptyModelType", withConfig(R"({"model_type":"","architectures":["x"]})"),
+       R"(fatal config.no-model-type: config.json
+  config.json names no architecture.
+  Why: It needs a text "model_type", or a text as the first entry of "architectures".
+  Do:  Add "model_type" to config.json.
+)",
+       withConfig(R"({"model_type":7,"architectures":["x"]})")},
+      {Id::ConfigKeyNotRead, "OtherSpelling", llamaWith(R"("n_embd":8)"),
+       R"(loss config.key-not-read: n_embd
+  config.json: $.n_embd is 8; $.hidden_size is read, and stays 0
+  A size is given under a key that is not read.
+  Why: Only one spelling of each key is known, so the field stays 0 and its metadata item is left out.
+  Do:  Run okv2 prepare DIR OUT: it brings the value to the key that is read.
+)",
+       llamaWith(R"("n_embd":8,"hidden_size":9)")},
+      {Id::ConfigNested, "TextConfig", llamaWith(R"("text_config":{"hidden_size":9})"),
+       R"(loss config.nested: text_config
+  config.json: $.text_config.hidden_size is 9
+  Settings lie in a nested object.
+  Why: Only the top level of config.json is read, so the fields stay 0.
+  Do:  Run okv2 prepare DIR OUT: it brings the settings to the top level.
+)",
+       llamaWith(R"("text_config":{"hidden_size":9},"hidden_size":9)")},
+      {Id::ConfigRopeScaling, "Given", llamaWith(R"("rope_scaling":{"type":"linear","factor":2.5})"),
+       R"(loss config.rope-scaling: rope_scaling
+  config.json: $.rope_scaling is {"type": "linear", "factor": 2.5}
+  The scaling of rotary positions is not read.
+  Why: The container has no item for it, and a model that needs it will be wrong at long contexts.
+  Do:  Configure it in the consumer of the container.
+)",
+       llamaWith(R"("rope_scaling":null)")},
+      {Id::ConfigQuantization, "Given", llamaWith(R"("quantization_config":{"bits":4})"),
+       R"(loss config.quantization: quantization_config
+  config.json: $.quantization_config is {"bits": 4}
+  The quantisation settings are not read.
+  Why: Packed weights pass through as plain tensors without what is needed to unpack them.
+  Do:  Import the model before quantisation.
+)",
+       llamaWith(R"("quantization_config":null)")},
+      {Id::ConfigWrongKind, "Fraction", llamaWith(R"("hidden_size":8.5)"),
+       R"(loss config.wrong-kind: hidden_size
+  config.json: $.hidden_size is 8.5
+  A key that is read holds a value of the wrong kind.
+  Why: Integers must be whole numbers of at most 64 bits and other settings must be of their kind; anything else leaves the field at 0.
+  Do:  Correct the value in config.json.
+)",
+       llamaWith(R"("hidden_size":8.0)")},
+      {Id::ConfigSoftcapOverwritten, "Different",
+       gemma4With(R"("final_logit_softcapping":30,"attn_logit_softcapping":50)"),
+       R"(loss config.softcap-overwritten: final_logit_softcapping
+  config.json: $.final_logit_softcapping is 30, and $.attn_logit_softcapping replaces it by 50
+  Two soft caps are given and one is kept.
+  Why: Both keys fill the same field, and attn_logit_softcapping is read last.
+  Do:  Set the other cap in the consumer of the container.
+)",
+       gemma4With(R"("final_logit_softcapping":30,"attn_logit_softcapping":30)")},
+      {Id::ConfigHeadDimOverwritten, "Different", gemma4With(R"("head_dim":64,"key_length":128)"),
+       R"(note config.head-dim-overwritten: head_dim
+  config.json: $.head_dim is 64, and $.key_length replaces it by 128
+  key_length replaces head_dim.
+  Why: Both keys fill the same field, and key_length is read last.
+  Do:  Remove the key that does not apply.
+)",
+       gemma4With(R"("head_dim":128,"key_length":128)")},
+      {Id::ConfigReadNotWritten, "OtherArchitecture", llamaWith(R"("head_dim":64)"),
+       R"(loss config.read-not-written: head_dim
+  config.json: $.head_dim is 64
+  A setting is read and then left out of the container.
+  Why: Its metadata item is written for the architecture gemma4 only.
+  Do:  Set it in the consumer of the container.
+)",
+       gemma4With(R"("head_dim":64)")},
+      {Id::ConfigEosList, "Two", llamaWith(R"("eos_token_id":[1,2])"),
+       R"(loss config.eos-list: eos_token_id
+  config.json: $.eos_token_id is [1, 2]
+  Of several end-of-sequence ids at most the first is kept.
+  Why: The container has room for one id.
+  Do:  Run okv2 prepare DIR OUT: it moves the list to generation_config.json, which is kept as text.
+)",
+       llamaWith(R"("eos_token_id":[1])")},
+  };
+}
+
+}  // namespace zel::explain
