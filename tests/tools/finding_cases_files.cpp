@@ -102,6 +102,16 @@ std::vector<FindingCase> fileCases() {
   Do:  Put the file there: 'generation_config.json'.
 )",
        goodModel().symlink("generation_config.json", "config.json")},
+      {Id::FileNotRegular,
+       "CheckpointBehindABrokenLink",
+       goodModel().noWeights().symlink("pytorch_model.bin", "nowhere"),
+       R"(loss file.not-regular: pytorch_model.bin
+  A name that is read belongs to something other than a regular file.
+  Why: Directories, pipes and devices are never read.
+  Do:  Put the file there: 'pytorch_model.bin'.
+)",
+       goodModel().symlink("pytorch_model.bin", "nowhere"),
+       {"weights.none"}},
       {Id::FileLfsPointer, "Pointer",
        withGeneration("version https://git-lfs.example/v1\noid sha256:00\nsize 1234\n"),
        R"(loss file.lfs-pointer: generation_config.json
@@ -111,6 +121,19 @@ std::vector<FindingCase> fileCases() {
   Do:  git lfs pull --include 'generation_config.json'
 )",
        withGeneration("Version https://git-lfs.example/v1\noid sha256:00\nsize 1234\n")},
+      // A clone that fetched the .safetensors files only lacks nothing.
+      {Id::FileLfsPointer,
+       "ShardOfACheckpoint",
+       goodModel().noWeights().file("pytorch_model-00001-of-00001.bin",
+                                    "version https://git-lfs.example/v1\n"),
+       R"(loss file.lfs-pointer: pytorch_model-00001-of-00001.bin
+  35 bytes
+  A file is a Git LFS pointer and not its content.
+  Why: The directory was cloned without Git LFS.
+  Do:  git lfs pull --include 'pytorch_model-00001-of-00001.bin'
+)",
+       goodModel().file("pytorch_model-00001-of-00001.bin", "version https://git-lfs.example/v1\n"),
+       {"weights.sharded-bin"}},
       {Id::FileLinkText, "RelativePath", withGeneration("../blobs/0123"),
        R"(loss file.link-text: generation_config.json
   ../blobs/0123

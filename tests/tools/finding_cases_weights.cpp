@@ -161,6 +161,17 @@ std::vector<FindingCase> weightCases() {
   Do:  Fetch 'c.safetensors'.
 )",
        withIndex(R"({"x":"a.safetensors","y":"b.safetensors"})")},
+      {Id::WeightsIndexMissing,
+       "OfACheckpoint",
+       goodModel().noWeights().file("pytorch_model.bin.index.json", R"({"weight_map":{"x":"x.bin"}})"),
+       R"(loss weights.index-missing: x.bin
+  pytorch_model.bin.index.json names it for 1 tensors
+  The index file names a shard that is not there.
+  Why: The shards are what the directory holds; the index is not asked, so the tensors of this shard are missing without a word.
+  Do:  Fetch 'x.bin'.
+)",
+       goodModel().file("pytorch_model.bin.index.json", R"({"weight_map":{"x":"x.bin"}})"),
+       {"weights.none"}},
       {Id::WeightsIndexUnlisted, "OneOfTwo", withIndex(R"({"x":"a.safetensors"})"),
        R"(note weights.index-unlisted: b.safetensors
   model.safetensors.index.json

@@ -6,6 +6,7 @@
 
 #include "okv2/explain/explanation.h"
 #include "okv2/explain/steps.h"
+#include "okv2/plan/weight_files.h"
 
 namespace zel::explain {
 namespace {
@@ -34,6 +35,11 @@ std::string shellQuoted(const std::string& text) {
 }
 
 }  // namespace
+
+bool Directory::hasSafetensors() const {
+  return std::any_of(files.begin(), files.end(),
+                     [](const auto& entry) { return plan::isSafetensorsName(entry.first); });
+}
 
 Explanation explainDirectory(const std::string& path) {
   Explanation out;

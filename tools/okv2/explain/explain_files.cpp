@@ -132,14 +132,13 @@ void reportIgnored(const Directory& directory, bool haveSafetensors, Explanation
 }  // namespace
 
 void explainFiles(const Directory& directory, const plan::ImportPlan&, Explanation& out) {
-  const bool haveSafetensors =
-      std::any_of(directory.files.begin(), directory.files.end(),
-                  [](const auto& entry) { return plan::isSafetensorsName(entry.first); });
+  const bool haveSafetensors = directory.hasSafetensors();
   for (const auto& [name, look] : directory.files) {
     const bool isWeights =
         plan::isSafetensorsName(name) ||
         (!haveSafetensors && name == "pytorch_model.bin" && look.disguise != Disguise::NotRegular);
-    if (isWeights || isDescription(name) || isShardOfPyTorch(name)) {
+    const bool isCheckpoint = name == "pytorch_model.bin" || isShardOfPyTorch(name);
+    if (isWeights || isDescription(name) || (isCheckpoint && !haveSafetensors)) {
       reportDisguise(name, look, isWeights, out);
     }
     out.files.push_back(describe(name, look, isWeights, out.tokenizer));

@@ -242,7 +242,8 @@ void noWeights(const Directory& directory, Explanation& out) {
 
 void explainWeights(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
   compareWithIndex(directory, "model.safetensors.index.json", out);
-  compareWithIndex(directory, "pytorch_model.bin.index.json", out);
+  // Downloads often leave out the checkpoint of a model that has both forms, but not its index.
+  if (!directory.hasSafetensors()) compareWithIndex(directory, "pytorch_model.bin.index.json", out);
   plan::WeightFiles files;
   if (const Status status = plan::findWeightFiles(directory.path, files); !status.ok()) {
     if (status.code() == Code::IOError) {

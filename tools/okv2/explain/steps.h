@@ -17,6 +17,8 @@ struct Directory {
   std::map<std::string, FileLook> files;  // by name; folders included
 
   [[nodiscard]] bool has(const std::string& name) const { return files.count(name) != 0; }
+  // Whether any name ends in ".safetensors": an import then looks at no other weights.
+  [[nodiscard]] bool hasSafetensors() const;
   [[nodiscard]] std::string pathOf(const std::string& name) const { return path + "/" + name; }
 };
 
