@@ -260,19 +260,35 @@ std::vector<FindingCase> tensorCases() {
       {Id::TensorRefused, "Scalar", withTensor(kKnownName, {}),
        R"(fatal tensor.refused: lm_head.weight
   model.safetensors: 0 dimensions, 4 bytes
-  A tensor has no dimension, more than four, or no bytes.
+  A tensor, or a third of a fused one, has no dimension, more than four, or no bytes.
   Why: The container cannot hold such a tensor, and the import ends there.
-  Do:  Give it one to four extents, none of them 0, or leave it out.
+  Do:  Give it one to four extents, none of them 0, and a fused one three rows or three blocks, or leave it out.
 )",
        withTensor(kKnownName, {1})},
       {Id::TensorRefused, "NoBytes", withTensor(kKnownName, {2, 0}),
        R"(fatal tensor.refused: lm_head.weight
   model.safetensors: 2 dimensions, 0 bytes
-  A tensor has no dimension, more than four, or no bytes.
+  A tensor, or a third of a fused one, has no dimension, more than four, or no bytes.
   Why: The container cannot hold such a tensor, and the import ends there.
-  Do:  Give it one to four extents, none of them 0, or leave it out.
+  Do:  Give it one to four extents, none of them 0, and a fused one three rows or three blocks, or leave it out.
 )",
        withTensor(kKnownName, {2, 1})},
+      {Id::TensorRefused, "FusedOfTwoRows", withTensor(fused, {2, 4}),
+       R"(fatal tensor.refused: transformer.h.0.attn.c_attn.weight
+  model.safetensors: a third of 2 rows has 0 bytes
+  A tensor, or a third of a fused one, has no dimension, more than four, or no bytes.
+  Why: The container cannot hold such a tensor, and the import ends there.
+  Do:  Give it one to four extents, none of them 0, and a fused one three rows or three blocks, or leave it out.
+)",
+       withTensor(fused, {3, 4})},
+      {Id::TensorRefused, "FusedOfLessThanThreeBlocks", withTensor(fused, {767, 1}, "Q4_K"),
+       R"(fatal tensor.refused: transformer.h.0.attn.c_attn.weight
+  model.safetensors: a third of 767 rows has 0 bytes
+  A tensor, or a third of a fused one, has no dimension, more than four, or no bytes.
+  Why: The container cannot hold such a tensor, and the import ends there.
+  Do:  Give it one to four extents, none of them 0, and a fused one three rows or three blocks, or leave it out.
+)",
+       withTensor(fused, {768, 1}, "Q4_K")},
       {Id::TensorUnnamed, "EmptyName", withTensor("", {1}),
        R"(fatal tensor.unnamed: model.safetensors
   A tensor has an empty name.
@@ -328,6 +344,17 @@ std::vector<FindingCase> tensorCases() {
   Do:  Transpose or split the tensor before the import.
 )",
        withTensor(fused, {3, 8}),
+       {"tensor.fused"}},
+      {Id::TensorFusedExtents,
+       "ThirdExtent",
+       withTensor(fused, {3, 2, 2}),
+       R"(loss tensor.fused-extents: transformer.h.0.attn.c_attn.weight
+  3 extents
+  A fused projection of more than two extents is cut short.
+  Why: Its parts are measured by the first two extents, so they hold less than their shape says.
+  Do:  Give the tensor two extents before the import.
+)",
+       withTensor(fused, {3, 2, 1}),
        {"tensor.fused"}},
       {Id::TensorDuplicate, "TwoShards",
        goodModel().shard("a.safetensors", oneTensor()).shard("b.safetensors", oneTensor()),

@@ -111,7 +111,7 @@ class Tensors {
       return;
     }
     if (!mapped.slices.empty()) {
-      addFused(tensor);
+      addFused(file, tensor);
       for (const adapter::Slice& slice : mapped.slices)
         addName(file, slice.name);
       return;
@@ -136,14 +136,23 @@ class Tensors {
     return source.size() > suffix.size() && source.substr(source.size() - suffix.size() - 1) == "." + suffix;
   }
 
-  void addFused(const WeightTensor& tensor) {
-    fused_.add(tensor.name);
+  void addFused(const std::string& file, const WeightTensor& tensor) {
     const bool inBlocks = kBlockGeometry[static_cast<std::size_t>(tensor.dtype)].splitUnit >= 144;
     const std::uint64_t rows = tensor.dims[0] / 3;
     const std::uint64_t kept = inBlocks ? rows / 256 * 256 : rows;
+    if (kept == 0) {
+      out_.add(Id::TensorRefused, tensor.name,
+               fmt::format("{}: a third of {} rows has 0 bytes", file, tensor.dims[0]));
+      return;
+    }
+    fused_.add(tensor.name);
     if (tensor.ndim == 2 && tensor.dims[1] == 3 * tensor.dims[0]) {
       out_.add(Id::TensorFusedColumns, tensor.name,
                fmt::format("[{}, {}] is cut into parts of {} rows", tensor.dims[0], tensor.dims[1], rows));
+    }
+    const auto isMore = [](std::uint64_t extent) { return extent != 1; };
+    if (std::any_of(tensor.dims + std::min<std::size_t>(tensor.ndim, 2), tensor.dims + tensor.ndim, isMore)) {
+      out_.add(Id::TensorFusedExtents, tensor.name, fmt::format("{} extents", tensor.ndim));
     }
     if (3 * kept != tensor.dims[0]) {
       out_.add(Id::TensorFusedRemainder, tensor.name,
