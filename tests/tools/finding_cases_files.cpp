@@ -31,6 +31,14 @@ std::vector<FindingCase> templateCases() {
   Do:  Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json.
 )",
        withSide(kOneTemplate).file("chat_template.jinja", "{{ x }}")},
+      {Id::TemplateJinjaFile, "OneByte", withSide(kOneTemplate).file("chat_template.jinja", "x"),
+       R"(loss template.jinja-file: chat_template.jinja
+  1 bytes
+  chat_template.jinja is not read.
+  Why: A template is taken from config.json or tokenizer_config.json only.
+  Do:  Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json.
+)",
+       withSide(kOneTemplate).file("chat_template.jinja", "")},
       {Id::TemplateList, "OneTemplate", withSide(R"({"chat_template":[{"name":"default","template":"x"}]})"),
        R"(loss template.list: tokenizer_config.json
   tokenizer_config.json: $.chat_template is an array of 1 entries
@@ -47,6 +55,22 @@ std::vector<FindingCase> templateCases() {
   Do:  Make it a text.
 )",
        withSide(R"({"chat_template":null})")},
+      {Id::TemplateNotText, "Number", withSide(R"({"chat_template":7})"),
+       R"(loss template.not-text: tokenizer_config.json
+  tokenizer_config.json: $.chat_template is 7
+  "chat_template" is neither text nor list.
+  Why: Only text is read.
+  Do:  Make it a text.
+)",
+       withSide(R"({"chat_template":"7"})")},
+      {Id::TemplateConfigWins, "OneByte", withTemplates(R"("first")", R"("x")"),
+       R"(loss template.config-wins: tokenizer_config.json
+  $.chat_template of 1 bytes
+  The chat template of tokenizer_config.json is passed over.
+  Why: config.json has one too, which comes first.
+  Do:  Run okv2 prepare DIR OUT: it keeps the template of tokenizer_config.json.
+)",
+       withTemplates(R"("first")", R"("")")},
       {Id::TemplateConfigWins, "OtherText", withTemplates(R"("first")", R"("second")"),
        R"(loss template.config-wins: tokenizer_config.json
   $.chat_template of 6 bytes

@@ -137,6 +137,18 @@ std::vector<FindingCase> modelCases() {
 )",
        withModel("IQ= 0\n"),  // no base64: three characters
        {"tokenizer.empty"}},
+      // 'I' is the key of eight bytes in field 9, "Q== 0\nIg"; '=' that of four in field 7, "= 1\n".
+      {Id::TokenizerModelTiktoken,
+       "ThatCanBeWalked",
+       withModel("IQ== 0\nIg== 1\n"),
+       R"(loss tokenizer.model-tiktoken: tokenizer.model
+  tokenizer.model: it can be walked and gives no token
+  tokenizer.model is a list of base64 tokens and ranks.
+  Why: The name is that of another format, which is a protocol-buffers message; the failure is silent.
+  Do:  Convert it to a tokenizer.json.
+)",
+       withModel("IQ= 0\nxIg== 1\n"),
+       {"tokenizer.empty"}},
       {Id::TokenizerModelFieldNumbers, "TwoPieces", withModel(usualModel()),
        R"(loss tokenizer.model-field-numbers: tokenizer.model
   2 pieces in field 1 give 1 token, the first is "identity"
@@ -183,6 +195,14 @@ std::vector<FindingCase> vocabularyCases() {
   Do:  Nothing, if the embedding has vocab_size rows.
 )",
        withConfig(R"("vocab_size":4)")},
+      {Id::TokenizerVocabSize, "Negative", withConfig(R"("vocab_size":-4)"),
+       R"(note tokenizer.vocab-size: vocab_size
+  vocab_size is -4, the vocabulary has 4 tokens
+  The vocabulary and vocab_size differ.
+  Why: Both are stored as they are; models often round vocab_size up.
+  Do:  Nothing, if the embedding has vocab_size rows.
+)",
+       withConfig(R"("vocab_size":0)")},  // counts as not given
       {Id::TokenizerAddedOutside, "FirstIdBeyond",
        withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":1,"content":"<x>"}]})"),
        R"(loss tokenizer.added-outside: tokenizer.json

@@ -214,7 +214,7 @@ void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Exp
   }
   if (!plan.model.hasConfig) return;
   out.architecture = plan.model.arch;
-  out.vocabSize = static_cast<std::uint64_t>(plan.model.vocabSize);
+  out.vocabSize = plan.model.vocabSize;
   usedKeys(plan.model.config, plan.model.arch == "gemma4", out);
   otherSpellings(plan.model.config, out);
   nestedObjects(plan.model.config, out);

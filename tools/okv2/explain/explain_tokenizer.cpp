@@ -102,12 +102,26 @@ void explainModel(const Directory& directory, const json::Value& config, Explana
     return;
   }
   out.tokenizer.winner = kModel;
+  if (data.tokens.empty() && isTiktoken(bytes)) {
+    out.add(Id::TokenizerModelTiktoken, kModel, "tokenizer.model: it can be walked and gives no token");
+    return;
+  }
   std::uint64_t pieces = 0;
   if (!hasUsualFieldNumbers(bytes, pieces)) return;
   out.add(Id::TokenizerModelFieldNumbers, kModel,
           fmt::format("{} pieces in field 1 give {} token{}{}", pieces, data.tokens.size(),
                       data.tokens.size() == 1 ? "" : "s",
                       data.tokens.empty() ? "" : fmt::format(", the first is \"{}\"", data.tokens[0])));
+}
+
+// The template of a file of its own, unless nothing of it is missing.
+void explainJinja(const Directory& directory, const std::string& kept, Explanation& out) {
+  constexpr char kJinja[] = "chat_template.jinja";
+  const auto file = directory.files.find(kJinja);
+  if (file == directory.files.end() || file->second.bytes == 0) return;
+  // Never read for its own sake: a file of another length is another text.
+  if (file->second.bytes == kept.size() && contentOf(directory.pathOf(kJinja)) == kept) return;
+  out.add(Id::TemplateJinjaFile, kJinja, fmt::format("{} bytes", file->second.bytes));
 }
 
 }  // namespace
@@ -134,7 +148,7 @@ void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, 
     return;
   }
   specialIds(data, out);
-  if (out.vocabSize != use.tokens) {
+  if (out.vocabSize != static_cast<std::int64_t>(use.tokens)) {
     out.add(Id::TokenizerVocabSize, "vocab_size",
             fmt::format("vocab_size is {}, the vocabulary has {} tokens", out.vocabSize, use.tokens));
   }
@@ -166,17 +180,17 @@ void explainTemplate(const Directory& directory, const plan::ImportPlan& plan, E
   for (const auto& [value, file] : {std::pair(inConfig, "config.json"), {inSide, "tokenizer_config.json"}}) {
     if (value == nullptr || value->isString() || value->kind == json::Kind::Null) continue;
     out.add(value->isArray() ? Id::TemplateList : Id::TemplateNotText, file,
-            fmt::format("{}: $.chat_template is {} of {} entries", file, kindName(value->kind),
-                        value->items.size() + value->members.size()));
+            value->isArray() || value->isObject()
+                ? fmt::format("{}: $.chat_template is {} of {} entries", file, kindName(value->kind),
+                              value->items.size() + value->members.size())
+                : fmt::format("{}: $.chat_template is {}", file, shortJson(*value)));
   }
-  if (fromConfig && inSide != nullptr && inSide->isString() && inSide->text != kept) {
+  if (fromConfig && inSide != nullptr && inSide->isString() && !inSide->text.empty() &&
+      inSide->text != kept) {
     out.add(Id::TemplateConfigWins, "tokenizer_config.json",
             fmt::format("$.chat_template of {} bytes", inSide->text.size()));
   }
-  if (directory.has("chat_template.jinja") && contentOf(directory.pathOf("chat_template.jinja")) != kept) {
-    out.add(Id::TemplateJinjaFile, "chat_template.jinja",
-            fmt::format("{} bytes", directory.files.at("chat_template.jinja").bytes));
-  }
+  explainJinja(directory, kept, out);
   if (!out.chatTemplate.stored && (!kept.empty() || configHasText)) {
     out.add(Id::TemplateDropped, kept.empty() || fromConfig ? "config.json" : out.chatTemplate.source,
             fmt::format("$.chat_template of {} bytes", kept.empty() ? inConfig->text.size() : kept.size()));

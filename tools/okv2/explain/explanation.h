@@ -51,7 +51,7 @@ struct Explanation {
   std::string directory;
   std::vector<FileUse> files;  // by name
   std::string architecture;    // empty when config.json is of no use
-  std::uint64_t vocabSize = 0;
+  std::int64_t vocabSize = 0;  // as config.json gives it, or else the number of tokens
   std::vector<ConfigUse> config;
   TokenizerUse tokenizer;
   TemplateUse chatTemplate;
