@@ -73,9 +73,9 @@ TEST(ExplainConfig, IsQuietAboutAnotherSpellingWhenTheRightOneIsThere) {
 }
 
 TEST(ExplainConfig, NamesTheKeysOfANestedObjectThatStayZero) {
-  EXPECT_THAT(found(withConfig(R"("hidden_size":8,"text_config":{"hidden_size":9,"vocab_size":4})"),
+  EXPECT_THAT(found(withConfig(R"("hidden_size":8,"text_config":{"hidden_size":9,"num_hidden_layers":4})"),
                     Id::ConfigNested),
-              ElementsAre("text_config: config.json: $.text_config.vocab_size is 4"));
+              ElementsAre("text_config: config.json: $.text_config.num_hidden_layers is 4"));
 }
 
 TEST(ExplainConfig, KnowsThatSomeKeysAreWrittenForOneArchitectureOnly) {

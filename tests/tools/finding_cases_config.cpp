@@ -72,15 +72,42 @@ std::vector<FindingCase> configCases() {
        R"(loss config.key-not-read: n_embd
   config.json: $.n_embd is 8; $.hidden_size is read, and stays 0
   A size is given under a key that is not read.
-  Why: Only one spelling of each key is known, so the field stays 0 and its metadata item is left out.
+  Why: Only one spelling of each key is known, so the field stays 0 and its metadata item is left out; vocab_size alone becomes the number of tokens.
   Do:  Run okv2 prepare DIR OUT: it brings the value to the key that is read.
 )",
        llamaWith(R"("n_embd":8,"hidden_size":9)")},
+      {Id::ConfigKeyNotRead, "VocabularyPadded", llamaWith(R"("padded_vocab_size":5)"),
+       R"(loss config.key-not-read: padded_vocab_size
+  config.json: $.padded_vocab_size is 5; $.vocab_size is read, and becomes the number of tokens, 4
+  A size is given under a key that is not read.
+  Why: Only one spelling of each key is known, so the field stays 0 and its metadata item is left out; vocab_size alone becomes the number of tokens.
+  Do:  Run okv2 prepare DIR OUT: it brings the value to the key that is read.
+)",
+       llamaWith(R"("padded_vocab_size":4)")},
+      {Id::ConfigKeyNotRead,
+       "VocabularyWithoutTokens",
+       llamaWith(R"("n_vocab":4)").without("tokenizer.json"),
+       R"(loss config.key-not-read: n_vocab
+  config.json: $.n_vocab is 4; $.vocab_size is read, and stays 0
+  A size is given under a key that is not read.
+  Why: Only one spelling of each key is known, so the field stays 0 and its metadata item is left out; vocab_size alone becomes the number of tokens.
+  Do:  Run okv2 prepare DIR OUT: it brings the value to the key that is read.
+)",
+       llamaWith(R"("n_vocab":4)"),
+       {"tokenizer.none", "tokenizer.empty"}},
+      {Id::ConfigNested, "Vocabulary", llamaWith(R"("text_config":{"vocab_size":5})"),
+       R"(loss config.nested: text_config
+  config.json: $.text_config.vocab_size is 5
+  Settings lie in a nested object.
+  Why: Only the top level of config.json is read, so the fields stay 0; vocab_size alone becomes the number of tokens.
+  Do:  Run okv2 prepare DIR OUT: it brings the settings to the top level.
+)",
+       llamaWith(R"("text_config":{"vocab_size":4})")},
       {Id::ConfigNested, "TextConfig", llamaWith(R"("text_config":{"hidden_size":9})"),
        R"(loss config.nested: text_config
   config.json: $.text_config.hidden_size is 9
   Settings lie in a nested object.
-  Why: Only the top level of config.json is read, so the fields stay 0.
+  Why: Only the top level of config.json is read, so the fields stay 0; vocab_size alone becomes the number of tokens.
   Do:  Run okv2 prepare DIR OUT: it brings the settings to the top level.
 )",
        llamaWith(R"("text_config":{"hidden_size":9},"hidden_size":9)")},

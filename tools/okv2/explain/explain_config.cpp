@@ -136,13 +136,26 @@ void usedKeys(const Value& config, bool isGemma4, Explanation& out) {
   }
 }
 
+// What a field that `key` does not fill ends up with. Only vocab_size gets a value from elsewhere.
+struct Unfilled {
+  std::string becomes;  // "stays 0"
+  bool isLost;
+};
+Unfilled unfilled(const char* key, const Value& given, const Explanation& out) {
+  if (std::string_view(key) != "vocab_size" || out.vocabSize == 0) return {"stays 0", true};
+  return {fmt::format("becomes the number of tokens, {}", out.vocabSize),
+          !given.isNumber() || given.number != static_cast<double>(out.vocabSize)};
+}
+
 void otherSpellings(const Value& config, Explanation& out) {
   for (const OtherSpelling& row : kOtherSpellings) {
     const Value* value = config.get(row.key);
     if (!isGiven(value) || fillsField(config, row.read)) continue;
+    const Unfilled field = unfilled(row.read, *value, out);
+    if (!field.isLost) continue;
     out.add(Id::ConfigKeyNotRead, row.key,
-            fmt::format("config.json: $.{} is {}; $.{} is read, and stays 0", row.key, shortJson(*value),
-                        row.read));
+            fmt::format("config.json: $.{} is {}; $.{} is read, and {}", row.key, shortJson(*value), row.read,
+                        field.becomes));
   }
 }
 
@@ -153,7 +166,7 @@ void nestedObjects(const Value& config, Explanation& out) {
     std::string lost;
     for (const ReadKey& row : kReadKeys) {
       const Value* value = nested->get(row.key);
-      if (!isGiven(value) || fillsField(config, row.key)) continue;
+      if (!isGiven(value) || fillsField(config, row.key) || !unfilled(row.key, *value, out).isLost) continue;
       lost += fmt::format("{}$.{}.{} is {}", lost.empty() ? "" : ", ", name, row.key, shortJson(*value));
     }
     if (!lost.empty()) out.add(Id::ConfigNested, name, "config.json: " + lost);

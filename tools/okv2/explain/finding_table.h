@@ -121,10 +121,12 @@ inline constexpr FindingRow kFindings[] = {
      "Add \"model_type\" to config.json."},
     {Id::ConfigKeyNotRead, "config.key-not-read", Severity::Loss,
      "A size is given under a key that is not read.",
-     "Only one spelling of each key is known, so the field stays 0 and its metadata item is left out.",
+     "Only one spelling of each key is known, so the field stays 0 and its metadata item is left out; "
+     "vocab_size alone becomes the number of tokens.",
      "Run okv2 prepare DIR OUT: it brings the value to the key that is read."},
     {Id::ConfigNested, "config.nested", Severity::Loss, "Settings lie in a nested object.",
-     "Only the top level of config.json is read, so the fields stay 0.",
+     "Only the top level of config.json is read, so the fields stay 0; vocab_size alone becomes the number "
+     "of tokens.",
      "Run okv2 prepare DIR OUT: it brings the settings to the top level."},
     {Id::ConfigRopeScaling, "config.rope-scaling", Severity::Loss,
      "The scaling of rotary positions is not read.",
