@@ -131,10 +131,39 @@ std::vector<FindingCase> configCases() {
        R"(loss config.wrong-kind: hidden_size
   config.json: $.hidden_size is 8.5
   A key that is read holds a value of the wrong kind.
-  Why: Integers must be whole numbers of at most 64 bits and other settings must be of their kind; anything else leaves the field at 0.
+  Why: Integers must be whole numbers of at most 64 bits and other settings must be of their kind; anything else is not taken.
   Do:  Correct the value in config.json.
 )",
        llamaWith(R"("hidden_size":8.0)")},
+      {Id::ConfigWrongKind, "SpecialIdAsText", llamaWith(R"("pad_token_id":"3")"),
+       R"(loss config.wrong-kind: pad_token_id
+  config.json: $.pad_token_id is "3"
+  A key that is read holds a value of the wrong kind.
+  Why: Integers must be whole numbers of at most 64 bits and other settings must be of their kind; anything else is not taken.
+  Do:  Correct the value in config.json.
+)",
+       llamaWith(R"("pad_token_id":3)")},
+      {Id::ConfigIdNotKept, "BesideATokenizerModel",
+       llamaWith(R"("bos_token_id":0)")
+           .without("tokenizer.json")
+           .file("tokenizer.model", goodTokenizerModel()),
+       R"(loss config.id-not-kept: bos_token_id
+  config.json: $.bos_token_id is 0, the container gets -1
+  A special id of config.json is not the one that is stored.
+  Why: Only a tokenizer.json takes these ids, with 32 bits; tokenizer.model brings its own.
+  Do:  Set it in the consumer of the container.
+)",
+       llamaWith(R"("bos_token_id":-1)")
+           .without("tokenizer.json")
+           .file("tokenizer.model", goodTokenizerModel())},
+      {Id::ConfigIdNotKept, "OfThirtyThreeBits", llamaWith(R"("bos_token_id":4294967297)"),
+       R"(loss config.id-not-kept: bos_token_id
+  config.json: $.bos_token_id is 4294967297, the container gets 1
+  A special id of config.json is not the one that is stored.
+  Why: Only a tokenizer.json takes these ids, with 32 bits; tokenizer.model brings its own.
+  Do:  Set it in the consumer of the container.
+)",
+       llamaWith(R"("bos_token_id":1)")},
       {Id::ConfigSoftcapOverwritten, "Different",
        gemma4With(R"("final_logit_softcapping":30,"attn_logit_softcapping":50)"),
        R"(loss config.softcap-overwritten: final_logit_softcapping

@@ -185,6 +185,28 @@ std::vector<FindingCase> fileCases() {
 )",
        goodModel().tokenizer(kWholeTokenizer),
        {"tokenizer.json-bad-json"}},
+      {Id::FilePartial,
+       "Config",
+       goodModel().config(R"({"model_type":"llama")"),
+       R"(loss file.partial: config.json
+  the text ends in the middle
+  A file ends in the middle.
+  Why: The download was not finished.
+  Do:  curl -fL -C - -o 'config.json' "$URL"
+)",
+       goodModel().config(R"({"model_type":"llama",})"),
+       {"config.bad-json"}},
+      {Id::FilePartial,
+       "TokenizerConfig",
+       withSide(R"({"add_bos_token":tr)"),
+       R"(loss file.partial: tokenizer_config.json
+  the text ends in the middle
+  A file ends in the middle.
+  Why: The download was not finished.
+  Do:  curl -fL -C - -o 'tokenizer_config.json' "$URL"
+)",
+       withSide(R"({"add_bos_token":yes})"),
+       {"side.bad-json"}},
       {Id::FilePartialBeside, "Part", goodModel().file("model.safetensors.part", "12"),
        R"(note file.partial-beside: model.safetensors.part
   2 bytes

@@ -5,9 +5,9 @@
 #include <iterator>
 #include <string_view>
 
-#include "hf/json_parser.h"
 #include "hf/read_file.h"
 #include "okv2/explain/steps.h"
+#include "okv2/explain/tokenizer_walk.h"
 
 namespace zel::explain {
 namespace {
@@ -131,9 +131,6 @@ void usedKeys(const Value& config, bool isGemma4, Explanation& out) {
               fmt::format("config.json: $.{} is {}", row.key, shortJson(*value)));
     }
   }
-  for (const char* key : {"bos_token_id", "eos_token_id", "unk_token_id", "pad_token_id", "chat_template"}) {
-    text(key, out.tokenizer.tokens > 0 ? "tokenizer" : "not written: the tokenizer is empty");
-  }
 }
 
 // What a field that `key` does not fill ends up with. Only vocab_size gets a value from elsewhere.
@@ -203,12 +200,12 @@ void unreadSettings(const Value& config, Explanation& out) {
 }
 
 // Where the JSON of config.json breaks off.
-std::string jsonFault(const std::string& path) {
+void badJson(const std::string& path, Explanation& out) {
   std::vector<std::uint8_t> bytes;
-  if (!readFile(path, bytes)) return "";
-  json::detail::Parser parser(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  if (parser.skip(0) && parser.finish()) return "";
-  return fmt::format("byte {}: {}", bytes.size() - parser.remaining(), parser.status().message());
+  if (!readFile(path, bytes)) return;
+  const JsonFault fault = jsonFaultOf({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  out.add(Id::ConfigBadJson, "config.json", fmt::format("byte {}: {}", fault.offset, fault.message));
+  if (fault.cutShort) out.add(Id::FilePartial, "config.json", "the text ends in the middle");
 }
 
 }  // namespace
@@ -219,7 +216,7 @@ void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Exp
   if (message == "hf: no config.json in directory") {
     out.add(Id::ConfigMissing, "config.json");
   } else if (message == "hf: bad config.json") {
-    out.add(Id::ConfigBadJson, "config.json", jsonFault(path));
+    badJson(path, out);
   } else if (message == "hf: config.json not an object") {
     out.add(Id::ConfigNotObject, "config.json", std::string("$ is ") + kindName(plan.model.config.kind));
   } else if (message == "hf: config.json has no model_type") {

@@ -29,8 +29,9 @@ void refusedJson(const std::string& message, const TokenizerJsonWalk& walk, Expl
   const std::string because = fmt::format(" [{}]", message);
   const auto add = [&](Id id, const std::string& detail) { out.add(id, kJson, detail + because); };
   if (message == "hf: bad tokenizer.json") {
-    add(Id::TokenizerJsonBadJson, fmt::format("{}: byte {}: {}", kJson, walk.syntaxOffset, walk.syntaxError));
-    if (walk.cutShort) out.add(Id::FilePartial, kJson, "the text ends in the middle");
+    add(Id::TokenizerJsonBadJson,
+        fmt::format("{}: byte {}: {}", kJson, walk.fault.offset, walk.fault.message));
+    if (walk.fault.cutShort) out.add(Id::FilePartial, kJson, "the text ends in the middle");
   } else if (message == "hf: tokenizer.json has no model object") {
     add(Id::TokenizerJsonNoModel, walk.model ? at(*walk.model) : "tokenizer.json: $.model is absent");
   } else if (message == "hf: tokenizer.json has no vocab") {
@@ -73,6 +74,49 @@ void specialIds(const TokenizerData& data, Explanation& out) {
     if (id >= -1 && id < static_cast<std::int64_t>(data.tokens.size())) continue;
     out.add(Id::TokenizerSpecialIdOutside, name,
             fmt::format("{} id {} with {} tokens", name, id, data.tokens.size()));
+  }
+}
+
+// The keys of config.json that only a tokenizer.json takes.
+constexpr struct {
+  const char* key;
+  std::int32_t TokenizerData::*id;
+} kIdKeys[] = {{"bos_token_id", &TokenizerData::bosId},
+               {"eos_token_id", &TokenizerData::eosId},
+               {"unk_token_id", &TokenizerData::unkId},
+               {"pad_token_id", &TokenizerData::padId}};
+
+// A special id as a tokenizer.json takes it: of a list the first.
+const json::Value* givenId(const json::Value& config, const char* key) {
+  const json::Value* value = config.get(key);
+  const bool isList = value != nullptr && value->isArray() && std::string_view(key) == "eos_token_id";
+  if (isList) return value->items.empty() ? nullptr : &value->items.front();
+  return value == nullptr || value->kind == json::Kind::Null ? nullptr : value;
+}
+
+// What becomes of the special ids in config.json.
+void configIds(const json::Value& config, const TokenizerData& data, Explanation& out) {
+  const bool isEmpty = data.tokens.empty();
+  const bool areRead = out.tokenizer.winner == kJson;
+  for (const auto& [key, field] : kIdKeys) {
+    const json::Value* id = givenId(config, key);
+    if (id == nullptr) continue;
+    out.config.push_back({key, shortJson(*config.get(key)),
+                          isEmpty   ? "not written: the tokenizer is empty"
+                          : areRead ? "tokenizer"
+                                    : "not read: tokenizer.model has ids of its own"});
+    if (isEmpty) continue;
+    std::int64_t integer = 0;
+    if (!id->isNumber() || !json::toInt64(id->number, integer)) {
+      out.add(Id::ConfigWrongKind, key, fmt::format("config.json: $.{} is {}", key, shortJson(*id)));
+    } else if (integer != data.*field) {
+      out.add(Id::ConfigIdNotKept, key,
+              fmt::format("config.json: $.{} is {}, the container gets {}", key, integer, data.*field));
+    }
+  }
+  if (const json::Value* chat = config.get("chat_template"); chat != nullptr && chat->isString()) {
+    out.config.push_back(
+        {"chat_template", shortJson(*chat), isEmpty ? "not written: the tokenizer is empty" : "tokenizer"});
   }
 }
 
@@ -140,6 +184,7 @@ void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, 
   } else {
     explainModel(directory, plan.model.config, out);
   }
+  configIds(plan.model.config, data, out);
   if (!directory.has(kJson) && !directory.has(kModel)) out.add(Id::TokenizerNone, kJson);
   if (use.tokens == 0) {
     out.add(
@@ -167,6 +212,9 @@ void explainTemplate(const Directory& directory, const plan::ImportPlan& plan, E
     if (!status.ok() || !side.isObject()) {
       out.add(Id::SideBadJson, "tokenizer_config.json",
               status.ok() ? std::string("$ is ") + kindName(side.kind) : status.message());
+      if (jsonFaultOf(sideText).cutShort) {
+        out.add(Id::FilePartial, "tokenizer_config.json", "the text ends in the middle");
+      }
       side = json::Value();
     }
   }

@@ -27,6 +27,7 @@ enum class Id : std::uint8_t {
   ConfigHeadDimOverwritten,
   ConfigReadNotWritten,
   ConfigEosList,
+  ConfigIdNotKept,
   TokenizerNone,
   TokenizerJsonBadJson,
   TokenizerJsonNoModel,
@@ -138,7 +139,7 @@ inline constexpr FindingRow kFindings[] = {
     {Id::ConfigWrongKind, "config.wrong-kind", Severity::Loss,
      "A key that is read holds a value of the wrong kind.",
      "Integers must be whole numbers of at most 64 bits and other settings must be of their kind; anything "
-     "else leaves the field at 0.",
+     "else is not taken.",
      "Correct the value in config.json."},
     {Id::ConfigSoftcapOverwritten, "config.softcap-overwritten", Severity::Loss,
      "Two soft caps are given and one is kept.",
@@ -154,6 +155,10 @@ inline constexpr FindingRow kFindings[] = {
     {Id::ConfigEosList, "config.eos-list", Severity::Loss,
      "Of several end-of-sequence ids at most the first is kept.", "The container has room for one id.",
      "Run okv2 prepare DIR OUT: it moves the list to generation_config.json, which is kept as text."},
+    {Id::ConfigIdNotKept, "config.id-not-kept", Severity::Loss,
+     "A special id of config.json is not the one that is stored.",
+     "Only a tokenizer.json takes these ids, with 32 bits; tokenizer.model brings its own.",
+     "Set it in the consumer of the container."},
     {Id::TokenizerNone, "tokenizer.none", Severity::Loss, "There is no tokenizer file that is read.",
      "Only tokenizer.json and tokenizer.model are looked for, and without them the container carries an "
      "empty tokenizer.",

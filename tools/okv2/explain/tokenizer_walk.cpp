@@ -18,16 +18,26 @@ using json::detail::Parser;
 
 constexpr std::size_t kShownBytes = 60;
 
+// What `parser`, which has failed, has found in `text`.
+JsonFault faultOf(const Parser& parser, std::string_view text) {
+  JsonFault out;
+  out.message = parser.status().message();
+  out.offset = text.size() - parser.remaining();
+  const std::string_view rest = text.substr(out.offset);
+  out.cutShort =
+      rest.empty() || out.message == "json: unterminated string" || out.message == "json: unexpected end";
+  for (const std::string_view literal : {"true", "false", "null"})
+    out.cutShort = out.cutShort || literal.substr(0, rest.size()) == rest;
+  return out;
+}
+
 class Walk {
  public:
   explicit Walk(std::string_view text) : text_(text), parser_(text.data(), text.size()) {}
 
   TokenizerJsonWalk run() {
     if (!root() || !parser_.finish()) {
-      out_.syntaxError = parser_.status().message();
-      out_.syntaxOffset = at();
-      out_.cutShort = parser_.remaining() == 0 || out_.syntaxError == "json: unterminated string" ||
-                      out_.syntaxError == "json: unexpected end";
+      out_.fault = faultOf(parser_, text_);
       return std::move(out_);
     }
     findIdFault();
@@ -212,6 +222,11 @@ bool isPiece(std::string_view message) {
 }
 
 }  // namespace
+
+JsonFault jsonFaultOf(std::string_view text) {
+  Parser parser(text.data(), text.size());
+  return parser.skip(0) && parser.finish() ? JsonFault{} : faultOf(parser, text);
+}
 
 TokenizerJsonWalk walkTokenizerJson(std::string_view text) { return Walk(text).run(); }
 

@@ -10,6 +10,15 @@
 
 namespace zel::explain {
 
+// Where a JSON text goes wrong.
+struct JsonFault {
+  std::string message;  // empty when the text is JSON
+  std::uint64_t offset = 0;
+  bool cutShort = false;  // the error is that the text ends
+};
+
+[[nodiscard]] JsonFault jsonFaultOf(std::string_view text);
+
 // A value in a JSON text.
 struct Place {
   std::string path;  // "$.model.merges[3]"
@@ -19,9 +28,7 @@ struct Place {
 };
 
 struct TokenizerJsonWalk {
-  std::string syntaxError;  // empty when the text is JSON
-  std::uint64_t syntaxOffset = 0;
-  bool cutShort = false;  // the error is that the text ends
+  JsonFault fault;
   std::optional<Place> model, vocab, merges, addedTokens;
   bool modelIsObject = false, vocabIsObject = false, mergesIsArray = false, addedTokensIsArray = false;
   std::string modelType;
