@@ -121,6 +121,11 @@ constexpr Named kNamed[] = {
      "32000 pieces in field 1 give 1 token, the first is \"identity\""},
     {"hf2q-bad-config", Id::ConfigBadJson, "config.json", "byte 2: json: object key"},
     {"hf2q-tiny", Id::TokenizerEmpty, "tokenizer.json", "it has no token"},
+    {"paged-infer-tiny-llama", Id::TokenizerNone, "tokenizer.json", ""},
+    {"deepseek-r1-distill-qwen-32b-clone-without-lfs", Id::TokenizerEmpty, "tokenizer.json",
+     "neither tokenizer.json nor tokenizer.model could be read"},
+    {"pythia-410m-clone-without-lfs", Id::TokenizerEmpty, "tokenizer.json",
+     "neither tokenizer.json nor tokenizer.model could be read"},
     {"minimind-tokenizer-only", Id::ConfigMissing, "config.json", ""},
     {"gemma2-no-tokenizer", Id::ConfigSoftcapOverwritten, "final_logit_softcapping",
      "config.json: $.final_logit_softcapping is 30, and $.attn_logit_softcapping replaces it by 50"},
@@ -133,6 +138,45 @@ TEST(ExplainCorpus, NamesWhatIsKnownOfSingleDirectories) {
     const Finding* finding = find(explanation, row.id, row.subject);
     ASSERT_NE(finding, nullptr) << row.dir << "\n" << namesOf(explanation);
     EXPECT_EQ(finding->detail, row.detail) << row.dir;
+  }
+}
+
+bool isWeightName(const std::string& name) {
+  return endsWith(name, ".safetensors") || endsWith(name, ".bin");
+}
+
+TEST(ExplainCorpus, NamesEveryGitLfsPointerAmongTheWeights) {
+  OKV2_REQUIRE_CORPUS();
+  std::size_t pointers = 0;
+  for (const CorpusRow& row : test::readCorpusTable("model-dirs/model-dirs.tsv")) {
+    const std::string dir = test::corpusPath("model-dirs/" + row.at("dir"));
+    const Explanation explanation = explainDirectory(dir);
+    for (const auto& entry : fs::directory_iterator(dir)) {
+      const std::string name = entry.path().filename();
+      const bool isPointer =
+          isWeightName(name) && test::readWholeFile(entry.path()).rfind("version https://git-lfs", 0) == 0;
+      const Id id = endsWith(name, ".bin") ? Id::FileLfsPointer : Id::WeightsLfsPointer;
+      EXPECT_EQ(find(explanation, id, name) != nullptr, isPointer) << row.at("dir") << "/" << name;
+      pointers += isPointer;
+    }
+  }
+  EXPECT_EQ(pointers, 8U);
+}
+
+struct Nested {
+  const char* dir;
+  const char* member;
+};
+
+TEST(ExplainCorpus, NamesTheSizesOfNestedConfigurations) {
+  OKV2_REQUIRE_CORPUS();
+  // Of config.json, as written in it.
+  for (const Nested& row : {Nested{"clip-nested-text_config", "$.text_config.hidden_size is 768, "},
+                            Nested{"qwen3_5-nested-text_config", "$.text_config.hidden_size is 5120, "}}) {
+    const Explanation explanation = explainDirectory(test::corpusPath(std::string("configs/") + row.dir));
+    const Finding* finding = find(explanation, Id::ConfigNested, "text_config");
+    ASSERT_NE(finding, nullptr) << row.dir << "\n" << namesOf(explanation);
+    EXPECT_NE(finding->detail.find(row.member), std::string::npos) << finding->detail;
   }
 }
 

@@ -158,6 +158,17 @@ std::vector<FindingCase> fileCases() {
 )",
        goodModel().file("pytorch_model-00001-of-00001.bin", "version https://git-lfs.example/v1\n"),
        {"weights.sharded-bin"}},
+      {Id::FileLfsPointer,
+       "TokenizerModelThatIsTried",
+       goodModel().tokenizer("{}").file("tokenizer.model", "version https://git-lfs.example/v1\n"),
+       R"(loss file.lfs-pointer: tokenizer.model
+  35 bytes
+  A file is a Git LFS pointer and not its content.
+  Why: The directory was cloned without Git LFS.
+  Do:  git lfs pull --include 'tokenizer.model'
+)",
+       goodModel().file("tokenizer.model", "version https://git-lfs.example/v1\n"),
+       {"tokenizer.json-no-model", "tokenizer.model-refused", "tokenizer.empty"}},
       {Id::FileLinkText, "RelativePath", withGeneration("../blobs/0123"),
        R"(loss file.link-text: generation_config.json
   ../blobs/0123

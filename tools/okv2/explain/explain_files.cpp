@@ -138,7 +138,8 @@ void explainFiles(const Directory& directory, const plan::ImportPlan&, Explanati
         plan::isSafetensorsName(name) ||
         (!haveSafetensors && name == "pytorch_model.bin" && look.disguise != Disguise::NotRegular);
     const bool isCheckpoint = name == "pytorch_model.bin" || isShardOfPyTorch(name);
-    if (isWeights || isDescription(name) || (isCheckpoint && !haveSafetensors)) {
+    const bool isPassedOver = name == "tokenizer.model" && out.tokenizer.winner == "tokenizer.json";
+    if (isWeights || (isDescription(name) && !isPassedOver) || (isCheckpoint && !haveSafetensors)) {
       reportDisguise(name, look, isWeights, out);
     }
     out.files.push_back(describe(name, look, isWeights, out.tokenizer));
