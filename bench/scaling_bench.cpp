@@ -3,22 +3,27 @@
 //
 //   scaling_bench --benchmark_format=json | bench/charts.py OUT_DIR
 #include <benchmark/benchmark.h>
+#include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "bench/inputs.h"
 #include "hf/hf_importer.h"
+#include "plugin/host_abi.h"
 #include "readers/pytorch_importer.h"
 #include "readers/safetensors_importer.h"
+#include "support/model_dir_builder.h"
 #include "support/pickle_builder.h"
 #include "support/zip_builder.h"
 
 namespace {
 
 using zel::bench::NonAscii;
+using zel::test::ModelDirBuilder;
 using zel::test::Op;
 using zel::test::PickleBuilder;
 using zel::test::ZipBuilder;
@@ -102,6 +107,39 @@ void pickleBytes(benchmark::State& state) {
   perUnit(state, double(bytes));
 }
 
+// A whole import, one tensor of 4 KB a shard, over an output on the same disk.
+void importShards(benchmark::State& state) {
+  void* const library = dlopen(OKV2_PLUGIN, RTLD_NOW | RTLD_LOCAL);
+  require(library != nullptr, "the plug-in does not load");
+  const auto importers = reinterpret_cast<okv_plugin_importers_fn>(dlsym(library, "okv_plugin_importers"));
+  require(importers != nullptr, "the plug-in exports nothing");
+  const OKVImporter* const importer = importers(nullptr);
+
+  const auto shards = std::size_t(state.range(0));
+  ModelDirBuilder model;
+  for (std::size_t k = 0; k < shards; ++k) {
+    const std::string number = std::to_string(k);
+    model.shard("model-" + number + ".safetensors",
+                zel::test::SafetensorsBuilder().tensor("model.layers." + number + ".mlp.up_proj.weight",
+                                                       "F32", {1024}));
+  }
+  const zel::test::TempDir dir;
+  const std::string directory = model.write(dir);
+  const std::string container = dir / "model.okv2";
+  char error[256] = "";
+  std::uint64_t tensors = 0;
+  OKVImportContext context{};
+  context.struct_size = sizeof context;
+  context.dst_path = container.c_str();
+  context.error_buf = error;
+  context.error_buf_size = sizeof error;
+  context.out_tensor_count = &tensors;
+  for (auto _ : state) {
+    require(importer->import(directory.c_str(), &context) == OKV_OK && tensors == shards, error);
+  }
+  perUnit(state, double(shards));
+}
+
 // CI sets this for one quick pass that only checks answers.
 std::int64_t largest(std::int64_t full) {
   return std::getenv("OKV2_BENCH_QUICK") != nullptr ? std::min<std::int64_t>(full, 10'000) : full;
@@ -119,6 +157,9 @@ void decades(benchmark::internal::Benchmark* bench, std::int64_t from, std::int6
   decades(benchmark::RegisterBenchmark("tokenizerJson", tokenizerJson), 1'000, largest(1'000'000));
   decades(benchmark::RegisterBenchmark("zipEntries", zipEntries), 100, largest(65'534));
   decades(benchmark::RegisterBenchmark("pickleBytes", pickleBytes), 10'000, largest(100'000'000));
+  // Few iterations: the mappings of its shards outlive an import on purpose, and a process has room for
+  // 65,530.
+  decades(benchmark::RegisterBenchmark("importShards", importShards)->Iterations(3), 1, 1'000);
   return true;
 }();
 
