@@ -14,8 +14,8 @@ import sys
 
 # What is put in the order of its names grows like n log n.
 SORTED = {"safetensorsHeader"}
-# Where the work of one file is no longer what is seen: 10^4 units, but for shards, which are files themselves.
-FIXED_COST_UP_TO = {"importShards": 10}
+# From where the fixed cost of one run is no longer seen: 10^4 units, but for shards, which are files themselves.
+FIXED_COST_UP_TO = {"importShards": 100}
 
 WIDTH, HEIGHT, LEFT, BOTTOM, TOP = 640, 320, 70, 50, 40
 
