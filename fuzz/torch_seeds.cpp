@@ -84,6 +84,28 @@ std::string typed() {
       .stop();
 }
 
+std::string negated() {
+  return SavedPickle()
+      .orderedDict()
+      .text("w")
+      .global("torch._utils", "_rebuild_tensor_v2")
+      .op(op::kMark)
+      .storage("FloatStorage", "0", 16)
+      .number(0)
+      .tuple({2})
+      .tuple({1})
+      .op(op::kNewFalse)
+      .orderedDict()
+      .op(op::kEmptyDict)
+      .text("neg")
+      .op(op::kNewTrue)
+      .op(op::kSetItem)
+      .op(op::kTuple)
+      .op(op::kReduce)
+      .op(op::kSetItem)
+      .stop();
+}
+
 // What the harness adds storages "0" and "1" of 64 bytes to.
 std::vector<Seed> programs() {
   return {
@@ -97,6 +119,7 @@ std::vector<Seed> programs() {
       {"protocol_4", protocol4(), kNoMutants},
       {"inert_object", inert(), kNoMutants},
       {"typed", typed(), kNoMutants},
+      {"negated", negated(), kNoMutants},
       {"foreign_global", SavedPickle().global("os", "system").stop()},
       {"memo_bomb", SavedPickle().op(op::kNone).op(op::kLongBinPut, "\xff\xff\xff\xff").stop()},
       {"forks", SavedPickle().op(op::kNone).repeat(40, "2\x86").stop()},

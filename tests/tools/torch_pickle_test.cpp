@@ -278,6 +278,56 @@ TEST(TorchPickle, CountsATypedTensorInItsUntypedStorageInBytes) {
   EXPECT_EQ(Executed(typedTensor(5, {3})).status.code(), Code::Corrupted);
 }
 
+// ---- metadata of tensors
+
+// The tensor with one more argument, which ends with the opcodes `metadata`.
+std::string withMetadata(const SavedPickle& metadata, bool typed = false) {
+  SavedPickle program;
+  program.global("torch._utils", typed ? "_rebuild_tensor_v3" : "_rebuild_tensor_v2").op(op::kMark);
+  program.storage("FloatStorage", "0", 6).number(0).tuple({6}).tuple({1}).op(op::kNewFalse).orderedDict();
+  if (typed) program.global("torch", "float32");
+  return program.raw(metadata.bytes()).op(op::kTuple).op(op::kReduce).stop();
+}
+SavedPickle metadataOf(std::string_view key, char value) {
+  return bare().op(op::kEmptyDict).text(key).op(value).op(op::kSetItem);
+}
+
+TEST(TorchPickle, TakesATensorWhoseMetadataSayNothingAboutItsElements) {
+  EXPECT_THAT(Executed(withMetadata(bare().op(op::kNone))).status, IsOk());
+  EXPECT_THAT(Executed(withMetadata(bare().op(op::kEmptyDict))).status, IsOk());
+  EXPECT_THAT(Executed(withMetadata(metadataOf("neg", op::kNewFalse))).status, IsOk());
+  EXPECT_THAT(Executed(withMetadata(metadataOf("negative", op::kNewTrue))).status, IsOk());
+  EXPECT_THAT(Executed(withMetadata(bare().op(op::kNone), true)).status, IsOk());
+}
+TEST(TorchPickle, RefusesATensorThatIsNegatedWhenItIsRead) {
+  const auto refused = StatusIs(Code::Unsupported,
+                                "checkpoint: the pickle has a tensor with the neg bit, which resolve_neg() "
+                                "takes away before it is saved");
+  EXPECT_THAT(Executed(withMetadata(metadataOf("neg", op::kNewTrue))).status, refused);
+  EXPECT_THAT(Executed(withMetadata(metadataOf("neg", op::kNewTrue), true)).status, refused);
+}
+TEST(TorchPickle, RefusesATensorThatIsConjugatedWhenItIsRead) {
+  EXPECT_THAT(Executed(withMetadata(metadataOf("conj", op::kNewTrue))).status,
+              StatusIs(Code::Unsupported,
+                       "checkpoint: the pickle has a tensor with the conj bit, which resolve_conj() takes "
+                       "away before it is saved"));
+}
+TEST(TorchPickle, RefusesMetadataThatAreNoDictionary) {
+  EXPECT_THAT(Executed(withMetadata(bare().op(op::kNewTrue))).status,
+              StatusIs(Code::Unsupported,
+                       "checkpoint: the pickle has a tensor with metadata that torch.save does not write"));
+}
+TEST(TorchPickle, RefusesMetadataOfMoreThanSixteenItems) {
+  SavedPickle items = bare().op(op::kEmptyDict);
+  for (int k = 0; k < 16; ++k)
+    items.text("k" + std::to_string(k)).op(op::kNone).op(op::kSetItem);
+  EXPECT_THAT(Executed(withMetadata(items)).status, IsOk());
+  items.text("k16").op(op::kNone).op(op::kSetItem);
+  EXPECT_THAT(Executed(withMetadata(items)).status,
+              StatusIs(Code::Unsupported,
+                       "checkpoint: the pickle has a tensor with metadata that torch.save does not write"));
+}
+
 // ---- what a program may not do
 
 struct RefusedRow {

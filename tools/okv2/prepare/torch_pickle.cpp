@@ -15,6 +15,7 @@ using Kind = PickleKind;
 constexpr std::uint8_t kStop = '.';
 constexpr std::size_t kShownBytes = 200;  // of a global's name, in a message
 constexpr std::size_t kMaxKeyBytes = 256;
+constexpr std::uint64_t kMaxMetadataItems = 16;  // the memo may hand out one long dictionary to every tensor
 
 // Extents, strides and offsets: an Integer of 0 and more.
 bool isSize(const PickleValue& value) { return value.is(Kind::Integer) && value.integer() >= 0; }
@@ -511,6 +512,7 @@ bool TorchPickle::orderedDict(const PickleNode& args) {
 
 bool TorchPickle::rebuildTensor(const PickleNode& args, bool typeIsGiven) {
   constexpr std::uint64_t kTypePosition = 6;
+  const std::uint64_t metadataPosition = typeIsGiven ? kTypePosition + 1 : kTypePosition;
   if (args.count < 4 || (typeIsGiven && args.count <= kTypePosition)) return corrupt("has a bad tensor");
   const PickleValue& storage = args.at(0);
   const PickleValue& offset = args.at(1);
@@ -523,6 +525,7 @@ bool TorchPickle::rebuildTensor(const PickleNode& args, bool typeIsGiven) {
   if (shape.node().count > kMaxTorchExtents)
     return reject("has a tensor of more than " + std::to_string(kMaxTorchExtents) + " extents");
   if (!areSizes(shape.node()) || !areSizes(strides.node())) return corrupt("has a bad tensor");
+  if (args.count > metadataPosition && !acceptMetadata(args.at(metadataPosition))) return false;
   if (!spend(1)) return false;
   PickleTensor* const tensor = tensors_.make();
   tensor->storage = &storage.storage();
@@ -552,6 +555,25 @@ bool TorchPickle::rebuildTensor(const PickleNode& args, bool typeIsGiven) {
   }
   if (reach == 0) tensor->begin = 0;  // wherever it says that its no elements are
   return push(PickleValue(static_cast<const PickleTensor*>(tensor)));
+}
+
+// None, or notes on a tensor (get_tensor_metadata() of torch/_utils.py). Those of a lazily negated or
+// conjugated tensor say that its elements are not what is stored.
+bool TorchPickle::acceptMetadata(const PickleValue& metadata) {
+  if (metadata.is(Kind::None)) return true;
+  if (!metadata.is(Kind::Dict) || metadata.node().count > kMaxMetadataItems) {
+    return reject("has a tensor with metadata that torch.save does not write");
+  }
+  for (const PickleItem* item = metadata.node().first; item != nullptr; item = item->next) {
+    const bool isSet = !item->value.is(Kind::Boolean) || item->value.integer() != 0;
+    if (!isSet || !item->key.is(Kind::Text) || item->key.text().size() > kMaxKeyBytes) continue;
+    const std::string key(item->key.text());
+    if (key == "neg" || key == "conj") {
+      return reject("has a tensor with the " + key + " bit, which resolve_" + key +
+                    "() takes away before it is saved");
+    }
+  }
+  return true;
 }
 
 // State of a dictionary is torch's note of versions ("_metadata"); that of other objects is dropped with

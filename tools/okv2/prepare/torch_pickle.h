@@ -204,6 +204,7 @@ class TorchPickle {
   bool call(const PickleGlobal& what, const PickleNode& args);
   bool orderedDict(const PickleNode& args);
   bool rebuildTensor(const PickleNode& args, bool typeIsGiven);
+  bool acceptMetadata(const PickleValue& metadata);
   bool build();
 
   ByteReader in_{std::string_view()};
