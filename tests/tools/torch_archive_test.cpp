@@ -384,6 +384,35 @@ SavedPickle wrapped(const std::vector<std::string>& keys) {
     program.text(key).stateDict({kTensor});
   return program.op(op::kSetItems);
 }
+// One tensor under as many names.
+std::string namedOften(std::size_t names) {
+  SavedPickle program;
+  program.op(op::kEmptyDict).tensor({"", {1}, {1}, "0", 1}).op(op::kBinPut, std::string(1, '\0'));
+  program.op(op::kPop).op(op::kMark);
+  for (std::size_t k = 0; k < names; ++k)
+    program.text(std::to_string(k)).op(op::kBinGet, std::string(1, '\0'));
+  return savedZip(program.op(op::kSetItems).stop(), {{"0", bytesOf<float>({1})}}).build();
+}
+TEST(TorchStateDict, HasAtMost131072Keys) {
+  const Parsed most(namedOften(131'072));
+  ASSERT_THAT(most.status, IsOk());
+  EXPECT_EQ(most.checkpoint.tensors().size(), 131'072u);
+  EXPECT_THAT(Parsed(namedOften(131'073)).status,
+              StatusIs(Code::Unsupported, "checkpoint: a dictionary has more than 131072 entries"));
+}
+TEST(TorchStateDict, HasAtMost131072KeysBesideIt) {
+  const auto beside = [](std::size_t keys) {
+    SavedPickle program;
+    program.op(op::kEmptyDict).op(op::kMark).text("state_dict").stateDict({{"w", {1}, {1}, "0", 1}});
+    for (std::size_t k = 0; k < keys; ++k)
+      program.text(std::to_string(k)).op(op::kNone);
+    return savedZip(program.op(op::kSetItems).stop(), {{"0", bytesOf<float>({1})}}).build();
+  };
+  EXPECT_THAT(Parsed(beside(131'072)).status, IsOk());
+  EXPECT_THAT(Parsed(beside(131'073)).status,
+              StatusIs(Code::Unsupported, "checkpoint: a dictionary has more than 131072 entries"));
+}
+
 TEST(TorchStateDict, IsTakenFromUnderAKnownKeyBeforeOthers) {
   const Parsed parsed(savedZip(wrapped({"ema", "state_dict"}).stop(), {{"0", kFloats}}).build());
   ASSERT_THAT(parsed.status, IsOk());

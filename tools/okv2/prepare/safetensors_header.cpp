@@ -9,6 +9,7 @@
 #include "container/dtype.h"
 #include "hf/json_parser.h"
 #include "okv2/prepare/element_type.h"
+#include "okv2/prepare/weight_limits.h"
 
 namespace zel::tool::prepare {
 namespace {
@@ -17,8 +18,7 @@ using json::Kind;
 using json::detail::Parser;
 
 constexpr std::uint64_t kLengthBytes = 8;
-constexpr std::uint64_t kMaxHeaderBytes = 100'000'000;  // as the safetensors library has it
-constexpr std::size_t kMaxExtents = 64;                 // torch has no more either
+constexpr std::size_t kMaxExtents = 64;  // torch has no more either
 
 struct BlockType {
   std::string_view name;
@@ -77,6 +77,11 @@ class EntryReader {
     if (name == "__metadata__") return parser_.skip(1);
     Kind kind;
     if (!parser_.peek(kind, 1)) return false;
+    if (out_.size() == kMaxFileTensors) {
+      failure_ = unsupported("safetensors: the header has more than " + std::to_string(kMaxFileTensors) +
+                             " tensors");
+      return false;
+    }
     HeaderTensor tensor;
     tensor.name = name;
     if (kind != Kind::Object) return fail("bad entry of tensor '" + tensor.name + "'");
@@ -139,7 +144,7 @@ Status readSafetensorsHeader(std::string_view file, std::vector<HeaderTensor>& o
   out.clear();
   if (file.size() < kLengthBytes) return corrupted("safetensors: the file has no header");
   const std::uint64_t headerBytes = loadU64(file.data());
-  if (headerBytes > kMaxHeaderBytes || headerBytes > file.size() - kLengthBytes) {
+  if (headerBytes > kMaxSafetensorsHeaderBytes || headerBytes > file.size() - kLengthBytes) {
     return corrupted("safetensors: a header of " + std::to_string(headerBytes) + " bytes is too long");
   }
   return EntryReader(file, headerBytes, out).read();

@@ -20,7 +20,9 @@ struct HeaderTensor {
 };
 
 // Replaces `out` by the tensors in document order. Every range lies inside the file, and agrees with the
-// shape where the type is known. Failures begin "safetensors: ", all Corrupted.
+// shape where the type is known. Failures begin "safetensors: ":
+//   Corrupted    the header does not fit the file or the format
+//   Unsupported  more than kMaxFileTensors tensors
 Status readSafetensorsHeader(std::string_view file, std::vector<HeaderTensor>& out);
 
 }  // namespace zel::tool::prepare

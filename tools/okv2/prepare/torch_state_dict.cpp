@@ -3,6 +3,8 @@
 #include <set>
 #include <string_view>
 
+#include "okv2/prepare/weight_limits.h"
+
 namespace zel::tool::prepare {
 namespace {
 
@@ -56,6 +58,11 @@ const PickleItem* findOnlyStateDict(const PickleNode& root, std::string& names) 
 // others must be short.
 constexpr std::size_t kMaxWrapperBytes = 256;
 
+Status tooManyEntries() {
+  return unsupported("checkpoint: a dictionary has more than " + std::to_string(kMaxFileTensors) +
+                     " entries");
+}
+
 Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict& out) {
   std::set<std::string_view> seen;  // ordered: names can be made to collide under a hash
   for (const PickleItem* item = dict.first; item != nullptr; item = item->next) {
@@ -67,6 +74,7 @@ Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict&
       return unsupported("checkpoint: the dictionary of tensors has '" + std::string(item->key.text()) +
                          "' twice");
     }
+    if (seen.size() > kMaxFileTensors) return tooManyEntries();
     if (item->value.is(Kind::Tensor)) {
       out.tensors.emplace_back(item->key.text(), &item->value.tensor());
     } else {
@@ -123,6 +131,7 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     if (item == chosen) continue;
     const std::string_view key = item->key.is(Kind::Text) ? item->key.text() : std::string_view();
     if (seen.insert(key).second) {
+      if (seen.size() > kMaxFileTensors) return tooManyEntries();
       out.others.push_back({std::string(key), pickleKindName(item->value.kind()), false});
     }
   }

@@ -25,7 +25,8 @@ struct StateDict {
 
 // The root itself when it holds tensors, or else what it holds under one of the keys that training programs
 // use, or else its only dictionary of tensors. Failures begin "checkpoint: ":
-//   Unsupported  there is no such dictionary, or more than one; a key that is no text or comes twice
+//   Unsupported  there is no such dictionary, or more than one; a key that is no text or comes twice; more
+//                than kMaxFileTensors keys
 Status findStateDict(const PickleValue& root, StateDict& out);
 
 // "a list", "a number" and so on.

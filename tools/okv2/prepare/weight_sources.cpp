@@ -11,6 +11,7 @@
 #include "okv2/exit_codes.h"
 #include "okv2/explain/disguise.h"
 #include "okv2/plan/weight_files.h"
+#include "okv2/prepare/weight_limits.h"
 #include "okv2/prepare/weight_refusals.h"
 
 namespace zel::tool::prepare {
@@ -27,7 +28,6 @@ constexpr char kTorchFile[] = "pytorch_model.bin";
 constexpr std::string_view kTorchShard = "pytorch_model-";
 constexpr std::string_view kTorchSuffix = ".bin";
 constexpr std::string_view kAdapter = "adapter_model.";
-constexpr std::uintmax_t kMaxIndexBytes = std::uintmax_t{256} << 20;
 
 using Names = std::set<std::string>;
 
@@ -70,15 +70,20 @@ void readIndex(const std::string& dir, const std::string& name, WeightSources& o
   const auto bad = [&](const std::string& why) {
     refuseWeights(kExitCorrupted, Id::WeightsRefused, name, why, "Fetch " + name + " again.");
   };
+  const auto tooLong = [&](const std::string& what) {
+    refuseWeights(kExitUnsupported, Id::WeightsRefused, name, "it has more than " + what,
+                  "Use the index file that was published with the shards.");
+  };
   std::vector<std::uint8_t> bytes;
   std::error_code error;
-  if (fs::file_size(dir + "/" + name, error) > kMaxIndexBytes || error ||
-      !readFile(dir + "/" + name, bytes)) {
-    bad("it cannot be read");
-  }
+  const std::uintmax_t size = fs::file_size(dir + "/" + name, error);
+  if (error) bad("it cannot be read");
+  if (size > kMaxIndexBytes) tooLong(std::to_string(kMaxIndexBytes) + " bytes");
+  if (!readFile(dir + "/" + name, bytes)) bad("it cannot be read");
   json::detail::Parser parser(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   Kind kind;
   bool found = false;
+  std::size_t count = 0;
   const auto readMap = [&] {
     return parser.object([&](std::string_view tensor) {
       Kind value;
@@ -86,6 +91,7 @@ void readIndex(const std::string& dir, const std::string& name, WeightSources& o
       if (!parser.peek(value, 2)) return false;
       if (value != Kind::String) return parser.skip(2);
       if (!parser.string(file)) return false;
+      if (count++ == kMaxModelTensors) tooLong(std::to_string(kMaxModelTensors) + " tensors");
       out.indexed[file].emplace_back(tensor);
       return true;
     });
