@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iterator>
@@ -27,6 +28,10 @@ using explain::Id;
 // embeddings and a few expanded buffers.
 constexpr std::uint64_t kMaxGrowth = 16;
 constexpr std::uint64_t kGrowthAllowance = std::uint64_t{16} << 20;
+// A deflated storage is checked by a sum of all of it. That is worth reading the rest while the rest is not
+// very much more than what is used.
+constexpr std::uint64_t kMaxUnusedRatio = 16;
+constexpr std::uint64_t kUnusedAllowance = std::uint64_t{64} << 20;
 constexpr std::uint64_t kUnboundedTree = std::uint64_t{16} << 20;  // of JSON
 
 constexpr std::string_view kPlainTypes[] = {"F32", "F16", "BF16"};  // rows of DType
@@ -46,6 +51,16 @@ bool bytesOf(const std::vector<std::uint64_t>& shape, std::uint64_t elementBytes
   return true;
 }
 
+// Bytes from the tensor's first element to the end of its last one. Every element lies in a file, so that
+// nothing wraps.
+std::uint64_t reachOf(const SourceTensor& tensor) {
+  if (tensor.strides.empty() || tensor.bytes == 0) return tensor.bytes;
+  std::uint64_t last = 0;
+  for (std::size_t k = 0; k < tensor.shape.size(); ++k)
+    last += (tensor.shape[k] - 1) * tensor.strides[k];
+  return (last + 1) * tensor.known->bytes;
+}
+
 // A file without a name.
 int openScratch(const std::string& directory) {
   const int fd = ::open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
@@ -54,6 +69,11 @@ int openScratch(const std::string& directory) {
   const int named = ::mkostemp(pattern.data(), O_CLOEXEC);
   if (named >= 0) ::unlink(pattern.c_str());
   return named;
+}
+
+[[noreturn]] void cannotUnpack(const std::string& directory) {
+  throw Refused(kExitIoError, "", directory + ": cannot be written: " + std::strerror(errno),
+                "Make room, or choose another OUT.");
 }
 
 bool writeAll(int fd, std::string_view bytes) {
@@ -106,8 +126,12 @@ void WeightFile::refuse(const Status& status) const {
       explain::endsEarly(file_.path, look)) {
     refuseWeights(kExitCorrupted, Id::WeightsPartial, name_, "it ends in the middle: " + status.message());
   }
-  const Id finding = status.code() == Code::Unsupported ? Id::PytorchPickle : Id::WeightsRefused;
-  refuseWeights(exitCodeOf(status), finding, name_, status.message());
+  if (status.code() == Code::Unsupported && form_ != WeightForm::Safetensors) {
+    refuseWeights(kExitUnsupported, Id::PytorchPickle, name_, status.message(),
+                  "Load it in a program that trusts its author, and save the tensors alone, as a dictionary "
+                  "by name.");
+  }
+  refuseWeights(exitCodeOf(status), Id::WeightsRefused, name_, status.message());
 }
 
 void WeightFile::openSafetensors() {
@@ -197,36 +221,43 @@ bool WeightFile::isDeflated() const noexcept {
 }
 
 void WeightFile::unpack(const std::vector<std::size_t>& tensors, const std::string& out) {
-  unpackedAt_.assign(torch_.storages().size(), 0);
-  std::vector<bool> done(torch_.storages().size(), false);
-  std::uint64_t at = 0;
-  const auto cannotWrite = [&] {
-    throw Refused(kExitIoError, "", out + ": cannot be written: " + std::strerror(errno),
-                  "Make room, or choose another OUT.");
-  };
+  std::vector<std::uint64_t> used(torch_.storages().size(), 0);  // bytes from the start of each storage
   for (const std::size_t position : tensors) {
     const SourceTensor& tensor = tensors_[position];
-    if (!tensor.deflated || tensor.bytes == 0 || done[tensor.storage]) continue;
-    if (!unpackedDescriptor_.isOpen()) unpackedDescriptor_.reset(openScratch(out));
-    if (!unpackedDescriptor_.isOpen()) cannotWrite();
-    const TorchStorage& storage = torch_.storages()[tensor.storage];
-    bool written = true;
-    const Status status = torch_.inflate(storage, [&](std::string_view piece) {
-      written = writeAll(unpackedDescriptor_.get(), piece);
-      return written;
-    });
-    if (!written) cannotWrite();
-    if (!status.ok()) refuse(status);
-    unpackedAt_[tensor.storage] = at;
-    done[tensor.storage] = true;
-    at += storage.bytes;
+    if (!tensor.deflated || tensor.bytes == 0) continue;
+    used[tensor.storage] = std::max(used[tensor.storage], tensor.offset + reachOf(tensor));
+  }
+  unpackedAt_.assign(used.size(), 0);
+  std::uint64_t at = 0;
+  for (std::size_t k = 0; k < used.size(); ++k) {
+    if (used[k] == 0) continue;
+    unpackStorage(torch_.storages()[k], used[k], out);
+    unpackedAt_[k] = at;
+    at += used[k];
   }
   if (at == 0) return;
   if (unpackedMapping_.open(("/proc/self/fd/" + std::to_string(unpackedDescriptor_.get())).c_str(), at) !=
       MapResult::Ok) {
-    cannotWrite();
+    cannotUnpack(out);
   }
   unpacked_ = {file_.path, unpackedDescriptor_.get(), unpackedMapping_.bytes()};
+}
+
+void WeightFile::unpackStorage(const TorchStorage& storage, std::uint64_t used, const std::string& out) {
+  if (!unpackedDescriptor_.isOpen()) unpackedDescriptor_.reset(openScratch(out));
+  if (!unpackedDescriptor_.isOpen()) cannotUnpack(out);
+  const std::uint64_t unused = storage.bytes - used;
+  const bool toTheEnd = unused <= kUnusedAllowance || unused / kMaxUnusedRatio <= used;
+  std::uint64_t left = used;
+  bool written = true;
+  const Status status = torch_.inflate(storage, [&](std::string_view piece) {
+    piece = piece.substr(0, left);
+    written = writeAll(unpackedDescriptor_.get(), piece);
+    left -= piece.size();
+    return written && (left > 0 || toTheEnd);
+  });
+  if (!written) cannotUnpack(out);
+  if (!status.ok()) refuse(status);
 }
 
 const DataFile& WeightFile::dataOf(const SourceTensor& tensor) const noexcept {

@@ -44,8 +44,9 @@ class WeightFile {
   // than it has.
   void open(const std::string& dir, const std::string& name, bool safetensors);
 
-  // Unpacks the storages of the deflated tensors among `tensors` (positions) to a file without a name in the
-  // directory `out`. Throws Refused when they are damaged.
+  // Unpacks the storages of the deflated tensors among `tensors` (positions), up to the last byte that one of
+  // them has, to a file without a name in the directory `out`. Throws Refused when they are damaged; of a
+  // storage that is very much longer than that, the rest is not looked at.
   void unpack(const std::vector<std::size_t>& tensors, const std::string& out);
 
   [[nodiscard]] const std::string& name() const noexcept { return name_; }
@@ -70,6 +71,7 @@ class WeightFile {
   void addTorchTensor(const TorchTensor& tensor);
   void refuse(const Status& status) const;
   void refuseGrowth() const;
+  void unpackStorage(const TorchStorage& storage, std::uint64_t used, const std::string& out);
 
   std::string name_;
   WeightForm form_ = WeightForm::Safetensors;
