@@ -173,6 +173,9 @@ TEST_F(WeightsTest, RefusesACheckpointThatNamesAForeignGlobal) {
   EXPECT_EQ(refused.finding, "pytorch.pickle");
   EXPECT_EQ(refused.message,
             "pytorch_model.bin: checkpoint: the pickle names a global that is not on the list: os.system");
+  EXPECT_EQ(
+      refused.remedy,
+      "Load it in a program that trusts its author, and save the tensors alone, as a dictionary by name.");
 }
 
 TEST_F(WeightsTest, RefusesTensorsThatWouldGrowWithoutBound) {
@@ -191,6 +194,48 @@ TEST_F(WeightsTest, LinksAShardThatIsFine) {
   const std::string path = write("model.safetensors", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
   EXPECT_THAT(prepare(), IsEmpty());
   EXPECT_EQ(fs::read_symlink(out() + "/model.safetensors"), path);
+}
+
+TEST_F(WeightsTest, LinksTheFileThatWasReadWhereTheTextOfItsPathLeadsElsewhere) {
+  // Behind the link, ".." is a and not the folder of the link.
+  const std::string read =
+      dir_.write("a/in/model.safetensors", SafetensorsBuilder().tensor("read", "F32", {2}).bytes());
+  fs::create_directory(dir_ / "a/b");
+  fs::create_symlink("a/b", dir_ / "link");
+  write("model.safetensors", SafetensorsBuilder().tensor("other", "F32", {2}).bytes());
+  Changes changes;
+  prepareWeights(dir_ / "link/../in", out(), {}, changes);
+  EXPECT_EQ(fs::read_symlink(out() + "/model.safetensors"), read);
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("read F32 [2]"));
+}
+
+TEST_F(WeightsTest, LinksAShardByItsOwnNameThoughItIsALinkItself) {
+  const std::string blob = dir_.write("blobs/0123", SafetensorsBuilder().tensor("w", "F32", {2}).bytes());
+  fs::create_symlink(blob, in() + "/model.safetensors");
+  prepare();
+  EXPECT_EQ(fs::read_symlink(out() + "/model.safetensors"), in() + "/model.safetensors");
+}
+
+TEST_F(WeightsTest, TellsAnExpressionThatMatchesNothing) {
+  write("model.safetensors", SafetensorsBuilder().tensor("a", "F32", {2}).tensor("b", "F32", {2}).bytes());
+  EXPECT_THAT(
+      changeTexts(prepare({false, {"^a$", "typo", "a"}, false})),
+      ElementsAre("model.safetensors: a: F32 [2] ->  (weights.type)", "weights: --drop typo:  ->  ()"));
+}
+
+TEST_F(WeightsTest, CountsWhatIsNoTensorAsMatched) {
+  write("pytorch_model.bin", savedZip(SavedPickle()
+                                          .stateDict({{"w", {6}, {1}, "0", 6}})
+                                          .text("epoch")
+                                          .number(3)
+                                          .op(test::pickle_op::kSetItem)
+                                          .stop(),
+                                      {{"0", kSix}})
+                                 .build());
+  EXPECT_THAT(
+      changeTexts(prepare({false, {"epoch"}, false})),
+      ElementsAre("model.safetensors: epoch: a number ->  (pytorch.pickle)",
+                  "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)"));
 }
 
 TEST_F(WeightsTest, LinksShardsThatAreFineAndWritesTheOthers) {
@@ -570,6 +615,21 @@ TEST_F(WeightsTest, RefusesTwoTensorsThatGetOneName) {
       refused.message,
       "b.safetensors: tensors 'output_norm.weight' and 'model.norm.weight' (a.safetensors) both get the "
       "name 'output_norm.weight'");
+  EXPECT_EQ(refused.remedy, "Rename one of them: no name can stand for both.");
+}
+
+TEST_F(WeightsTest, RefusesTheSameTensorInTwoFilesUntilOneGoes) {
+  const std::string bytes = SafetensorsBuilder().tensor("w", "F32", {2}).bytes();
+  write("model.fp16.safetensors", bytes);
+  write("model.safetensors", bytes);
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "tensor.duplicate");
+  EXPECT_EQ(refused.message,
+            "model.safetensors: tensors 'w' and 'w' (model.fp16.safetensors) both get the name 'w'");
+  EXPECT_EQ(refused.remedy, "Move one of the two files away, if they hold the same weights.");
+  fs::remove(in() + "/model.fp16.safetensors");
+  EXPECT_EQ(refusal().code, 0);
 }
 
 TEST_F(WeightsTest, SeesCollisionsThatOnlyTheArchitectureMakes) {
@@ -612,21 +672,6 @@ TEST_F(WeightsTest, RefusesNamesThatAreEmptyOrHoldAZeroByte) {
   EXPECT_EQ(refusal().message, "model.safetensors: a tensor has an empty name");
   write("model.safetensors", SafetensorsBuilder().tensor(std::string("a\0b", 3), "F32", {2}).bytes());
   EXPECT_EQ(refusal().message, "model.safetensors: the name of tensor 'a\\0b' holds a zero byte");
-}
-
-TEST_F(WeightsTest, SplitsFusedColumnsThatAnImportWouldCutAlongRows) {
-  // Rows of [q q | k k | v v].
-  std::vector<float> fused;
-  for (int k = 0; k < 12; ++k)
-    fused.push_back(float(k));
-  write("model.safetensors",
-        SafetensorsBuilder().tensorData("h.3.attn.c_attn.weight", "F32", {2, 6}, bytesOf(fused)).bytes());
-  const Changes changes = prepare();
-  EXPECT_EQ(changes.back().finding, "tensor.fused-columns");
-  EXPECT_EQ(changes.back().to, "blk.3.attn_q.weight, blk.3.attn_k.weight, blk.3.attn_v.weight");
-  EXPECT_EQ(dataOf("model.safetensors", "blk.3.attn_q.weight"), bytesOf<float>({0, 1, 6, 7}));
-  EXPECT_EQ(dataOf("model.safetensors", "blk.3.attn_k.weight"), bytesOf<float>({2, 3, 8, 9}));
-  EXPECT_EQ(dataOf("model.safetensors", "blk.3.attn_v.weight"), bytesOf<float>({4, 5, 10, 11}));
 }
 
 }  // namespace

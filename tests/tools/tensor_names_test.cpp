@@ -5,14 +5,29 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "convert/name_mapping.h"
 #include "okv2/prepare/tensor_data.h"
 
 namespace zel::tool::prepare {
 namespace {
 
 using testing::ElementsAre;
+
+std::vector<std::string> namesOf(const std::vector<std::string>& published, const ModelKind& kind = {}) {
+  std::vector<std::string> names;
+  for (KnownName& known : bringToKnownNames(published, kind))
+    names.push_back(std::move(known.name));
+  return names;
+}
+std::vector<NameReason> reasonsOf(const std::vector<std::string>& published, const ModelKind& kind = {}) {
+  std::vector<NameReason> reasons;
+  for (const KnownName& known : bringToKnownNames(published, kind))
+    reasons.push_back(known.reason);
+  return reasons;
+}
 
 constexpr char kLayer[] = "layers.0.mlp.up_proj.weight";
 
@@ -37,7 +52,7 @@ struct PrefixRow {
 };
 class TensorPrefixes : public testing::TestWithParam<PrefixRow> {};
 TEST_P(TensorPrefixes, AreBroughtToKnownOnes) {
-  EXPECT_THAT(bringToKnownNames({GetParam().from, "other"}), ElementsAre(GetParam().to, "other"));
+  EXPECT_THAT(namesOf({GetParam().from, "other"}), ElementsAre(GetParam().to, "other"));
 }
 INSTANTIATE_TEST_SUITE_P(
     All, TensorPrefixes,
@@ -48,6 +63,9 @@ INSTANTIATE_TEST_SUITE_P(
                   "model.layers.0.mlp.up_proj.weight"},
         PrefixRow{"Idefics3", "model.text_model.layers.0.mlp.up_proj.weight",
                   "model.layers.0.mlp.up_proj.weight"},
+        PrefixRow{"DeepSeekVl2", "language.model.layers.0.mlp.up_proj.weight",
+                  "model.layers.0.mlp.up_proj.weight"},
+        PrefixRow{"InternVl", "language_model.model.embed_tokens.weight", "model.embed_tokens.weight"},
         PrefixRow{"Thinker", "thinker.model.layers.0.mlp.up_proj.weight",
                   "model.layers.0.mlp.up_proj.weight"},
         PrefixRow{"Lightning", "model.model.layers.0.mlp.up_proj.weight",
@@ -60,28 +78,146 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return row.param.name; });
 
 TEST(TensorNames, ChangesAllNamesOfAGroupAlike) {
-  EXPECT_THAT(bringToKnownNames({kLayer, "layers.0.unknown", "norm.weight", "embed_tokens.weight"}),
+  EXPECT_THAT(namesOf({kLayer, "layers.0.unknown", "norm.weight", "embed_tokens.weight"}),
               ElementsAre("model.layers.0.mlp.up_proj.weight", "model.layers.0.unknown", "model.norm.weight",
                           "model.embed_tokens.weight"));
 }
 TEST(TensorNames, LeavesANormAloneWithoutItsLayers) {
-  EXPECT_THAT(bringToKnownNames({"norm.weight"}), ElementsAre("norm.weight"));
+  EXPECT_THAT(namesOf({"norm.weight"}), ElementsAre("norm.weight"));
 }
 TEST(TensorNames, RemovesWrappersThatEveryNameHas) {
-  EXPECT_THAT(bringToKnownNames({"module._orig_mod.a", "module._orig_mod.b"}), ElementsAre("a", "b"));
-  EXPECT_THAT(bringToKnownNames({"module.a", "b"}), ElementsAre("module.a", "b"));
-  EXPECT_THAT(bringToKnownNames({"module."}), ElementsAre("module."));
+  EXPECT_THAT(namesOf({"module._orig_mod.a", "module._orig_mod.b"}), ElementsAre("a", "b"));
+  EXPECT_THAT(namesOf({"module.a", "b"}), ElementsAre("module.a", "b"));
+  EXPECT_THAT(namesOf({"module."}), ElementsAre("module."));
 }
 TEST(TensorNames, LooksBehindWrappersForPrefixes) {
-  EXPECT_THAT(bringToKnownNames({"module.language_model.model.norm.weight"}),
-              ElementsAre("model.norm.weight"));
+  EXPECT_THAT(namesOf({"module.language_model.model.norm.weight"}), ElementsAre("model.norm.weight"));
+}
+
+TEST(TensorNames, TakesTheHeadOfDeepSeekVl2AlongWithItsModel) {
+  EXPECT_THAT(namesOf({"language.model.norm.weight", "language.lm_head.weight"}),
+              ElementsAre("model.norm.weight", "lm_head.weight"));
+}
+
+TEST(TensorNames, SayWhyTheyAreAsTheyAre) {
+  EXPECT_THAT(reasonsOf({"module.layers.0.mlp.up_proj.weight", "module.layers.0.unknown", "module.other"}),
+              ElementsAre(NameReason::Known, NameReason::Group, NameReason::Wrapper));
+  EXPECT_THAT(reasonsOf({"model.norm.weight", "other"}), ElementsAre(NameReason::Same, NameReason::Same));
+}
+TEST(TensorNames, AreCalledKnownOnlyWhereTheMappingKnowsThem) {
+  EXPECT_STREQ(nameReasonText(NameReason::Known), "The name mapping knows the tensor by this name.");
+  EXPECT_STREQ(nameReasonText(NameReason::Group),
+               "The name mapping knows others by this prefix; this tensor is in no table.");
+  EXPECT_STREQ(nameReasonText(NameReason::Wrapper),
+               "The prefix is that of a wrapper; the tensor is in no table.");
+  EXPECT_STREQ(nameReasonText(NameReason::Own),
+               "The name mapping would take the tensor for another norm of its layer.");
+}
+
+// ---- spellings of one family
+
+ModelKind kindOf(const std::string& type) { return {type, {type}, 0, true}; }
+
+struct SpellingRow {
+  const char* name;
+  const char* type;
+  const char* from;
+  const char* to;
+  const char* stored;  // what the mapping makes of `to`
+};
+class TensorSpellings : public testing::TestWithParam<SpellingRow> {};
+TEST_P(TensorSpellings, AreBroughtToWhatTheMappingKnows) {
+  const SpellingRow& row = GetParam();
+  EXPECT_THAT(namesOf({row.from}, kindOf(row.type)), ElementsAre(row.to));
+  EXPECT_THAT(reasonsOf({row.from}, kindOf(row.type)), ElementsAre(NameReason::Known));
+  EXPECT_EQ(adapter::toOkvName(row.type, row.to).name, row.stored);
+}
+TEST_P(TensorSpellings, AreLeftAloneInOtherModels) {
+  EXPECT_THAT(namesOf({GetParam().from}, kindOf("llama")), ElementsAre(GetParam().from));
+}
+INSTANTIATE_TEST_SUITE_P(
+    All, TensorSpellings,
+    testing::Values(SpellingRow{"EmbeddingPerLayer", "gemma4", "model.embed_tokens_per_layer.weight",
+                                "model.per_layer_token_embd.weight", "per_layer_token_embd.weight"},
+                    SpellingRow{"ProjectionOfTheModel", "gemma4", "model.per_layer_model_projection.weight",
+                                "model.per_layer_model_proj.weight", "per_layer_model_proj.weight"},
+                    SpellingRow{"NormOfTheProjection", "gemma4", "model.per_layer_projection_norm.weight",
+                                "model.per_layer_proj_norm.weight", "per_layer_proj_norm.weight"},
+                    SpellingRow{"InputGate", "gemma4", "model.layers.12.per_layer_input_gate.weight",
+                                "model.layers.12.inp_gate.weight", "blk.12.inp_gate.weight"},
+                    SpellingRow{"Projection", "gemma4", "model.layers.12.per_layer_projection.weight",
+                                "model.layers.12.proj.weight", "blk.12.proj.weight"},
+                    SpellingRow{"NormBehindTheInput", "gemma4",
+                                "model.layers.12.post_per_layer_input_norm.weight",
+                                "model.layers.12.post_norm.weight", "blk.12.post_norm.weight"},
+                    SpellingRow{"Scale", "gemma4", "model.layers.12.layer_scalar",
+                                "model.layers.12.layer_output_scale.weight",
+                                "blk.12.layer_output_scale.weight"},
+                    SpellingRow{"Gemma3n", "gemma3n", "model.layers.0.per_layer_input_gate.weight",
+                                "model.layers.0.inp_gate.weight", "blk.0.inp_gate.weight"},
+                    SpellingRow{"QwenUp", "QWenLMHeadModel", "transformer.h.3.mlp.w1.weight",
+                                "transformer.h.3.mlp.up_proj.weight", "blk.3.ffn_up.weight"},
+                    SpellingRow{"QwenGate", "QWenLMHeadModel", "transformer.h.3.mlp.w2.weight",
+                                "transformer.h.3.mlp.gate_proj.weight", "blk.3.ffn_gate.weight"},
+                    SpellingRow{"QwenDown", "QWenLMHeadModel", "transformer.h.3.mlp.c_proj.weight",
+                                "transformer.h.3.mlp.down_proj.weight", "blk.3.ffn_down.weight"},
+                    SpellingRow{"QwenAttention", "QWenLMHeadModel", "transformer.h.3.attn.c_proj.weight",
+                                "transformer.h.3.self_attn.o_proj.weight", "blk.3.attn_output.weight"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(TensorNames, SpellNoOtherSuffixAnew) {
+  const ModelKind gemma = kindOf("gemma4");
+  for (const char* name :
+       {"model.layers.0.x.layer_scalar", "model.layers.layer_scalar", "model.layers..layer_scalar",
+        "model.layers.0x.layer_scalar", "layer_scalar", "model.layers.0.layer_scalars"})
+    EXPECT_THAT(namesOf({name}, gemma), ElementsAre(name));
+}
+TEST(TensorNames, SpellTheScaleOfGemma4OnlyThere) {
+  EXPECT_THAT(namesOf({"model.layers.0.layer_scalar"}, kindOf("gemma3n")),
+              ElementsAre("model.layers.0.layer_scalar"));
+}
+TEST(TensorNames, SpellTensorsBehindAPrefix) {
+  EXPECT_THAT(namesOf({"model.language_model.layers.0.layer_scalar", "model.language_model.norm.weight",
+                       "model.language_model.embed_tokens_per_layer.weight"},
+                      kindOf("gemma4")),
+              ElementsAre("model.layers.0.layer_output_scale.weight", "model.norm.weight",
+                          "model.per_layer_token_embd.weight"));
+}
+
+// ---- Gemma's norms inside another model
+
+const std::vector<std::string> kTwoNorms = {"model.layers.7.post_attention_layernorm.weight",
+                                            "model.layers.7.pre_feedforward_layernorm.weight"};
+
+TEST(TensorNames, GiveGemmasNormTheContainersNameInsideAnotherModel) {
+  const ModelKind kind{"paligemma", {"paligemma", "gemma2"}, 0, true};
+  EXPECT_THAT(namesOf(kTwoNorms, kind), ElementsAre("blk.7.post_attention_norm.weight", kTwoNorms[1]));
+  EXPECT_THAT(reasonsOf(kTwoNorms, kind), ElementsAre(NameReason::Own, NameReason::Same));
+  EXPECT_EQ(adapter::toOkvName("paligemma", "blk.7.post_attention_norm.weight").name,
+            "blk.7.post_attention_norm.weight");
+}
+TEST(TensorNames, LeaveGemmasNormToTheMappingOfAGemma) {
+  EXPECT_THAT(namesOf(kTwoNorms, {"gemma3", {"gemma3", "gemma3_text"}, 0, true}),
+              testing::ElementsAreArray(kTwoNorms));
+}
+TEST(TensorNames, LeaveTheNormAloneOfATextModelThatIsNoGemma) {
+  EXPECT_THAT(namesOf(kTwoNorms, {"llava", {"llava", "llama"}, 0, true}),
+              testing::ElementsAreArray(kTwoNorms));
+}
+TEST(TensorNames, LeaveTheOnlyNormBeforeTheFeedForwardAlone) {
+  // The first Gemma: the norm that is called so stands where everybody else's does.
+  const ModelKind kind{"paligemma", {"paligemma", "gemma"}, 0, true};
+  EXPECT_THAT(namesOf({kTwoNorms[0], "model.layers.8.pre_feedforward_layernorm.weight"}, kind),
+              ElementsAre(kTwoNorms[0], "model.layers.8.pre_feedforward_layernorm.weight"));
 }
 
 TEST(TensorNames, TellsTowersFromTheTextModel) {
-  for (const char* name : {"vision_tower.x", "model.vision_tower.x", "visual.x", "module.visual.x",
+  for (const char* name : {"vision.blocks.0.x", "projector.layers.0.x", "view_seperator", "mlp1.0.weight",
+                           "vision_tower.x", "model.vision_tower.x", "visual.x", "module.visual.x",
                            "model.multi_modal_projector.x", "thinker.audio_tower.x", "image_newline"})
     EXPECT_TRUE(isOtherTower(name)) << name;
-  for (const char* name : {"model.layers.0.visual.x", "vision", "lm_head.weight", "model.language_model.x"})
+  for (const char* name : {"model.layers.0.visual.x", "vision", "mlp1", "model.layers.0.mlp.x",
+                           "projectors.x", "lm_head.weight", "model.language_model.x"})
     EXPECT_FALSE(isOtherTower(name)) << name;
 }
 

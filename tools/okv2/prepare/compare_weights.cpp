@@ -161,7 +161,7 @@ std::vector<std::string> compareWeights(const ContainerView& view, const std::st
                                         const WeightOptions& options) {
   Changes changes;
   WeightsPlan plan;
-  plan.open(dir, options, changes);
+  plan.open(dir, dir, options, changes);
   Comparison comparison(view, plan.architecture());
   for (PlannedShard& shard : plan.shards()) {
     WeightsPlan::place(shard, std::filesystem::temp_directory_path().native());

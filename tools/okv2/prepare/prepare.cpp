@@ -142,8 +142,8 @@ Prepared prepareDirectory(const std::string& directory, const std::string& out,
   settleSpecialIds(texts, tokenizer, prepared.changes);
   mendConfig(texts, prepared.changes);
   mendChatTemplate(directory, texts, prepared.changes);
-  prepareWeights(directory, out, options, prepared.changes);
   writeTexts(out, texts, tokenizer);
+  prepareWeights(directory, out, options, prepared.changes);
   prepared.explanation = explain::explainDirectory(out);
   const Json document = {{"schema", kSchema},
                          {"changes", changesJson(prepared.changes)},

@@ -20,6 +20,7 @@ namespace zel::tool::prepare {
 namespace {
 
 constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
+constexpr std::size_t kLengthBytes = 8;
 constexpr std::size_t kAlignment = 8;  // of the data region; the library aligns it so too
 
 constexpr char kShorter[] = "it is shorter than it was";
@@ -37,6 +38,7 @@ constexpr char kShorter[] = "it is shorter than it was";
 // JSON text with everything escaped that RFC 8259 wants escaped.
 std::string quoted(std::string_view text) {
   std::string out = "\"";
+  out.reserve(text.size() + 2);
   for (const char c : text) {
     if (c == '"' || c == '\\') {
       out += '\\';
@@ -138,9 +140,13 @@ std::string safetensorsHeader(const std::vector<OutputTensor>& tensors) {
   json += '}';
   json.resize((json.size() + kAlignment - 1) / kAlignment * kAlignment, ' ');
   std::string out;
-  for (unsigned k = 0; k < 8; ++k)
+  for (unsigned k = 0; k < kLengthBytes; ++k)
     out += static_cast<char>(static_cast<std::uint64_t>(json.size()) >> (8 * k));
   return out + json;
+}
+
+bool safetensorsHeaderFits(const std::vector<OutputTensor>& tensors, std::uint64_t most) {
+  return safetensorsHeader(tensors).size() - kLengthBytes <= most;
 }
 
 void writeSafetensors(const std::string& path, const std::vector<OutputTensor>& tensors) {

@@ -1,6 +1,7 @@
 // Writes .safetensors files in constant memory.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,5 +16,8 @@ void writeSafetensors(const std::string& path, const std::vector<OutputTensor>& 
 
 // The length, the JSON text and its padding, as they begin the file.
 [[nodiscard]] std::string safetensorsHeader(const std::vector<OutputTensor>& tensors);
+
+// Whether the header's text and padding have at most `most` bytes.
+[[nodiscard]] bool safetensorsHeaderFits(const std::vector<OutputTensor>& tensors, std::uint64_t most);
 
 }  // namespace zel::tool::prepare

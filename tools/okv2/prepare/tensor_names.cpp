@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <iterator>
+#include <set>
+#include <span>
 
 #include "container/okv2_format.h"
 #include "convert/name_mapping.h"
@@ -39,6 +41,8 @@ constexpr PrefixRule kPrefixRules[] = {
      "llava-hf and Gemma 3 checkpoints; transformers, modeling_llava.py, _checkpoint_conversion_mapping"},
     {{{"model.text_model.", "model."}, {}, {}},
      "transformers, modeling_idefics3.py: Idefics3Model.text_model"},
+    {{{"language.model.", "model."}, {"language.lm_head.", "lm_head."}, {}},
+     "deepseek-ai/DeepSeek-VL2, modeling_deepseek_vl_v2.py: DeepseekVLV2ForCausalLM.language"},
     {{{"thinker.model.", "model."}, {"thinker.lm_head.", "lm_head."}, {}},
      "transformers, modeling_qwen2_5_omni.py: thinker"},
     {{{"model.model.", "model."}, {"model.lm_head.", "lm_head."}, {}},
@@ -64,6 +68,10 @@ constexpr std::string_view kOtherTowers[] = {
     "audio_tower.",            // transformers, modeling_qwen2_audio.py, modeling_gemma3n.py
     "audio_projector.",        // transformers, modeling_phi4_multimodal.py
     "vqmodel.",                // transformers, modeling_chameleon.py
+    "vision.",                 // DeepSeek-VL2, modeling_deepseek_vl_v2.py
+    "projector.",              // DeepSeek-VL2, modeling_deepseek_vl_v2.py
+    "view_seperator",          // DeepSeek-VL2, modeling_deepseek_vl_v2.py; spelled so there
+    "mlp1.",                   // OpenGVLab/InternVL2, modeling_internvl_chat.py
     "talker.",                 // transformers, modeling_qwen2_5_omni.py
     "token2wav.",              // transformers, modeling_qwen2_5_omni.py
 };
@@ -72,6 +80,61 @@ constexpr std::string_view kInnerPrefixes[] = {"", "model.", "thinker.", "model.
 // Suffixes of layer tensors that are the container's own already (convert/name_mapping.cpp).
 constexpr std::string_view kSameSuffixes[] = {"post_norm.weight", "inp_gate.weight", "proj.weight",
                                               "layer_output_scale.weight"};
+
+struct Spelling {
+  std::string_view from;
+  std::string_view to;
+};
+// Spellings that the mapping does not know, or knows as something else, in the models whose type begins with
+// one of `families`. Whole names are meant without a prefix that stands before "model."; suffixes follow the
+// layer's number.
+struct SpellingTable {
+  std::span<const std::string_view> families;
+  std::span<const Spelling> wholeNames;
+  std::span<const Spelling> suffixes;
+};
+
+// transformers, modeling_gemma3n.py: Gemma3nTextModel and Gemma3nTextDecoderLayer; Gemma 4 has the same.
+constexpr std::string_view kPerLayerInputFamilies[] = {"gemma3n", "Gemma3n", "gemma4", "Gemma4"};
+constexpr Spelling kPerLayerInputNames[] = {
+    {"model.embed_tokens_per_layer.weight", "model.per_layer_token_embd.weight"},
+    {"model.per_layer_model_projection.weight", "model.per_layer_model_proj.weight"},
+    {"model.per_layer_projection_norm.weight", "model.per_layer_proj_norm.weight"},
+};
+constexpr Spelling kPerLayerInputSuffixes[] = {
+    {"per_layer_input_gate.weight", "inp_gate.weight"},
+    {"per_layer_projection.weight", "proj.weight"},
+    {"post_per_layer_input_norm.weight", "post_norm.weight"},
+};
+
+// transformers, modeling_gemma4.py: a buffer of Gemma4TextDecoderLayer, hence without ".weight".
+constexpr std::string_view kGemma4Families[] = {"gemma4", "Gemma4"};
+constexpr Spelling kGemma4Suffixes[] = {{"layer_scalar", "layer_output_scale.weight"}};
+
+// Qwen/Qwen-7B, modeling_qwen.py: QWenMLP is c_proj(w1(x) * silu(w2(x))), so that its w2 is the gate, which
+// elsewhere is w1. All are Linear layers, those of the attention too.
+constexpr std::string_view kQwenFamilies[] = {"QWenLMHeadModel"};
+constexpr Spelling kQwenSuffixes[] = {
+    {"mlp.w1.weight", "mlp.up_proj.weight"},
+    {"mlp.w2.weight", "mlp.gate_proj.weight"},
+    {"mlp.c_proj.weight", "mlp.down_proj.weight"},
+    {"attn.c_proj.weight", "self_attn.o_proj.weight"},
+};
+
+constexpr SpellingTable kSpellings[] = {
+    {kPerLayerInputFamilies, kPerLayerInputNames, kPerLayerInputSuffixes},
+    {kGemma4Families, {}, kGemma4Suffixes},
+    {kQwenFamilies, {}, kQwenSuffixes},
+};
+
+constexpr std::string_view kLayerPrefixes[] = {"model.layers.", "transformer.h."};
+
+// Gemma's layers since Gemma 2 have a norm behind attention and another before the feed-forward
+// (transformers, modeling_gemma2.py, Gemma2DecoderLayer). The mapping tells them apart for architectures
+// whose name begins with "gemma", and models around such a text model have another.
+constexpr std::string_view kGemmaFamilies[] = {"gemma", "Gemma"};
+constexpr std::string_view kBehindAttention = "post_attention_layernorm.weight";
+constexpr std::string_view kBeforeFeedForward = "pre_feedforward_layernorm.weight";
 
 bool startsWith(std::string_view text, std::string_view prefix) {
   return text.substr(0, prefix.size()) == prefix;
@@ -99,11 +162,80 @@ void removeWrappers(std::vector<std::string>& names) {
   }
 }
 
+// What follows the layer's number; empty for other names.
+std::string_view suffixOf(std::string_view name) {
+  for (const std::string_view prefix : kLayerPrefixes) {
+    if (!startsWith(name, prefix)) continue;
+    const std::size_t end = name.find_first_not_of("0123456789", prefix.size());
+    if (end == std::string_view::npos || end == prefix.size() || name[end] != '.') return {};
+    return name.substr(end + 1);
+  }
+  return {};
+}
+
 bool ruleHolds(const PrefixRule& rule, const std::vector<std::string>& names) {
   const PrefixChange& first = rule.changes[0];
   return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
     return startsWith(name, first.from) && !mappingKnows(name) && mappingKnows(replaced(name, first));
   });
+}
+
+// Whether each name was changed.
+std::vector<bool> changePrefixes(std::vector<std::string>& names) {
+  std::vector<bool> changed(names.size(), false);
+  for (const PrefixRule& rule : kPrefixRules) {
+    if (!ruleHolds(rule, names)) continue;
+    for (std::size_t k = 0; k < names.size(); ++k) {
+      for (const PrefixChange& change : rule.changes) {
+        if (change.from.empty() || !startsWith(names[k], change.from)) continue;
+        names[k] = replaced(names[k], change);
+        changed[k] = true;
+        break;
+      }
+    }
+  }
+  return changed;
+}
+
+// Null when the table has no row for it.
+const Spelling* findSpelling(std::span<const Spelling> table, std::string_view name) {
+  const auto row =
+      std::find_if(table.begin(), table.end(), [&](const Spelling& s) { return s.from == name; });
+  return row == table.end() ? nullptr : &*row;
+}
+
+void spellAsKnown(const ModelKind& kind, std::vector<std::string>& names) {
+  for (const SpellingTable& table : kSpellings) {
+    if (!kind.isOneOf(table.families)) continue;
+    for (std::string& name : names) {
+      const std::string_view suffix = suffixOf(name);
+      if (const Spelling* row = findSpelling(table.wholeNames, name); row != nullptr) {
+        name = row->to;
+      } else if (row = findSpelling(table.suffixes, suffix); row != nullptr) {
+        name.replace(name.size() - suffix.size(), suffix.size(), row->to);
+      }
+    }
+  }
+}
+
+// Whether each name was changed.
+std::vector<bool> nameGemmaNorms(const ModelKind& kind, std::vector<std::string>& names) {
+  std::vector<bool> changed(names.size(), false);
+  if (!kind.isOneOf(kGemmaFamilies) || startsWith(kind.architecture, "gemma")) return changed;
+  std::set<std::string> layers;  // that have both norms
+  for (const std::string& name : names) {
+    if (suffixOf(name) == kBeforeFeedForward)
+      layers.insert(name.substr(0, name.size() - kBeforeFeedForward.size()));
+  }
+  for (std::size_t k = 0; k < names.size(); ++k) {
+    if (suffixOf(names[k]) != kBehindAttention ||
+        layers.count(names[k].substr(0, names[k].size() - kBehindAttention.size())) == 0) {
+      continue;
+    }
+    names[k] = adapter::toOkvName("gemma2", names[k]).name;
+    changed[k] = true;
+  }
+  return changed;
 }
 
 }  // namespace
@@ -120,20 +252,35 @@ bool mappingKnows(const std::string& name) {
   return std::find(std::begin(kSameSuffixes), std::end(kSameSuffixes), suffix) != std::end(kSameSuffixes);
 }
 
-std::vector<std::string> bringToKnownNames(const std::vector<std::string>& published) {
+std::vector<KnownName> bringToKnownNames(const std::vector<std::string>& published, const ModelKind& kind) {
   std::vector<std::string> names = published;
   removeWrappers(names);
-  for (const PrefixRule& rule : kPrefixRules) {
-    if (!ruleHolds(rule, names)) continue;
-    for (std::string& name : names) {
-      for (const PrefixChange& change : rule.changes) {
-        if (change.from.empty() || !startsWith(name, change.from)) continue;
-        name = replaced(name, change);
-        break;
-      }
+  const std::vector<bool> inGroup = changePrefixes(names);
+  spellAsKnown(kind, names);
+  const std::vector<bool> isOwn = nameGemmaNorms(kind, names);
+  std::vector<KnownName> out(names.size());
+  for (std::size_t k = 0; k < names.size(); ++k) {
+    if (names[k] != published[k]) {
+      out[k].reason = isOwn[k]                 ? NameReason::Own
+                      : mappingKnows(names[k]) ? NameReason::Known
+                      : inGroup[k]             ? NameReason::Group
+                                               : NameReason::Wrapper;
     }
+    out[k].name = std::move(names[k]);
   }
-  return names;
+  return out;
+}
+
+const char* nameReasonText(NameReason reason) noexcept {
+  switch (reason) {
+    case NameReason::Same: break;
+    case NameReason::Known: return "The name mapping knows the tensor by this name.";
+    case NameReason::Group:
+      return "The name mapping knows others by this prefix; this tensor is in no table.";
+    case NameReason::Wrapper: return "The prefix is that of a wrapper; the tensor is in no table.";
+    case NameReason::Own: return "The name mapping would take the tensor for another norm of its layer.";
+  }
+  return "It is as published.";
 }
 
 bool isOtherTower(std::string_view published) {

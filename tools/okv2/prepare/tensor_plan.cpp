@@ -12,6 +12,7 @@
 #include "convert/name_mapping.h"
 #include "okv2/exit_codes.h"
 #include "okv2/plan/weight_files.h"
+#include "okv2/prepare/fused_attention.h"
 #include "okv2/prepare/tensor_names.h"
 #include "okv2/prepare/weight_refusals.h"
 #include "readers/safetensors_importer.h"
@@ -22,6 +23,7 @@ namespace {
 using explain::Id;
 
 constexpr std::size_t kStoredNameBytes = okv2::kTensorNameBytes - 1;
+constexpr char kTorchFile[] = "pytorch_model.bin";
 constexpr std::size_t kSearchedBytes = 1024;  // std::regex needs a stack as deep as the text is long
 
 std::string shapeText(const std::vector<std::uint64_t>& shape) {
@@ -50,22 +52,31 @@ class DropRules {
                       "Write it as ECMAScript does.");
       }
     }
+    matched_.resize(rules_.size(), false);
   }
-  [[nodiscard]] bool match(const std::string& name) const {
+  // Asks all of them, so that each is known to match or not.
+  [[nodiscard]] bool match(const std::string& name) {
     const std::string start = name.substr(0, kSearchedBytes);
-    return std::any_of(rules_.begin(), rules_.end(),
-                       [&](const std::regex& rule) { return std::regex_search(start, rule); });
+    bool any = false;
+    for (std::size_t k = 0; k < rules_.size(); ++k) {
+      if (!std::regex_search(start, rules_[k])) continue;
+      matched_[k] = any = true;
+    }
+    return any;
   }
+  // Whether the expression at this position has matched a name.
+  [[nodiscard]] bool hasMatched(std::size_t k) const { return matched_[k]; }
 
  private:
   std::vector<std::regex> rules_;
+  std::vector<bool> matched_;
 };
 
 class Planner {
  public:
-  Planner(const std::vector<WeightFile*>& files, const std::string& arch, const WeightOptions& options,
+  Planner(const std::vector<WeightFile*>& files, const ModelKind& kind, const WeightOptions& options,
           Changes& changes)
-      : files_(files), arch_(arch), options_(options), drop_(options.drop), changes_(changes) {}
+      : files_(files), kind_(kind), options_(options), drop_(options.drop), changes_(changes) {}
 
   std::vector<PlannedShard> run() {
     for (std::size_t k = 0; k < files_.size(); ++k) {
@@ -73,6 +84,7 @@ class Planner {
       takeFile(k);
     }
     refuseOthers();
+    reportIdleDrops();
     refuseTypes();
     rename();
     for (const Candidate& candidate : kept_)
@@ -122,7 +134,8 @@ class Planner {
       const WeightFile& file = *files_[k];
       NameList names;
       for (const OtherEntry& entry : file.others()) {
-        if (entry.mayHoldWeights && !drop_.match(entry.name)) {
+        const bool dropped = drop_.match(entry.name);
+        if (entry.mayHoldWeights && !dropped) {
           names.add(fmt::format("'{}' ({})", entry.name, entry.what));
         } else {
           change(k, entry.name, entry.what, "", "It is no tensor of the model.", Id::PytorchPickle);
@@ -132,6 +145,13 @@ class Planner {
       refuseWeights(kExitUnsupported, Id::PytorchPickle, file.name(),
                     "among its tensors are other things: " + names.text(),
                     "Leave them out with --drop REGEX, or save the tensors alone.");
+    }
+  }
+
+  void reportIdleDrops() {
+    for (std::size_t k = 0; k < options_.drop.size(); ++k) {
+      if (drop_.hasMatched(k)) continue;
+      changes_.push_back({"weights", "--drop " + options_.drop[k], "", "", "It matches no tensor.", ""});
     }
   }
 
@@ -175,20 +195,21 @@ class Planner {
     published.reserve(kept_.size());
     for (const Candidate& candidate : kept_)
       published.push_back(candidate.published);
-    std::vector<std::string> names = bringToKnownNames(published);
+    std::vector<KnownName> names = bringToKnownNames(published, kind_);
     for (std::size_t k = 0; k < kept_.size(); ++k) {
       Candidate& candidate = kept_[k];
       const std::string& file = files_[candidate.file]->name();
-      if (names[k].empty())
+      if (names[k].name.empty())
         refuseWeights(kExitInvalid, Id::TensorUnnamed, file, "a tensor has an empty name");
-      if (names[k].find('\0') != std::string::npos) {
+      if (names[k].name.find('\0') != std::string::npos) {
         refuseWeights(kExitUnsupported, Id::TensorNameNul, file,
                       fmt::format("the name of tensor '{}' holds a zero byte", candidate.published));
       }
-      candidate.name = std::move(names[k]);
-      if (candidate.name == candidate.published) continue;
+      candidate.name = std::move(names[k].name);
+      if (names[k].reason == NameReason::Same) continue;
       change(candidate.file, candidate.published, candidate.published, candidate.name,
-             "The name mapping knows the tensor by this name.", Id::TensorUnmapped);
+             nameReasonText(names[k].reason),
+             names[k].reason == NameReason::Own ? Id::TensorDuplicate : Id::TensorUnmapped);
     }
   }
 
@@ -217,31 +238,31 @@ class Planner {
       change(candidate.file, candidate.published, "[]", "[1]", "The container holds no scalars.",
              Id::TensorRefused);
     }
-    if (!splitFusedColumns(candidate, tensor)) add(candidate, std::move(tensor), 0);
+    if (!splitFused(candidate, tensor)) add(candidate, std::move(tensor), 0);
   }
 
-  // Query, key and value side by side in the second extent, which an import would cut along the first.
-  bool splitFusedColumns(const Candidate& candidate, const OutputTensor& fused) {
-    const adapter::MappedName mapped = adapter::toOkvName(arch_, candidate.name);
-    if (mapped.slices.empty() || fused.shape.size() != 2 || fused.elementBytes == 0 ||
-        fused.shape[1] % 3 != 0 || fused.shape[1] / 3 != fused.shape[0]) {
-      return false;
+  // False when it is one tensor, or an import cuts it rightly.
+  bool splitFused(const Candidate& candidate, const OutputTensor& fused) {
+    const adapter::MappedName mapped = adapter::toOkvName(kind_.architecture, candidate.name);
+    if (mapped.slices.empty()) return false;
+    const FusedForm form = fusedFormOf(fused, kind_);
+    if (form == FusedForm::EqualRows) return false;
+    if (form == FusedForm::Unknown) {
+      refuseWeights(kExitUnsupported, Id::TensorFusedRemainder, files_[candidate.file]->name(),
+                    fmt::format("the fused projection '{}' {} cannot be cut into query, key and value",
+                                candidate.published, shapeText(fused.shape)),
+                    "Split it, or give config.json the number of attention heads that it was made with.");
     }
-    const std::uint64_t columns = fused.shape[0];
-    const std::vector<std::uint64_t> strides =
-        fused.strides.empty() ? std::vector<std::uint64_t>{fused.shape[1], 1} : fused.strides;
     std::string names;
-    for (std::size_t k = 0; k < mapped.slices.size(); ++k) {
-      OutputTensor part = fused;
-      part.name = mapped.slices[k].name;
-      part.shape = part.extents = {columns, columns};
-      part.strides = strides;
-      part.bytes = fused.bytes / 3;
-      names += (names.empty() ? "" : ", ") + part.name;
-      add(candidate, std::move(part), k * columns * strides[1] * fused.elementBytes);
+    for (FusedPart& part : cutFused(fused, mapped.slices, form, kind_)) {
+      names += (names.empty() ? "" : ", ") + part.tensor.name;
+      add(candidate, std::move(part.tensor), part.skip);
     }
     change(candidate.file, candidate.published, candidate.published, names,
-           "An import would cut the fused projection along its other extent.", Id::TensorFusedColumns);
+           form == FusedForm::Columns
+               ? "An import would cut the fused projection along its other extent; the parts stay [in, out]."
+               : "An import would cut the fused projection into three equal parts, which these are not.",
+           form == FusedForm::Columns ? Id::TensorFusedColumns : Id::TensorFusedRemainder);
     return true;
   }
 
@@ -267,10 +288,13 @@ class Planner {
           const auto [found, isNew] = holders.emplace(stored, Holder{source, k});
           if (isNew) continue;
           const Holder& other = found->second;
+          // --drop would match both of one name, and lose one that is needed of two.
           refuseWeights(kExitInvalid, Id::TensorDuplicate, files_[k]->name(),
                         fmt::format("tensors '{}' and '{}' ({}) both get the name '{}'", source, other.name,
                                     files_[other.file]->name(), stored),
-                        "Leave one of them out with --drop REGEX.");
+                        other.file != k && other.name == source
+                            ? "Move one of the two files away, if they hold the same weights."
+                            : "Rename one of them: no name can stand for both.");
         }
       }
     }
@@ -279,7 +303,7 @@ class Planner {
   // Shortens the tensor's name where the container would cut it.
   std::vector<std::string> storedNames(std::size_t file, PlannedOutput& output) {
     OutputTensor& tensor = output.tensor;
-    const adapter::MappedName mapped = adapter::toOkvName(arch_, tensor.name);
+    const adapter::MappedName mapped = adapter::toOkvName(kind_.architecture, tensor.name);
     std::vector<std::string> names;
     for (const adapter::Slice& slice : mapped.slices)
       names.push_back(slice.name);
@@ -301,9 +325,9 @@ class Planner {
           shard.link = shard.link && SafetensorsImporter().openBytes(shard.file->bytes()).ok();
           break;
         case WeightForm::TorchDialect:
-          // It is taken under its own name only, and only where there is no other.
+          // It is taken under one name only, and only where there is no other file.
           if (shard.link && shards_.size() == 1) {
-            shard.outputName = shard.file->name();
+            shard.outputName = kTorchFile;
           } else {
             shard.link = false;
           }
@@ -323,7 +347,13 @@ class Planner {
 
   void reportRewrite(std::size_t k) {
     const WeightFile& file = *shards_[k].file;
-    if (!isTorch(k) || shards_[k].link) return;
+    if (!isTorch(k)) return;
+    if (shards_[k].link) {
+      if (file.name() == shards_[k].outputName) return;
+      change(k, "file", file.name(), shards_[k].outputName, "An import reads it under this name only.",
+             Id::WeightsShardedBin);
+      return;
+    }
     const Id finding = shards_.size() > 1                        ? Id::WeightsShardedBin
                        : file.form() == WeightForm::TorchLegacy  ? Id::PytorchLegacy
                        : file.isDeflated()                       ? Id::PytorchDeflated
@@ -338,7 +368,7 @@ class Planner {
   }
 
   const std::vector<WeightFile*>& files_;
-  const std::string& arch_;
+  const ModelKind& kind_;
   const WeightOptions& options_;
   DropRules drop_;
   Changes& changes_;
@@ -348,9 +378,9 @@ class Planner {
 
 }  // namespace
 
-std::vector<PlannedShard> planShards(const std::vector<WeightFile*>& files, const std::string& arch,
+std::vector<PlannedShard> planShards(const std::vector<WeightFile*>& files, const ModelKind& kind,
                                      const WeightOptions& options, Changes& changes) {
-  return Planner(files, arch, options, changes).run();
+  return Planner(files, kind, options, changes).run();
 }
 
 std::string outputNameOf(const std::string& sourceName) {

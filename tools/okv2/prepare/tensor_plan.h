@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "okv2/prepare/model_kind.h"
 #include "okv2/prepare/outcome.h"
 #include "okv2/prepare/weight_file.h"
 #include "okv2/prepare/weights.h"
@@ -25,11 +26,12 @@ struct PlannedShard {
   std::vector<PlannedOutput> tensors;
 };
 
-// Decides about the tensors of all files, whose architecture (as HfImporter names it) is `arch`. Appends what
-// it changes to `changes`. Throws Refused where something would be lost that no option asks to lose: element
-// types, tensors without elements, names that collide in the container.
+// Decides about the tensors of all files, which belong to a model of the kind `kind`. Appends what it changes
+// to `changes`, and every expression of --drop that matches nothing. Throws Refused where something would be
+// lost that no option asks to lose: element types, tensors without elements, rows of fused tensors, names
+// that collide in the container.
 [[nodiscard]] std::vector<PlannedShard> planShards(const std::vector<WeightFile*>& files,
-                                                   const std::string& arch, const WeightOptions& options,
+                                                   const ModelKind& kind, const WeightOptions& options,
                                                    Changes& changes);
 
 // The name under which a shard is written: "model-00001-of-00002.safetensors" for a torch shard.

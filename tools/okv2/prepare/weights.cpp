@@ -5,9 +5,11 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
 
 #include "okv2/exit_codes.h"
 #include "okv2/prepare/safetensors_writer.h"
+#include "okv2/prepare/weight_limits.h"
 #include "okv2/prepare/weight_refusals.h"
 #include "okv2/prepare/weights_plan.h"
 
@@ -28,20 +30,38 @@ void refuseOverflows(const PlannedShard& shard) {
                 "Pass --drop REGEX for the tensors that inference does not need.");
 }
 
-void linkShard(const PlannedShard& shard, const std::string& out) {
-  const std::string target = fs::absolute(shard.file->path()).lexically_normal().native();
-  const std::string link = out + "/" + shard.outputName;
-  if (::symlink(target.c_str(), link.c_str()) == 0) return;
-  throw Refused(kExitIoError, "", link + ": cannot be created: " + std::strerror(errno),
-                "Choose another OUT.");
-}
-
-void writeShard(const PlannedShard& shard, const std::string& out) {
+std::vector<OutputTensor> tensorsOf(const PlannedShard& shard) {
   std::vector<OutputTensor> tensors;
   tensors.reserve(shard.tensors.size());
   for (const PlannedOutput& output : shard.tensors)
     tensors.push_back(output.tensor);
-  writeSafetensors(out + "/" + shard.outputName, tensors);
+  return tensors;
+}
+
+void refuseLongHeader(const PlannedShard& shard) {
+  if (safetensorsHeaderFits(tensorsOf(shard), kMaxSafetensorsHeaderBytes)) return;
+  refuseWeights(kExitUnsupported, Id::WeightsRefused, shard.file->name(),
+                "written anew, its header would be longer than " +
+                    std::to_string(kMaxSafetensorsHeaderBytes) + " bytes",
+                "Give its tensors shorter names.");
+}
+
+void linkShard(const std::string& dir, const PlannedShard& shard, const std::string& out) {
+  const std::string link = out + "/" + shard.outputName;
+  // Only the file system can tell what ".." means behind a symbolic link.
+  std::error_code error;
+  const fs::path folder = fs::canonical(dir, error);
+  if (!error) {
+    const fs::path target = folder / shard.file->name();
+    if (::symlink(target.c_str(), link.c_str()) == 0) return;
+    error = std::error_code(errno, std::generic_category());
+  }
+  throw Refused(kExitIoError, "", link + ": cannot be created: " + std::strerror(error.value()),
+                "Choose another OUT.");
+}
+
+void writeShard(const PlannedShard& shard, const std::string& out) {
+  writeSafetensors(out + "/" + shard.outputName, tensorsOf(shard));
 }
 
 }  // namespace
@@ -49,14 +69,17 @@ void writeShard(const PlannedShard& shard, const std::string& out) {
 void prepareWeights(const std::string& dir, const std::string& out, const WeightOptions& options,
                     Changes& changes) {
   WeightsPlan plan;
-  plan.open(dir, options, changes);
+  // As an import will read it, where it is prepared already.
+  std::error_code ignored;
+  plan.open(dir, fs::exists(out + "/config.json", ignored) ? out : dir, options, changes);
   for (PlannedShard& shard : plan.shards()) {
     if (shard.link) continue;
     WeightsPlan::place(shard, out);
     refuseOverflows(shard);
+    refuseLongHeader(shard);
   }
   for (const PlannedShard& shard : plan.shards())
-    shard.link ? linkShard(shard, out) : writeShard(shard, out);
+    shard.link ? linkShard(dir, shard, out) : writeShard(shard, out);
 }
 
 }  // namespace zel::tool::prepare

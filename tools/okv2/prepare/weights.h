@@ -14,8 +14,9 @@ struct WeightOptions {
   bool textOnly = false;          // towers that are not the text model are left out
 };
 
-// Writes the weights of directory `dir` into directory `out`, which exists and holds no weights. Shards that
-// are already fine become symbolic links to the absolute path of the original; the others are written anew
+// Writes the weights of directory `dir` into directory `out`, which exists and holds no weights. What they
+// are the weights of is read from the config.json in `out`, or else from that in `dir`. Shards that are
+// already fine become symbolic links to the absolute path of the original; the others are written anew
 // in constant memory. Appends what it changed to `changes`. Throws Refused, before it writes anything,
 // when a tensor would be lost or invented without having been asked for.
 void prepareWeights(const std::string& dir, const std::string& out, const WeightOptions& options,

@@ -3,8 +3,8 @@
 #include <set>
 #include <string_view>
 
-#include "hf/hf_importer.h"
 #include "okv2/exit_codes.h"
+#include "okv2/prepare/weight_limits.h"
 #include "okv2/prepare/weight_refusals.h"
 #include "okv2/prepare/weight_sources.h"
 
@@ -12,13 +12,6 @@ namespace zel::tool::prepare {
 namespace {
 
 using explain::Id;
-
-// Only the names of Gemma's norms depend on it; a configuration that cannot be read is somebody else's to
-// report.
-std::string architectureOf(const std::string& dir) {
-  HfImporter model;
-  return model.parseConfig(dir).ok() ? model.arch : "";
-}
 
 // A tensor that the index names and its shard lacks is lost, whatever --drop says: nobody can tell what it
 // was.
@@ -42,17 +35,25 @@ void compareWithIndex(const WeightSources& sources, const std::vector<std::uniqu
 
 }  // namespace
 
-void WeightsPlan::open(const std::string& dir, const WeightOptions& options, Changes& changes) {
+void WeightsPlan::open(const std::string& dir, const std::string& configDir, const WeightOptions& options,
+                       Changes& changes) {
   const WeightSources sources = findWeightSources(dir, changes);
   std::vector<WeightFile*> views;
+  std::size_t tensors = 0;
   for (const std::string& name : sources.names) {
     files_.push_back(std::make_unique<WeightFile>());
     files_.back()->open(dir, name, sources.safetensors);
     views.push_back(files_.back().get());
+    tensors += files_.back()->tensors().size();
+    if (tensors > kMaxModelTensors) {
+      refuseWeights(kExitUnsupported, Id::WeightsRefused, name,
+                    "with it there are more than " + std::to_string(kMaxModelTensors) + " tensors",
+                    "Move away the files that are not the model's.");
+    }
   }
   compareWithIndex(sources, files_);
-  architecture_ = architectureOf(dir);
-  shards_ = planShards(views, architecture_, options, changes);
+  kind_ = readModelKind(configDir);
+  shards_ = planShards(views, kind_, options, changes);
 }
 
 void WeightsPlan::place(PlannedShard& shard, const std::string& scratch) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "okv2/prepare/model_kind.h"
 #include "okv2/prepare/outcome.h"
 #include "okv2/prepare/tensor_plan.h"
 #include "okv2/prepare/weight_file.h"
@@ -14,12 +15,14 @@ namespace zel::tool::prepare {
 
 class WeightsPlan {
  public:
-  // Opens every weight file of `dir` and settles what becomes of its tensors; called once. Appends what is
-  // changed to `changes`. Throws Refused.
-  void open(const std::string& dir, const WeightOptions& options, Changes& changes);
+  // Opens every weight file of `dir` and settles what becomes of its tensors; called once. The directory
+  // `configDir` has the config.json that an import will read. Appends what is changed to `changes`. Throws
+  // Refused.
+  void open(const std::string& dir, const std::string& configDir, const WeightOptions& options,
+            Changes& changes);
 
   // As HfImporter names it; empty when the configuration does not tell.
-  [[nodiscard]] const std::string& architecture() const noexcept { return architecture_; }
+  [[nodiscard]] const std::string& architecture() const noexcept { return kind_.architecture; }
   [[nodiscard]] std::vector<PlannedShard>& shards() noexcept { return shards_; }
 
   // Settles where the bytes of the shard's tensors lie; deflated ones are unpacked to a file without a name
@@ -27,7 +30,7 @@ class WeightsPlan {
   static void place(PlannedShard& shard, const std::string& scratch);
 
  private:
-  std::string architecture_;
+  ModelKind kind_;
   std::vector<std::unique_ptr<WeightFile>> files_;
   std::vector<PlannedShard> shards_;
 };

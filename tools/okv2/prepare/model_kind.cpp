@@ -1,0 +1,67 @@
+#include "okv2/prepare/model_kind.h"
+
+#include <algorithm>
+
+#include "hf/hf_importer.h"
+#include "okv2/prepare/config_table.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+void addTypes(const json::Value& config, std::vector<std::string>& out) {
+  if (const json::Value* type = config.get("model_type"); type != nullptr && type->isString())
+    out.push_back(type->text);
+  const json::Value* classes = config.get("architectures");
+  if (classes == nullptr) return;
+  for (const json::Value& name : classes->items) {
+    if (name.isString()) out.push_back(name.text);
+  }
+  if (classes->isString()) out.push_back(classes->text);
+}
+
+const json::Value* textConfigOf(const json::Value& config) {
+  for (const NestedRow& row : kNestedRows) {
+    const json::Value* nested = config.get(row.outer);
+    if (nested != nullptr && row.inner != nullptr) nested = nested->get(row.inner);
+    if (nested != nullptr) return nested;
+  }
+  return nullptr;
+}
+
+std::uint64_t sizeAt(const json::Value& config, const char* key) {
+  std::int64_t size = 0;
+  const json::Value* value = config.get(key);
+  if (value == nullptr || !value->isNumber() || !json::toInt64(value->number, size) || size < 0) return 0;
+  return static_cast<std::uint64_t>(size);
+}
+
+}  // namespace
+
+bool ModelKind::isOneOf(std::span<const std::string_view> families) const {
+  return std::any_of(types.begin(), types.end(), [&](const std::string& type) {
+    return std::any_of(families.begin(), families.end(), [&](std::string_view family) {
+      return std::string_view(type).substr(0, family.size()) == family;
+    });
+  });
+}
+
+ModelKind readModelKind(const std::string& dir) {
+  HfImporter model;
+  ModelKind kind;
+  // A configuration that cannot be read is somebody else's to report, and one that names no architecture may
+  // still name its text model.
+  const Status status = model.parseConfig(dir);
+  if (status.code() == Code::Corrupted) return kind;
+  if (status.ok()) kind.architecture = model.arch;
+  addTypes(model.config, kind.types);
+  if (const json::Value* text = textConfigOf(model.config); text != nullptr) addTypes(*text, kind.types);
+  kind.heads = sizeAt(model.config, "n_head");
+  if (kind.heads == 0) kind.heads = sizeAt(model.config, "num_attention_heads");
+  if (const json::Value* multiQuery = model.config.get("multi_query");
+      multiQuery != nullptr && multiQuery->isBool()) {
+    kind.multiQuery = multiQuery->boolean;
+  }
+  return kind;
+}
+
+}  // namespace zel::tool::prepare
