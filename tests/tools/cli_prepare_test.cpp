@@ -158,6 +158,63 @@ TEST(OkvPrepare, RefusesToWriteIntoTheOriginal) {
   EXPECT_FALSE(fs::exists(model + "/out"));
 }
 
+// Runs `okv2 prepare DIR OUT` in the folder `cwd`.
+CommandResult prepareFrom(const std::string& cwd, const std::string& directory, const std::string& out) {
+  return test::runCommand(
+      {"/bin/sh", "-c", R"(cd "$1" && exec "$0" prepare "$2" "$3")", OKV2_COMMAND, cwd, directory, out});
+}
+
+TEST(OkvPrepare, RefusesToWriteIntoTheOriginalFromWithinIt) {
+  const TempDir dir;
+  const std::string model = twoChanges().write(dir);
+  const std::set<std::string> before = namesIn(model);
+  for (const char* out : {"out", "./out", "../model/out"}) {
+    const CommandResult result = prepareFrom(model, ".", out);
+    EXPECT_EQ(result.exitCode, 73);
+    EXPECT_EQ(result.err, "okv2: " + std::string(out) + " lies in ., of which nothing is changed\n");
+  }
+  EXPECT_EQ(namesIn(model), before);
+}
+
+TEST(OkvPrepare, WritesBesideTheOriginalFromWithinIt) {
+  const TempDir dir;
+  const std::string model = twoChanges().write(dir);
+  const CommandResult result = prepareFrom(model, ".", "../out");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, kTwoChanges);
+  EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"model", "out"}));
+}
+
+TEST(OkvPrepare, RefusesADirectoryByANameThatCannotBeGivenAway) {
+  const TempDir dir;
+  const std::string model = twoChanges().write(dir);
+  fs::create_directories(dir / "empty");
+  for (const char* out : {".", "../empty/."}) {
+    const CommandResult result = prepareFrom(dir / "empty", "../model", out);
+    EXPECT_EQ(result.exitCode, 73);
+    EXPECT_EQ(result.err, "okv2: " + std::string(out) + " is not the name of a directory\n");
+  }
+  const CommandResult result = prepareFrom(dir / "empty", "../model", "../empty");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_TRUE(fs::exists(dir / "empty/config.json"));
+}
+
+TEST(OkvPrepare, NamesAnExpressionThatMatchesNothing) {
+  const TempDir dir;
+  const CommandResult result =
+      okv2Run({"prepare", twoChanges().write(dir), dir / "out", "--drop", "typo_xyz"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, std::string(kTwoChanges) +
+                            "weights: --drop typo_xyz: nothing -> nothing: It matches no tensor.\n");
+  const json document = json::parse(test::readWholeFile(dir / "out/prepare.json"));
+  EXPECT_EQ(document["changes"][2], (json{{"file", "weights"},
+                                          {"what", "--drop typo_xyz"},
+                                          {"from", ""},
+                                          {"to", ""},
+                                          {"why", "It matches no tensor."},
+                                          {"finding", ""}}));
+}
+
 TEST(OkvPrepare, WritesBesideADirectoryOfALongerName) {
   const TempDir dir;
   EXPECT_EQ(okv2Run({"prepare", twoChanges().write(dir), dir / "model-out"}).exitCode, 0);

@@ -24,11 +24,18 @@ std::string withoutSlash(std::string path) {
   return path;
 }
 
-// Whether `path`, which need not exist, is `folder` or lies below it, links followed.
-bool liesIn(const std::string& path, const std::string& folder) {
+// `path`, of which the end need not exist, with links followed; empty when that fails. Made absolute first:
+// weakly_canonical() leaves a path relative of which not even the first name exists.
+fs::path resolved(const std::string& path) {
   std::error_code error;
-  const fs::path inner = fs::weakly_canonical(path, error);
-  const fs::path outer = fs::canonical(folder, error);
+  const fs::path whole = fs::absolute(path, error);
+  if (error) return {};
+  fs::path out = fs::weakly_canonical(whole, error);
+  return error ? fs::path() : out;
+}
+
+// Whether `inner` is `outer` or lies below it.
+bool liesIn(const fs::path& inner, const fs::path& outer) {
   const auto [end, ignored] = std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end());
   return end == outer.end();
 }
@@ -36,7 +43,10 @@ bool liesIn(const std::string& path, const std::string& folder) {
 // Empty when the directory `out` may be made from `directory`, else a sentence that says why not.
 std::string whyNoDirectory(const std::string& directory, const std::string& out) {
   const std::string shown = escaped(out);
-  if (liesIn(out, directory)) {
+  const fs::path target = resolved(out);
+  const fs::path source = resolved(directory);
+  if (target.empty() || source.empty()) return fmt::format("cannot tell where {} lies", shown);
+  if (liesIn(target, source)) {
     return fmt::format("{} lies in {}, of which nothing is changed", shown, escaped(directory));
   }
   struct stat entry;
@@ -44,6 +54,9 @@ std::string whyNoDirectory(const std::string& directory, const std::string& out)
   if (!S_ISDIR(entry.st_mode)) return fmt::format("{} exists and is no directory", shown);
   std::error_code error;
   if (!fs::is_empty(out, error) || error) return fmt::format("{} is not empty", shown);
+  // What is made takes the directory's place, and no name that ends so can be given away.
+  const fs::path last = fs::path(out).filename();
+  if (last == "." || last == "..") return fmt::format("{} is not the name of a directory", shown);
   return {};
 }
 
