@@ -363,11 +363,12 @@ inline constexpr FindingRow kFindings[] = {
      "Rows of a fused projection are dropped.",
      "The first extent is cut into three equal parts, whole blocks in block formats, and the remainder is "
      "left out.",
-     "Split the tensor before the import."},
+     "Run okv2 prepare DIR OUT for a GPTBigCode model, or split the tensor before the import."},
     {Id::TensorFusedColumns, "tensor.fused-columns", Severity::Loss,
      "A fused projection is cut along the wrong extent.",
      "Its parts lie side by side in the second extent, but it is always cut along the first.",
-     "Transpose or split the tensor before the import."},
+     "Run okv2 prepare DIR OUT: it splits the tensor into query, key and value, in the orientation that is "
+     "published."},
     {Id::TensorFusedExtents, "tensor.fused-extents", Severity::Loss,
      "A fused projection of more than two extents is cut short.",
      "Its parts are measured by the first two extents, so they hold less than their shape says.",
