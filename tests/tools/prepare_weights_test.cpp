@@ -14,6 +14,7 @@
 #include "okv2/prepare/safetensors_writer.h"
 #include "prepare_weights.h"
 #include "readers/mapped_file.h"
+#include "support/pickle_builder.h"
 #include "support/safetensors_builder.h"
 #include "support/torch_builder.h"
 
@@ -186,6 +187,42 @@ TEST_F(WeightsTest, RefusesTensorsThatWouldGrowWithoutBound) {
       refused.message,
       "pytorch_model.bin: its tensors share elements, and written one by one take more than 16 times its "
       "bytes");
+}
+
+// ---- checkpoints that an import reads as they are
+
+// In the plug-in's dialect: entries at the top of the archive, named by the program.
+std::string dialect() {
+  return test::ZipBuilder()
+      .add("data.pkl", test::stateDict({{"w", {6}, "storage"}}))
+      .add("storage", kSix)
+      .build();
+}
+
+TEST_F(WeightsTest, LinksACheckpointThatAnImportReads) {
+  const std::string path = write("pytorch_model.bin", dialect());
+  EXPECT_THAT(prepare(), IsEmpty());
+  EXPECT_EQ(fs::read_symlink(out() + "/pytorch_model.bin"), path);
+}
+
+TEST_F(WeightsTest, LinksTheOnlyShardOfAnIndexUnderTheNameThatAnImportReads) {
+  const std::string path = write("pytorch_model-00001-of-00001.bin", dialect());
+  write("pytorch_model.bin.index.json", R"({"weight_map":{"w":"pytorch_model-00001-of-00001.bin"}})");
+  const Changes changes = prepare();
+  EXPECT_THAT(changeTexts(changes),
+              ElementsAre("pytorch_model.bin: file: pytorch_model-00001-of-00001.bin -> pytorch_model.bin "
+                          "(weights.sharded-bin)"));
+  EXPECT_EQ(changes[0].why, "An import reads it under this name only.");
+  EXPECT_THAT(outNames(), ElementsAre("pytorch_model.bin"));
+  EXPECT_EQ(fs::read_symlink(out() + "/pytorch_model.bin"), path);
+}
+
+TEST_F(WeightsTest, WritesACheckpointThatAnImportReadsBesideAnother) {
+  write("pytorch_model-00001-of-00002.bin", dialect());
+  write("pytorch_model-00002-of-00002.bin", zipOf({{"v", {6}, {1}, "0", 6}}, kSix));
+  prepare();
+  EXPECT_EQ(dataOf("model-00001-of-00002.safetensors", "w"), kSix);
+  EXPECT_EQ(dataOf("model-00002-of-00002.safetensors", "v"), kSix);
 }
 
 // ---- safetensors files
