@@ -72,6 +72,20 @@ TEST_F(VerifyPreparedTest, FindsNoDifferenceForBlockTypesThatAreCut) {
   expectSame(container({false, {"^n$"}, false}), {"--drop", "^n$"});
 }
 
+TEST_F(VerifyPreparedTest, FindsNoDifferenceForAFusedProjectionOfMultiQueryAttention) {
+  write("config.json", R"({"model_type":"gpt_bigcode","n_head":1})");
+  saveTorch({{"transformer.h.0.attn.c_attn.weight", {3, 1}, {1, 1}, "0", 6},
+             {"transformer.h.0.attn.c_attn.bias", {3}, {2}, "0", 6}},
+            kSix);
+  expectSame(container());
+}
+
+TEST_F(VerifyPreparedTest, FindsNoDifferenceForAFusedProjectionHeadByHead) {
+  write("config.json", R"({"model_type":"gpt_bigcode","n_head":2,"multi_query":false})");
+  saveTorch({{"transformer.h.0.attn.c_attn.bias", {6}, {1}, "0", 6}}, kSix);
+  expectSame(container());
+}
+
 TEST_F(VerifyPreparedTest, NamesATensorThatWasDroppedWithoutBeingNamed) {
   saveTorch({{"a", {6}, {1}, "0", 6}, {"b", {6}, {1}, "0", 6}}, kSix);
   const std::string file = container({false, {"^b$"}, false});
