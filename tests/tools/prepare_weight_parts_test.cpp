@@ -101,7 +101,7 @@ class FusedWeights : public WeightsTest {
     EXPECT_EQ(refused.message, std::string("model.safetensors: the fused projection '") + kFused + "' " +
                                    shape + " cannot be cut into query, key and value");
     EXPECT_EQ(refused.remedy,
-              "Split it, or give config.json the number of attention heads that it was made with.");
+              "Split it into three tensors; for GPTBigCode, n_head in config.json tells how it is cut.");
   }
 };
 

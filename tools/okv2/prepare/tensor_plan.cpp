@@ -248,10 +248,11 @@ class Planner {
     const FusedForm form = fusedFormOf(fused, kind_);
     if (form == FusedForm::EqualRows) return false;
     if (form == FusedForm::Unknown) {
-      refuseWeights(kExitUnsupported, Id::TensorFusedRemainder, files_[candidate.file]->name(),
-                    fmt::format("the fused projection '{}' {} cannot be cut into query, key and value",
-                                candidate.published, shapeText(fused.shape)),
-                    "Split it, or give config.json the number of attention heads that it was made with.");
+      refuseWeights(
+          kExitUnsupported, Id::TensorFusedRemainder, files_[candidate.file]->name(),
+          fmt::format("the fused projection '{}' {} cannot be cut into query, key and value",
+                      candidate.published, shapeText(fused.shape)),
+          "Split it into three tensors; for GPTBigCode, n_head in config.json tells how it is cut.");
     }
     std::string names;
     for (FusedPart& part : cutFused(fused, mapped.slices, form, kind_)) {
