@@ -566,11 +566,12 @@ bool TorchPickle::acceptMetadata(const PickleValue& metadata) {
   }
   for (const PickleItem* item = metadata.node().first; item != nullptr; item = item->next) {
     const bool isSet = !item->value.is(Kind::Boolean) || item->value.integer() != 0;
-    if (!isSet || !item->key.is(Kind::Text) || item->key.text().size() > kMaxKeyBytes) continue;
-    const std::string key(item->key.text());
+    if (!isSet || !item->key.is(Kind::Text)) continue;
+    const std::string_view key = item->key.text();
     if (key == "neg" || key == "conj") {
-      return reject("has a tensor with the " + key + " bit, which resolve_" + key +
-                    "() takes away before it is saved");
+      std::string text = "has a tensor with the ";
+      text.append(key).append(" bit, which resolve_").append(key);
+      return reject(text.append("() takes away before it is saved"));
     }
   }
   return true;
