@@ -319,7 +319,7 @@ std::vector<FindingCase> tensorCases() {
   1 of 4 rows are dropped
   Rows of a fused projection are dropped.
   Why: The first extent is cut into three equal parts, whole blocks in block formats, and the remainder is left out.
-  Do:  Split the tensor before the import.
+  Do:  Run okv2 prepare DIR OUT for a GPTBigCode model, or split the tensor before the import.
 )",
        withTensor(fused, {3, 1}),
        {"tensor.fused"}},
@@ -330,7 +330,7 @@ std::vector<FindingCase> tensorCases() {
   256 of 1024 rows are dropped
   Rows of a fused projection are dropped.
   Why: The first extent is cut into three equal parts, whole blocks in block formats, and the remainder is left out.
-  Do:  Split the tensor before the import.
+  Do:  Run okv2 prepare DIR OUT for a GPTBigCode model, or split the tensor before the import.
 )",
        withTensor(fused, {768, 1}, "Q4_K"),
        {"tensor.fused"}},
@@ -341,7 +341,7 @@ std::vector<FindingCase> tensorCases() {
   [3, 9] is cut into parts of 1 rows
   A fused projection is cut along the wrong extent.
   Why: Its parts lie side by side in the second extent, but it is always cut along the first.
-  Do:  Transpose or split the tensor before the import.
+  Do:  Run okv2 prepare DIR OUT: it splits the tensor into query, key and value, in the orientation that is published.
 )",
        withTensor(fused, {3, 8}),
        {"tensor.fused"}},
