@@ -65,7 +65,11 @@ TEST(OkvExplainStrict, TellsLossFailureAndSuccessApart) {
 
 TEST(OkvExplainJson, HasTheSchemaOfThePage) {
   const TempDir dir;
-  const std::string model = ModelDirBuilder().write(dir);
+  const std::string model =
+      ModelDirBuilder()
+          .config(R"({"model_type":"llama","hidden_size":8,"num_hidden_layers":2,"num_attention_heads":2,)"
+                  R"("num_key_value_heads":1,"intermediate_size":16,"vocab_size":4})")
+          .write(dir);
   const Answer answer = okv2Answer({"explain", model, "--strict"});
   EXPECT_EQ(answer.exitCode, 9);
   const json& document = answer.document;

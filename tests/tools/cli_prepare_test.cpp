@@ -30,7 +30,8 @@ using testing::UnorderedElementsAre;
 // A pair merge and a nested size: two changes and nothing left.
 ModelDirBuilder twoChanges() {
   return ModelDirBuilder()
-      .config(R"({"model_type":"x","hidden_size":8,"text_config":{"num_hidden_layers":2}})")
+      .config(R"({"model_type":"x","hidden_size":8,"num_attention_heads":2,"num_key_value_heads":1,)"
+              R"("intermediate_size":16,"vocab_size":3,"text_config":{"num_hidden_layers":2}})")
       .tokenizer(R"({"model":{"vocab":{"a":0,"b":1,"ab":2},"merges":[["a","b"]]}})");
 }
 
@@ -60,7 +61,11 @@ TEST(OkvPrepare, SaysNothingWhenAskedTo) {
 TEST(OkvPrepare, NamesWhatIsLeft) {
   const TempDir dir;
   const std::string model =
-      ModelDirBuilder().tokenizer().config(R"({"model_type":"x","rope_scaling":{"a":1}})").write(dir);
+      ModelDirBuilder()
+          .tokenizer()
+          .config(R"({"model_type":"x","hidden_size":8,"num_hidden_layers":2,"num_attention_heads":2,)"
+                  R"("num_key_value_heads":1,"intermediate_size":16,"vocab_size":4,"rope_scaling":{"a":1}})")
+          .write(dir);
   const CommandResult result = okv2Run({"prepare", model, dir / "out"});
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err,

@@ -48,8 +48,12 @@ ModelDirBuilder withTensor(const std::string& name, const std::string& type,
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+constexpr char kSizes[] =
+    R"("hidden_size":8,"num_hidden_layers":2,"num_attention_heads":2,"num_key_value_heads":1,)"
+    R"("intermediate_size":16,"vocab_size":4)";
+
 TEST(Explain, SaysNothingFatalAboutAGoodDirectory) {
-  const Explanation explanation = explained(ModelDirBuilder().tokenizer());
+  const Explanation explanation = explained(withConfig(kSizes));
   EXPECT_EQ(explanation.importCode, 0);
   EXPECT_EQ(explanation.count(Severity::Fatal), 0U);
   EXPECT_EQ(explanation.count(Severity::Loss), 0U);
@@ -89,6 +93,65 @@ TEST(ExplainConfig, KnowsThatSomeKeysAreWrittenForOneArchitectureOnly) {
 TEST(ExplainConfig, NamesAHeadDimensionThatIsReplaced) {
   EXPECT_THAT(found(withConfig(R"("head_dim":64,"key_length":128)"), Id::ConfigHeadDimOverwritten),
               ElementsAre("head_dim: config.json: $.head_dim is 64, and $.key_length replaces it by 128"));
+}
+
+TEST(ExplainConfig, NamesASizeThatIsGivenNowhere) {
+  EXPECT_THAT(found(withConfig(kSizes), Id::ConfigSizeMissing), IsEmpty());
+  EXPECT_THAT(found(withConfig(std::string(kSizes) + R"(,"num_key_value_heads":0)"), Id::ConfigSizeMissing),
+              IsEmpty());  // the first of equal keys holds
+  EXPECT_THAT(
+      found(withConfig(R"("hidden_size":8,"num_hidden_layers":2,"num_attention_heads":2,)"
+                       R"("num_key_value_heads":null,"intermediate_size":16)"),
+            Id::ConfigSizeMissing),
+      ElementsAre("num_key_value_heads: config.json: $.num_key_value_heads gives no number, and stays 0"));
+}
+
+TEST(ExplainConfig, NamesNoSizeAsMissingThatLiesElsewhere) {
+  EXPECT_THAT(found(withConfig(R"("n_embd":8,"n_layer":2,"text_config":{"num_attention_heads":2,)"
+                               R"("num_key_value_heads":1,"intermediate_size":16,"vocab_size":4})"),
+                    Id::ConfigSizeMissing),
+              IsEmpty());
+  EXPECT_THAT(
+      found(withConfig(R"("n_embd":8,"n_layer":2,"n_head":2,"n_kv_heads":1,)"
+                       R"("vision_config":{"intermediate_size":16})"),
+            Id::ConfigSizeMissing),
+      ElementsAre("intermediate_size: config.json: $.intermediate_size gives no number, and stays 0"));
+}
+
+ModelDirBuilder gemma4(const std::string& members) {
+  return ModelDirBuilder().config(R"({"model_type":"gemma4",)" + members + "}").tokenizer();
+}
+
+TEST(ExplainConfig, NamesARopeBaseOfTheSlidingWindowThatIsNotAHundredth) {
+  EXPECT_THAT(found(gemma4(R"("rope_theta":1000000.0,"rope_local_base_freq":10000.0)"), Id::ConfigSwaRope),
+              IsEmpty());
+  EXPECT_THAT(
+      found(gemma4(R"("rope_theta":1000000.0,"rope_local_base_freq":20000.0)"), Id::ConfigSwaRope),
+      ElementsAre("rope_local_base_freq: config.json: rope_local_base_freq is 20000, and 10000 is written"));
+  EXPECT_THAT(
+      found(withConfig(R"("rope_theta":1000000.0,"rope_local_base_freq":20000.0)"), Id::ConfigSwaRope),
+      IsEmpty());
+}
+
+TEST(ExplainConfig, NamesSettingsOfGemma4WithoutAnItem) {
+  EXPECT_THAT(found(gemma4(R"("text_config":{"num_global_key_value_heads":2})"), Id::ConfigNotCarried),
+              ElementsAre("num_global_key_value_heads: config.json: num_global_key_value_heads is 2"));
+  EXPECT_THAT(found(gemma4(R"("use_double_wide_mlp":false)"), Id::ConfigNotCarried), IsEmpty());
+  EXPECT_THAT(found(withConfig(R"("use_double_wide_mlp":true)"), Id::ConfigNotCarried), IsEmpty());
+}
+
+TEST(ExplainTokenizer, NamesAddedTokensThatHaveTheIdOfAnother) {
+  const auto with = [](const char* decoder) {
+    return ModelDirBuilder().tokenizer().file("tokenizer_config.json",
+                                              R"({"added_tokens_decoder":)" + std::string(decoder) + "}");
+  };
+  EXPECT_THAT(found(with(R"({"0":{"content":"<s>"},"1":{"content":"<x>"},"2":{"content":"<y>"}})"),
+                    Id::TokenizerAddedElsewhere),
+              ElementsAre("tokenizer_config.json: 2 of 3 added tokens, the first is \"<x>\" with id 1, which "
+                          "is \"a\""));
+  EXPECT_THAT(found(with(R"({"3":{"content":"ab"},"4":{"content":"<x>"},"-1":{"content":"<y>"},"x":1})"),
+                    Id::TokenizerAddedElsewhere),
+              IsEmpty());
 }
 
 struct TokenizerFault {

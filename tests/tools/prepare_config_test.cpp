@@ -1,6 +1,7 @@
 // config.json: nested settings, other spellings, computed sizes and Gemma 4's layers.
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "okv2/prepare/config_table.h"
@@ -75,11 +76,15 @@ TEST(MendConfig, ReplacesNullZeroAndTextOfAKeyThatAnotherSpellingGives) {
   }
 }
 
-// The row's value at the row's place: "a.b" is a member of an object.
-std::string memberText(std::string_view path, const std::string& value) {
+// Sets a member, or a member of a member: "a.b".
+void put(Json& object, std::string_view path, const Json& value) {
   const std::size_t dot = path.find('.');
-  if (dot == std::string_view::npos) return "\"" + std::string(path) + "\":" + value;
-  return "\"" + std::string(path.substr(0, dot)) + "\":{" + memberText(path.substr(dot + 1), value) + "}";
+  Json& member = object[std::string(path.substr(0, dot))];
+  if (dot == std::string_view::npos) {
+    member = value;
+  } else {
+    put(member, path.substr(dot + 1), value);
+  }
 }
 
 std::string topLevelOf(const PreparedDirectory& directory, const char* key) {
@@ -89,10 +94,32 @@ std::string topLevelOf(const PreparedDirectory& directory, const char* key) {
 
 TEST(MendConfig, ReadsEveryRowOfTheSynonyms) {
   for (const SynonymRow& row : kSynonymRows) {
-    const PreparedDirectory directory(
-        withConfig("{\"model_type\":\"x\"," + memberText(row.published, "48") + "}"));
-    EXPECT_EQ(topLevelOf(directory, row.read), "48.000000") << row.published;
+    Json config = {{"model_type", row.onlyFor == nullptr ? "x" : row.onlyFor}};
+    put(config, row.published, 48);
+    if (row.needsTrue != nullptr) put(config, row.needsTrue, true);
+    EXPECT_EQ(topLevelOf(PreparedDirectory(withConfig(config.dump())), row.read), "48.000000")
+        << row.published;
   }
+}
+
+TEST(MendConfig, ReadsASynonymOfOneClassInThatClassOnly) {
+  for (const SynonymRow& row : kSynonymRows) {
+    if (row.onlyFor == nullptr) continue;
+    Json config = {{"model_type", "x"}};
+    put(config, row.published, 48);
+    EXPECT_EQ(topLevelOf(PreparedDirectory(withConfig(config.dump())), row.read), "absent") << row.published;
+  }
+}
+
+TEST(MendConfig, TakesNoRopeBaseForAModelWithoutRope) {
+  const auto baseOf = [](const std::string& rope) {
+    return topLevelOf(PreparedDirectory(withConfig(R"({"model_type":"mpt","attn_config":{"alibi":true,)" +
+                                                   rope + R"("rope_theta":10000}})")),
+                      "rope_theta");
+  };
+  EXPECT_EQ(baseOf(R"("rope":true,)"), "10000.000000");
+  EXPECT_EQ(baseOf(R"("rope":false,)"), "absent");
+  EXPECT_EQ(baseOf(""), "absent");  // MPTConfig has it off
 }
 
 TEST(MendConfig, TakesTheFirstRowOfSeveralSynonyms) {
@@ -106,12 +133,115 @@ TEST(MendConfig, PassesOverSynonymsThatSayNothing) {
   EXPECT_EQ(directory.model.intermediateSize, 16);
 }
 
-TEST(MendConfig, ComputesEverySizeThatAClassComputes) {
-  for (const DefaultRow& row : kDefaultRows) {
-    const PreparedDirectory directory(
-        withConfig("{\"model_type\":\"" + std::string(row.modelType) + "\",\"" + row.from + "\":16}"));
-    EXPECT_EQ(topLevelOf(directory, row.read), std::to_string(16.0 * double(row.factor))) << row.modelType;
+// Makes the condition of a row true.
+void meet(const Condition& condition, Json& config) {
+  switch (condition.test) {
+    case Test::None: break;
+    case Test::IsNull: put(config, condition.key, nullptr); break;
+    case Test::IsTrue:
+    case Test::IsTrueOrAbsent: put(config, condition.key, true); break;
+    case Test::IsFalse:
+    case Test::IsNotTrue: put(config, condition.key, false); break;
+    case Test::IsText: put(config, condition.key, condition.text); break;
   }
+}
+
+TEST(MendConfig, ComputesEverySizeThatAClassComputes) {
+  for (const RuleRow& row : kDefaultRows) {
+    // The last member keeps Falcon's other rule away.
+    Json config = {{"model_type", row.modelType}, {"multi_query", false}};
+    double expected = double(row.factor);
+    for (const char* key : {row.from, row.times}) {
+      if (key == nullptr) continue;
+      put(config, key, 16);
+      expected *= 16;
+    }
+    meet(row.condition, config);
+    meet(row.andCondition, config);
+    EXPECT_EQ(topLevelOf(PreparedDirectory(withConfig(config.dump())), row.read), std::to_string(expected))
+        << row.modelType << " " << row.read;
+  }
+}
+
+// The key heads of a configuration with 71 heads and `members`.
+std::string keyHeadsOf(const char* modelType, const std::string& members) {
+  return topLevelOf(PreparedDirectory(withConfig(R"({"num_attention_heads":71,"model_type":")" +
+                                                 std::string(modelType) + "\"" + members + "}")),
+                    "num_key_value_heads");
+}
+
+TEST(MendFalcon, HasOneKeyHeadWithMultiQueryUnlessItIsOfTheNewKind) {
+  EXPECT_EQ(keyHeadsOf("falcon", R"(,"num_kv_heads":71,"multi_query":true,"new_decoder_architecture":false)"),
+            "1.000000");
+  EXPECT_EQ(keyHeadsOf("falcon", R"(,"num_kv_heads":71)"), "1.000000");  // the class's defaults
+  EXPECT_EQ(keyHeadsOf("falcon", R"(,"num_kv_heads":71,"multi_query":false)"), "71.000000");
+  EXPECT_EQ(keyHeadsOf("falcon", R"(,"num_kv_heads":8,"multi_query":true,"new_decoder_architecture":true)"),
+            "8.000000");
+  EXPECT_EQ(keyHeadsOf("falcon", R"(,"new_decoder_architecture":true)"), "71.000000");
+}
+
+TEST(MendFalcon, HasOneKeyHeadWithMultiQueryInTheFirstRelease) {
+  EXPECT_EQ(keyHeadsOf("RefinedWebModel", R"(,"multi_query":true)"), "1.000000");
+  EXPECT_EQ(keyHeadsOf("RefinedWebModel", R"(,"multi_query":false)"), "71.000000");
+  EXPECT_EQ(keyHeadsOf("RefinedWebModel", ""), "absent");
+}
+
+TEST(MendConfig, GivesGptBigCodeOneKeyHeadWithMultiQuery) {
+  EXPECT_EQ(keyHeadsOf("gpt_bigcode", R"(,"multi_query":true)"), "1.000000");
+  EXPECT_EQ(keyHeadsOf("gpt_bigcode", ""), "1.000000");
+  EXPECT_EQ(keyHeadsOf("gpt_bigcode", R"(,"multi_query":false)"), "71.000000");
+}
+
+TEST(MendConfig, TakesAnAbsentNumberOfKeyHeadsForNullOnlyWhereTheClassDoes) {
+  for (const char* modelType : {"mistral", "qwen2"}) {
+    EXPECT_EQ(keyHeadsOf(modelType, R"(,"num_key_value_heads":null)"), "71.000000") << modelType;
+    EXPECT_EQ(keyHeadsOf(modelType, ""), "absent") << modelType;
+  }
+  EXPECT_EQ(keyHeadsOf("llama", ""), "71.000000");
+}
+
+TEST(MendConfig, NamesEverySizeThatIsGivenNowhere) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"x","text_config":{"vocab_size":4},"vision_config":{"depth":3}})"));
+  std::vector<std::string> missing;
+  for (const explain::Finding& finding : directory.prepared.explanation.findings) {
+    if (finding.id == explain::Id::ConfigSizeMissing) missing.push_back(finding.subject);
+  }
+  EXPECT_THAT(missing, ElementsAre("hidden_size", "num_hidden_layers", "num_attention_heads",
+                                   "num_key_value_heads", "intermediate_size"));
+  EXPECT_THAT(PreparedDirectory(withConfig(completeConfig())).remaining(), IsEmpty());
+}
+
+// ---- the first Qwen, whose class halves the width of its MLP
+
+std::string widthOf(const PreparedDirectory& directory) { return topLevelOf(directory, "intermediate_size"); }
+
+TEST(MendQwen, HalvesTheWidthThatItsClassHalves) {
+  for (const char* config : {R"({"model_type":"qwen","intermediate_size":22016})",
+                             R"({"architectures":["QWenLMHeadModel"],"intermediate_size":22016})",
+                             R"({"model_type":"qwen","ffn_hidden_size":22016})",
+                             R"({"model_type":"qwen","intermediate_size":22016,"ffn_hidden_size":22016})"}) {
+    EXPECT_EQ(widthOf(PreparedDirectory(withConfig(config))), "11008.000000") << config;
+  }
+}
+
+TEST(MendQwen, SaysWhatItReplaces) {
+  const PreparedDirectory directory(withConfig(R"({"model_type":"qwen","intermediate_size":22016})"));
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("config.json | $.ffn_hidden_size |  | 22016 | config.key-not-read",
+                          "config.json | $.intermediate_size | 22016 | 11008 | config.key-not-read"));
+}
+
+TEST(MendQwen, HalvesNothingTwice) {
+  const PreparedDirectory first(withConfig(R"({"model_type":"qwen","intermediate_size":22016})"));
+  const PreparedDirectory second(withConfig(first.text("config.json")));
+  EXPECT_EQ(widthOf(second), "11008.000000");
+  EXPECT_THAT(second.changes(), IsEmpty());
+}
+
+TEST(MendQwen, HalvesNothingOfItsSuccessors) {
+  EXPECT_EQ(widthOf(PreparedDirectory(withConfig(R"({"model_type":"qwen2","intermediate_size":22016})"))),
+            "22016.000000");
 }
 
 TEST(MendConfig, ComputesNothingForOtherArchitectures) {
@@ -143,7 +273,7 @@ TEST(MendConfig, TakesTheModelTypeFromTheTextModelWhenThereIsNoOther) {
 // ---- lists of ids
 
 TEST(MendConfig, MovesAListOfEndIdsToTheGenerationConfiguration) {
-  const PreparedDirectory directory(withConfig(R"({"model_type":"x","eos_token_id":[2,3]})"));
+  const PreparedDirectory directory(withConfig(completeConfig(R"("eos_token_id":[2,3])")));
   EXPECT_EQ(directory.model.tokenizer.eosId, 2);
   EXPECT_EQ(Json::parse(directory.text("generation_config.json")), Json::parse(R"({"eos_token_id":[2,3]})"));
   EXPECT_THAT(directory.changes(),
@@ -155,13 +285,13 @@ TEST(MendConfig, MovesAListOfEndIdsToTheGenerationConfiguration) {
 TEST(MendConfig, LeavesTheGenerationConfigurationWhenItHasTheSameList) {
   const std::string text = R"({"eos_token_id":[2,3]})";
   const PreparedDirectory directory(
-      withConfig(R"({"model_type":"x","eos_token_id":[2,3]})").file("generation_config.json", text));
+      withConfig(completeConfig(R"("eos_token_id":[2,3])")).file("generation_config.json", text));
   EXPECT_EQ(directory.text("generation_config.json"), text);
   EXPECT_THAT(directory.remaining(), IsEmpty());
 }
 
 TEST(MendConfig, LeavesAListThatTheGenerationConfigurationContradicts) {
-  const PreparedDirectory directory(withConfig(R"({"model_type":"x","eos_token_id":[2,3]})")
+  const PreparedDirectory directory(withConfig(completeConfig(R"("eos_token_id":[2,3])"))
                                         .file("generation_config.json", R"({"eos_token_id":[1]})"));
   EXPECT_THAT(directory.changes(), IsEmpty());
   EXPECT_THAT(directory.remaining(), ElementsAre("config.eos-list"));
@@ -217,14 +347,35 @@ TEST(MendGemma4, KnowsTheModelByEveryNameThatAnImportMaps) {
 
 TEST(MendGemma4, DerivesThePatternFromItsPeriod) {
   const PreparedDirectory directory(
-      withConfig(R"({"model_type":"gemma4","num_hidden_layers":5,"sliding_window_pattern":3})"));
-  EXPECT_THAT(directory.model.swaPattern, ElementsAre(1, 1, 0, 1, 1));
+      withConfig(R"({"model_type":"gemma4","num_hidden_layers":6,"sliding_window_pattern":3})"));
+  EXPECT_THAT(directory.model.swaPattern, ElementsAre(1, 1, 0, 1, 1, 0));
+}
+
+TEST(MendGemma4, DerivesNoPatternThatEndsInASlidingWindow) {
+  const PreparedDirectory directory(
+      withConfig(R"({"model_type":"gemma4",)" + std::string(kAllSizes) + R"(,"sliding_window_pattern":3})"));
+  EXPECT_THAT(directory.model.swaPattern, IsEmpty());
+  EXPECT_THAT(directory.remaining(), ElementsAre("config.not-carried"));
+}
+
+TEST(MendGemma4, NamesTheSettingsThatHaveNoItem) {
+  const auto remainingWith = [](const std::string& setting) {
+    return PreparedDirectory(withConfig(R"({"model_type":"gemma4",)" + std::string(kAllSizes) +
+                                        ",\"text_config\":{" + setting + "}}"))
+        .remaining();
+  };
+  for (const char* setting : {R"("num_global_key_value_heads":2)", R"("use_double_wide_mlp":true)",
+                              R"("attention_k_eq_v":true)", R"("enable_moe_block":true)"}) {
+    EXPECT_THAT(remainingWith(setting), ElementsAre("config.not-carried")) << setting;
+  }
+  for (const char* setting : {R"("num_global_key_value_heads":null)", R"("use_double_wide_mlp":false)"})
+    EXPECT_THAT(remainingWith(setting), IsEmpty()) << setting;
 }
 
 TEST(MendGemma4, DerivesNoPatternForMoreLayersThanAModelHas) {
   const auto layersOf = [](const char* layers) {
     return PreparedDirectory(
-               withConfig(R"({"model_type":"gemma4","sliding_window_pattern":3,"num_hidden_layers":)" +
+               withConfig(R"({"model_type":"gemma4","sliding_window_pattern":1,"num_hidden_layers":)" +
                           std::string(layers) + "}"))
         .model.swaPattern.size();
   };
@@ -253,16 +404,19 @@ TEST(MendGemma4, LetsNoOtherCapPassForTheFinalOne) {
   }
 }
 
-TEST(MendGemma4, SaysWhichRopeBaseAnImportWillDeriveInstead) {
-  const auto changesFor = [](const char* sliding) {
-    return PreparedDirectory(
-               withConfig(R"({"model_type":"gemma4","rope_theta":1000000.0,"rope_local_base_freq":)" +
-                          std::string(sliding) + "}"))
-        .changes();
-  };
-  EXPECT_THAT(changesFor("10000.0"), IsEmpty());
-  EXPECT_THAT(changesFor("20000.0"),
-              ElementsAre("config.json | $.rope_local_base_freq | 20000.0 |  | config.read-not-written"));
+TEST(MendGemma4, NamesARopeBaseThatAnImportWillDeriveOtherwise) {
+  for (const auto& [where, end] : {std::pair(R"("rope_local_base_freq":)", ""),
+                                   {R"("rope_parameters":{"sliding_attention":{"rope_theta":)", "}}"}}) {
+    const auto directoryFor = [&](const std::string& sliding) {
+      return PreparedDirectory(withConfig(R"({"model_type":"gemma4",)" + std::string(kAllSizes) +
+                                          R"(,"rope_theta":1000000.0,"text_config":{)" + where + sliding +
+                                          end + "}}"));
+    };
+    EXPECT_THAT(directoryFor("10000.0").remaining(), IsEmpty()) << where;
+    const PreparedDirectory other = directoryFor("20000.0");
+    EXPECT_THAT(other.changes(), IsEmpty()) << where;
+    EXPECT_THAT(other.remaining(), ElementsAre("config.swa-rope")) << where;
+  }
 }
 
 TEST(MendConfig, DerivesNothingOfGemma4ForOthers) {

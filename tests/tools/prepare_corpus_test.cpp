@@ -204,8 +204,11 @@ TEST(PrepareCorpus, EverySentencePieceModelArrivesWhole) {
   OKV2_REQUIRE_CORPUS();
   for (const ModelRow& row : kModels) {
     SCOPED_TRACE(row.file);
-    const PreparedDirectory directory(ModelDirBuilder().file(
-        "tokenizer.model", test::readWholeFile(test::corpusPath(std::string("sentencepiece/") + row.file))));
+    const PreparedDirectory directory(
+        ModelDirBuilder()
+            .config(completeConfig())
+            .file("tokenizer.model",
+                  test::readWholeFile(test::corpusPath(std::string("sentencepiece/") + row.file))));
     const TokenizerData& data = directory.model.tokenizer;
     EXPECT_EQ(tokensOf(directory.source), 1U);  // before: the normaliser's name
     EXPECT_EQ(data.tokens.size(), row.tokens);
@@ -248,6 +251,7 @@ struct DirectoryRow {
 };
 
 const std::string kNotWritten = "config.read-not-written";
+const std::string kSizeMissing = "config.size-missing";
 const std::vector<std::string> kNoTokenizer = {"tokenizer.none", "tokenizer.empty"};
 const std::vector<std::string> kTemplateAlone = {"tokenizer.none", "tokenizer.empty", "template.dropped"};
 
@@ -266,13 +270,14 @@ const DirectoryRow kDirectories[] = {
     {"configs/phi-2", 2560, 32, 32, 32, 10240, 51200, 2048, 1e4F, 1e-5F, kNoTokenizer},
     {"configs/phi-3-medium-128k", 5120, 40, 40, 10, 17920, 32064, 131072, 1e4F, 1e-5F,
      std::vector<std::string>{kNotWritten, "config.rope-scaling"} + kNoTokenizer},
-    {"configs/qwen-7b", 256, 2, 2, 2, 1024, 151936, 2048, 1e4F, 1e-6F, kNoTokenizer},
+    {"configs/qwen-7b", 256, 2, 2, 2, 512, 151936, 2048, 1e4F, 1e-6F, kNoTokenizer},
     {"configs/qwen3_5-nested-text_config", 5120, 64, 24, 4, 17408, 248320, 262144, 1e7F, 1e-6F,
      std::vector{kNotWritten} + kNoTokenizer},
     {"configs/t5-like-summarization", 768, 12, 12, 12, 3072, 96103, 16384, 0, 0, kNoTokenizer},
     {"configs/t5-v1_1-xxl", 4096, 24, 64, 64, 10240, 32128, 0, 0, 1e-6F, kNoTokenizer},
     {"configs/tinyllama", 2048, 22, 32, 4, 5632, 32000, 2048, 1e4F, 1e-5F, kNoTokenizer},
-    {"configs/turboquant-tiny", 64, 2, 4, 0, 128, 256, 0, 0, 0, std::vector{kNotWritten} + kNoTokenizer},
+    {"configs/turboquant-tiny", 64, 2, 4, 0, 128, 256, 0, 0, 0,
+     std::vector{kNotWritten, kSizeMissing} + kNoTokenizer},
     {"model-dirs/deepseek-r1-distill-qwen-32b-clone-without-lfs", 5120, 64, 40, 8, 27648, 152064, 131072,
      1e6F, 1e-5F, std::vector{kNotWritten} + kTemplateAlone},
     {"model-dirs/falcon-40b-clone-without-lfs", 8192, 60, 128, 8, 32768, 65024, 0, 0, 1e-5F, {}},
@@ -297,7 +302,8 @@ const DirectoryRow kDirectories[] = {
      {kNotWritten, "config.rope-scaling"}},
     {"model-dirs/pythia-410m-clone-without-lfs", 1024, 24, 16, 16, 4096, 50304, 2048, 1e4F, 1e-5F, {}},
     {"model-dirs/rtp-llama-sentencepiece-link-text-bin", 256, 1, 2, 2, 640, 32000, 2048, 0, 1e-6F, {}},
-    {"model-dirs/rugpt3xl-no-weights", 2048, 24, 16, 0, 8192, 50264, 2048, 0, 1e-5F, kTemplateAlone},
+    {"model-dirs/rugpt3xl-no-weights", 2048, 24, 16, 0, 8192, 50264, 2048, 0, 1e-5F,
+     std::vector{kSizeMissing} + kTemplateAlone},
 };
 
 TEST(PrepareCorpus, EverySizeArrivesAndTheRestIsNamed) {

@@ -15,6 +15,16 @@
 
 namespace zel::tool::prepare {
 
+// Members of config.json for every size of which a missing one is named.
+inline constexpr char kAllSizes[] =
+    R"("hidden_size":8,"num_hidden_layers":2,"num_attention_heads":2,"num_key_value_heads":1,)"
+    R"("intermediate_size":16,"vocab_size":4)";
+
+// A configuration of those and of `more` members.
+inline std::string completeConfig(const std::string& more = "") {
+  return R"({"model_type":"x",)" + std::string(kAllSizes) + (more.empty() ? "" : ",") + more + "}";
+}
+
 // A model directory, prepared.
 class PreparedDirectory {
  public:

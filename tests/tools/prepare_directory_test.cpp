@@ -28,6 +28,7 @@ std::set<std::string> namesIn(const std::string& directory) {
 
 ModelDirBuilder pairMerges() {
   return ModelDirBuilder()
+      .config(completeConfig())
       .tokenizer(R"({"model":{"vocab":{"a":0,"b":1,"ab":2},"merges":[["a","b"]]}})")
       .file("README.md", "text")
       .file("tokenizer_config.json", "{}")
@@ -51,7 +52,7 @@ TEST(PrepareDirectory, WritesWhatAnImportReadsAndTheListOfChanges) {
 
 TEST(PrepareDirectory, NamesWhatCouldNotBeMended) {
   const PreparedDirectory directory(
-      ModelDirBuilder().config(R"({"model_type":"x","rope_scaling":{"type":"su"}})"));
+      ModelDirBuilder().config(completeConfig(R"("rope_scaling":{"type":"su"})")));
   EXPECT_THAT(directory.remaining(), ElementsAre("config.rope-scaling", "tokenizer.none", "tokenizer.empty"));
   const Json document = Json::parse(directory.text("prepare.json"));
   EXPECT_EQ(document["remaining"][0],

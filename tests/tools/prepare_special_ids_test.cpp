@@ -11,6 +11,7 @@ namespace {
 using test::ModelDirBuilder;
 using test::ProtoBuilder;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 // Ids 0 to 3, none of them known by its text.
@@ -47,13 +48,23 @@ TEST(SettleSpecialIds, PrefersTheMapToATokenizersConfigurationOfTheOlderKind) {
   EXPECT_EQ(directory.model.tokenizer.bosId, 1);
 }
 
-TEST(SettleSpecialIds, PrefersATokenizersConfigurationThatListsItsTokens) {
+TEST(SettleSpecialIds, AsksOnlyATokenizersConfigurationThatListsItsTokens) {
   const PreparedDirectory directory(
       withTokens()
           .file("tokenizer_config.json", R"({"bos_token":"A","added_tokens_decoder":{}})")
           .file("special_tokens_map.json", R"({"bos_token":"B","pad_token":"C"})"));
   EXPECT_EQ(directory.model.tokenizer.bosId, 0);
-  EXPECT_EQ(directory.model.tokenizer.padId, 2);  // which it does not name
+  EXPECT_EQ(directory.model.tokenizer.padId, -1);
+}
+
+TEST(SettleSpecialIds, TakesANegativeIdForNone) {
+  const PreparedDirectory directory(
+      withTokens(R"({"model_type":"x","pad_token_id":-1,"bos_token_id":0})")
+          .file("tokenizer_config.json", R"({"pad_token":"C","bos_token":"D"})"));
+  EXPECT_EQ(directory.model.tokenizer.padId, 2);
+  EXPECT_EQ(directory.model.tokenizer.bosId, 0);
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("config.json | $.pad_token_id | -1 | 2 | tokenizer.special-id-outside"));
 }
 
 TEST(SettleSpecialIds, PrefersTheNamedTextToAFamiliarOne) {
@@ -109,6 +120,24 @@ ModelDirBuilder withModel(std::string_view config) {
                                                                       .str());
 }
 
+TEST(SettleSpecialIdsOfAModel, FollowsTheTextsBeforeTheModel) {
+  const PreparedDirectory directory(
+      withModel(R"({"model_type":"x","eos_token_id":0})")
+          .file("tokenizer_config.json",
+                R"({"eos_token":"<|im_end|>","added_tokens_decoder":{"4":{"content":"<|im_end|>"}}})"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 4);
+  EXPECT_EQ(directory.model.tokenizer.bosId, 1);  // the model's own
+  EXPECT_THAT(
+      directory.changes(),
+      Contains("tokenizer.model | eos_token_id in the settings | 2 | 4 | tokenizer.model-field-numbers"));
+}
+
+TEST(SettleSpecialIdsOfAModel, KeepsTheModelsIdWhenTheVocabularyLacksTheText) {
+  const PreparedDirectory directory(
+      withModel(R"({"model_type":"x"})").file("tokenizer_config.json", R"({"eos_token":"<|im_end|>"})"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+}
+
 TEST(SettleSpecialIdsOfAModel, FillsOnlyWhatTheModelLeavesOpen) {
   const PreparedDirectory directory(withModel(R"({"model_type":"x","bos_token_id":3})")
                                         .file("special_tokens_map.json", R"({"pad_token":"</s>"})"));
@@ -127,6 +156,58 @@ TEST(SettleSpecialIdsOfAModel, TakesGenerationBeforeConfiguration) {
             0);
   EXPECT_EQ(PreparedDirectory(withModel(R"({"model_type":"x","pad_token_id":-1})")).model.tokenizer.padId,
             -1);
+}
+
+// ---- added_tokens.json
+
+constexpr char kAdded[] = R"({"<pad>":4,"<user>":5,"<bad>":"6"})";
+
+TEST(AddedTokensFile, JoinsAModelsPieces) {
+  const PreparedDirectory directory(withModel(R"({"model_type":"x"})")
+                                        .file("added_tokens.json", kAdded)
+                                        .file("tokenizer_config.json", R"({"pad_token":"<pad>"})"));
+  const TokenizerData& data = directory.model.tokenizer;
+  EXPECT_THAT(data.tokens, ElementsAre("<unk>", "<s>", "</s>", "a", "<pad>", "<user>"));
+  EXPECT_THAT(data.types, ElementsAre(2, 3, 3, 1, 3, 4));  // control where it has a part, else user-defined
+  EXPECT_EQ(data.padId, 4);
+  EXPECT_FALSE(directory.has("added_tokens.json"));
+}
+
+TEST(AddedTokensFile, JoinsTheVocabularyOfTokenizerJson) {
+  const PreparedDirectory directory(withTokens()
+                                        .file("added_tokens.json", kAdded)
+                                        .file("special_tokens_map.json", R"({"pad_token":"<pad>"})"));
+  EXPECT_THAT(directory.model.tokenizer.tokens, ElementsAre("A", "B", "C", "D", "<pad>", "<user>"));
+  EXPECT_EQ(directory.model.tokenizer.padId, 4);
+}
+
+TEST(AddedTokensFile, IsNotReadWhereTheTokenizersConfigurationListsTokens) {
+  const PreparedDirectory directory(
+      withTokens()
+          .file("added_tokens.json", "[")
+          .file("tokenizer_config.json", R"({"added_tokens_decoder":{"4":{"content":"<x>"}}})"));
+  EXPECT_THAT(directory.model.tokenizer.tokens, ElementsAre("A", "B", "C", "D", "<x>"));
+}
+
+TEST(AddedTokensFile, IsRefusedWhenItIsNoObject) {
+  EXPECT_EQ(refusalOfDirectory(withTokens().file("added_tokens.json", "[4]")),
+            (Refusal{7, "side.bad-json", "added_tokens.json: $ is no object",
+                     "Mend added_tokens.json, or fetch it again."}));
+}
+
+// ---- added tokens that would rename others
+
+TEST(AddedTokens, ThatHaveTheIdOfAnotherPieceAreNamed) {
+  const auto remainingFor = [](const std::string& text) {
+    const PreparedDirectory directory(
+        withModel(completeConfig())
+            .file("tokenizer_config.json",
+                  R"({"added_tokens_decoder":{"3":{"content":")" + text + R"("}}})"));
+    EXPECT_EQ(directory.model.tokenizer.tokens.at(3), "a");
+    return directory.remaining();
+  };
+  EXPECT_THAT(remainingFor("a"), IsEmpty());
+  EXPECT_THAT(remainingFor("b"), ElementsAre("tokenizer.added-elsewhere"));
 }
 
 }  // namespace

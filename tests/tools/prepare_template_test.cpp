@@ -10,7 +10,7 @@ using test::ModelDirBuilder;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-ModelDirBuilder small() { return ModelDirBuilder().tokenizer(); }
+ModelDirBuilder small() { return ModelDirBuilder().config(completeConfig()).tokenizer(); }
 
 TEST(MendChatTemplate, LeavesATextThatIsRead) {
   const std::string text = R"({ "chat_template": "T" })";
@@ -72,7 +72,7 @@ TEST(MendChatTemplate, TakesTheTextOfAJsonFileLast) {
 
 TEST(MendChatTemplate, RemovesATemplateThatAnImportWouldPrefer) {
   const PreparedDirectory directory(small()
-                                        .config(R"({"model_type":"x","chat_template":"C"})")
+                                        .config(completeConfig(R"("chat_template":"C")"))
                                         .file("tokenizer_config.json", R"({"chat_template":"T"})"));
   EXPECT_EQ(directory.model.tokenizer.chatTemplate, "T");
   EXPECT_THAT(directory.changes(),

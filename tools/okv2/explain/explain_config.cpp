@@ -2,6 +2,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
+#include <initializer_list>
 #include <iterator>
 #include <string_view>
 
@@ -95,6 +97,8 @@ constexpr const char* kNestedObjects[] = {
     "text_config",    "text_config_dict", "llm_config",    "language_config", "decoder",
     "thinker_config", "encoder",          "vision_config", "audio_config",
 };
+// The first of them describe the text model.
+constexpr std::size_t kTextModels = 6;
 
 bool isGiven(const Value* value) { return value != nullptr && value->kind != Kind::Null; }
 
@@ -199,6 +203,76 @@ void unreadSettings(const Value& config, Explanation& out) {
   both(Id::ConfigHeadDimOverwritten, "head_dim", "key_length");
 }
 
+// The sizes that every reader of a container asks for.
+struct Size {
+  const char* key;
+  std::int64_t HfImporter::*field;
+};
+constexpr Size kSizes[] = {
+    {"hidden_size", &HfImporter::hiddenSize},
+    {"num_hidden_layers", &HfImporter::numLayers},
+    {"num_attention_heads", &HfImporter::numHeads},
+    {"num_key_value_heads", &HfImporter::numKvHeads},
+    {"intermediate_size", &HfImporter::intermediateSize},
+    {"vocab_size", &HfImporter::vocabSize},
+};
+
+// Whether some other finding tells already that the value is there, where it is not read.
+bool isGivenElsewhere(const Value& config, std::string_view key) {
+  for (const OtherSpelling& row : kOtherSpellings) {
+    if (row.read == key && isGiven(config.get(row.key))) return true;
+  }
+  return std::any_of(kNestedObjects, kNestedObjects + kTextModels, [&](const char* name) {
+    const Value* nested = config.get(name);
+    return nested != nullptr && isGiven(nested->get(std::string(key).c_str()));
+  });
+}
+
+void missingSizes(const HfImporter& model, Explanation& out) {
+  for (const Size& size : kSizes) {
+    if (model.*size.field != 0 || isGivenElsewhere(model.config, size.key)) continue;
+    out.add(Id::ConfigSizeMissing, size.key,
+            fmt::format("config.json: $.{} gives no number, and stays 0", size.key));
+  }
+}
+
+// A setting of the text model, wherever the description is.
+const Value* gemma4Setting(const Value& config, std::initializer_list<const char*> path) {
+  for (const Value* at : {config.get("text_config"), &config}) {
+    for (const char* key : path)
+      at = at == nullptr ? nullptr : at->get(key);
+    if (isGiven(at)) return at;
+  }
+  return nullptr;
+}
+
+void gemma4Settings(const HfImporter& model, Explanation& out) {
+  const Value& config = model.config;
+  for (const char* key :
+       {"num_global_key_value_heads", "attention_k_eq_v", "use_double_wide_mlp", "enable_moe_block"}) {
+    const Value* value = gemma4Setting(config, {key});
+    if (value == nullptr || (value->kind == Kind::Bool && !value->boolean)) continue;
+    out.add(Id::ConfigNotCarried, key, fmt::format("config.json: {} is {}", key, shortJson(*value)));
+  }
+  if (const Value* period = gemma4Setting(config, {"sliding_window_pattern"});
+      period != nullptr && model.swaPattern.empty() && gemma4Setting(config, {"layer_types"}) == nullptr) {
+    out.add(Id::ConfigNotCarried, "sliding_window_pattern",
+            fmt::format("config.json: sliding_window_pattern is {}", shortJson(*period)));
+  }
+  const char* key = "rope_parameters.sliding_attention.rope_theta";
+  const Value* sliding = gemma4Setting(config, {"rope_parameters", "sliding_attention", "rope_theta"});
+  if (sliding == nullptr) {
+    key = "rope_local_base_freq";
+    sliding = gemma4Setting(config, {key});
+  }
+  // The factor by which an import derives it.
+  const double derived = double(model.ropeTheta) * 0.01;
+  if (sliding == nullptr || !sliding->isNumber() || derived == 0) return;
+  if (std::abs(derived - sliding->number) <= 1e-6 * std::abs(sliding->number)) return;
+  out.add(Id::ConfigSwaRope, key,
+          fmt::format("config.json: {} is {}, and {} is written", key, shortJson(*sliding), derived));
+}
+
 // Where the JSON of config.json breaks off.
 void badJson(const std::string& path, Explanation& out) {
   std::vector<std::uint8_t> bytes;
@@ -229,6 +303,8 @@ void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Exp
   otherSpellings(plan.model.config, out);
   nestedObjects(plan.model.config, out);
   unreadSettings(plan.model.config, out);
+  missingSizes(plan.model, out);
+  if (plan.model.arch == "gemma4") gemma4Settings(plan.model, out);
 }
 
 }  // namespace zel::explain

@@ -120,6 +120,32 @@ void configIds(const json::Value& config, const TokenizerData& data, Explanation
   }
 }
 
+// Tokens that tokenizer_config.json adds where the vocabulary has another text.
+void addedElsewhere(const Directory& directory, const TokenizerData& data, Explanation& out) {
+  const std::string text = contentOf(directory.pathOf("tokenizer_config.json"));
+  json::Value root;
+  if (text.empty() || !json::parse(text.data(), text.size(), root).ok()) return;
+  const json::Value* decoder = root.get("added_tokens_decoder");
+  if (decoder == nullptr || !decoder->isObject()) return;
+  std::uint64_t count = 0;
+  std::string first;
+  for (const auto& [key, value] : decoder->members) {
+    const json::Value* content = value.get("content");
+    if (key.empty() || key.size() > 10 || key.find_first_not_of("0123456789") != key.npos) continue;
+    const auto id = std::stoull(key);
+    if (content == nullptr || !content->isString() || content->text.empty() || id >= data.tokens.size() ||
+        data.tokens[id] == content->text) {
+      continue;
+    }
+    if (count++ == 0) {
+      first = fmt::format("\"{}\" with id {}, which is \"{}\"", content->text, id, data.tokens[id]);
+    }
+  }
+  if (count == 0) return;
+  out.add(Id::TokenizerAddedElsewhere, "tokenizer_config.json",
+          fmt::format("{} of {} added tokens, the first is {}", count, decoder->members.size(), first));
+}
+
 // True when tokenizer.json is the tokenizer.
 bool explainJson(const Directory& directory, const json::Value& config, Explanation& out) {
   const std::string text = contentOf(directory.pathOf(kJson));
@@ -136,26 +162,28 @@ bool explainJson(const Directory& directory, const json::Value& config, Explanat
   return true;
 }
 
-void explainModel(const Directory& directory, const json::Value& config, Explanation& out) {
+// True when the tokens are the model's.
+bool explainModel(const Directory& directory, const json::Value& config, Explanation& out) {
   const std::string bytes = contentOf(directory.pathOf(kModel));
-  if (bytes.empty()) return;
+  if (bytes.empty()) return false;
   TokenizerData data;
   if (const Status status = readTokenizerModel(bytes, config, data); !status.ok()) {
     out.add(isTiktoken(bytes) ? Id::TokenizerModelTiktoken : Id::TokenizerModelRefused, kModel,
             "tokenizer.model: " + status.message());
-    return;
+    return false;
   }
   out.tokenizer.winner = kModel;
   if (data.tokens.empty() && isTiktoken(bytes)) {
     out.add(Id::TokenizerModelTiktoken, kModel, "tokenizer.model: it can be walked and gives no token");
-    return;
+    return false;
   }
   std::uint64_t pieces = 0;
-  if (!hasUsualFieldNumbers(bytes, pieces)) return;
+  if (!hasUsualFieldNumbers(bytes, pieces)) return true;
   out.add(Id::TokenizerModelFieldNumbers, kModel,
           fmt::format("{} pieces in field 1 give {} token{}{}", pieces, data.tokens.size(),
                       data.tokens.size() == 1 ? "" : "s",
                       data.tokens.empty() ? "" : fmt::format(", the first is \"{}\"", data.tokens[0])));
+  return false;
 }
 
 // The template of a file of its own, unless nothing of it is missing.
@@ -178,11 +206,11 @@ void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, 
   use.merges = data.merges.size();
   use.special = static_cast<std::uint64_t>(std::count(data.types.begin(), data.types.end(), 3));
   use.bos = data.bosId, use.eos = data.eosId, use.unk = data.unkId, use.pad = data.padId;
-  const bool jsonWon = explainJson(directory, plan.model.config, out);
-  if (jsonWon) {
+  if (explainJson(directory, plan.model.config, out)) {
     if (directory.has(kModel)) out.add(Id::TokenizerModelIgnored, kModel);
-  } else {
-    explainModel(directory, plan.model.config, out);
+    addedElsewhere(directory, data, out);
+  } else if (explainModel(directory, plan.model.config, out)) {
+    addedElsewhere(directory, data, out);
   }
   configIds(plan.model.config, data, out);
   if (!directory.has(kJson) && !directory.has(kModel)) out.add(Id::TokenizerNone, kJson);

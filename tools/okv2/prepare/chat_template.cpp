@@ -41,7 +41,7 @@ std::optional<std::string> defaultOf(const Json& value) {
 
 std::optional<Template> fromJinja(const std::string& directory) {
   std::string text;
-  if (!readText(directory, kJinja, text)) return std::nullopt;
+  if (!readText(directory, kJinja, kMaxConfigBytes, text)) return std::nullopt;
   // What cannot be quoted in JSON without a change is no text.
   try {
     (void)Json(text).dump();
@@ -53,7 +53,7 @@ std::optional<Template> fromJinja(const std::string& directory) {
 }
 
 std::optional<Template> fromTokenizerConfig(const ModelTexts& texts) {
-  const Json* value = findMember(texts.tokenizerConfig.root, kKey);
+  const Json* value = texts.tokenizerConfig.find(kKey);
   if (value == nullptr) return std::nullopt;
   std::optional<std::string> text = defaultOf(*value);
   if (!text) return std::nullopt;
@@ -63,7 +63,8 @@ std::optional<Template> fromTokenizerConfig(const ModelTexts& texts) {
 std::optional<Template> fromJsonFile(const std::string& directory) {
   std::string text, reason;
   Json root;
-  if (!readText(directory, kJson, text) || !parseTree(text, root, reason)) return std::nullopt;
+  if (!readText(directory, kJson, kMaxConfigBytes, text) || !parseTree(text, root, reason))
+    return std::nullopt;
   const Json* value = findMember(root, kKey);
   std::optional<std::string> found = value == nullptr ? std::nullopt : defaultOf(*value);
   if (!found) return std::nullopt;
@@ -83,20 +84,19 @@ void mendChatTemplate(const std::string& directory, ModelTexts& texts, Changes& 
   if (!found) found = fromTokenizerConfig(texts);
   if (!found) found = fromJsonFile(directory);
   if (!found) return;
-  const Json* now = findMember(texts.tokenizerConfig.root, kKey);
+  const Json* now = texts.tokenizerConfig.find(kKey);
   if (now == nullptr || *now != found->text) {
     changes.push_back({"tokenizer_config.json", "$.chat_template", sizeOf(now),
                        fmt::format("{} bytes", found->text.size()), found->why,
                        explain::rowOf(found->finding).name});
     texts.tokenizerConfig.set(kKey, found->text);
   }
-  const Json* rival = findMember(texts.config.root, kKey);
+  const Json* rival = texts.config.find(kKey);
   if (rival == nullptr || rival->is_null() || *rival == found->text) return;
   changes.push_back({"config.json", "$.chat_template", sizeOf(rival), "",
                      "an import would prefer it to the tokenizer's own",
                      explain::rowOf(Id::TemplateConfigWins).name});
-  removeMember(texts.config.root, kKey);
-  texts.config.changed = true;
+  texts.config.remove(kKey);
 }
 
 }  // namespace zel::tool::prepare

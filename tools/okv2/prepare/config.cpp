@@ -2,9 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <cmath>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "container/bytes.h"
 #include "okv2/explain/finding_table.h"
@@ -19,86 +20,109 @@ using explain::Id;
 constexpr std::int64_t kMaxLayers = 100'000;
 // Numbers are read as doubles, which hold every whole number up to here.
 constexpr std::uint64_t kMaxExact = std::uint64_t{1} << 53;
-// By which an import derives the rope base of sliding-window layers from that of the others.
-constexpr double kSwaRopeFactor = 0.01;
 
-// A member, or a member of a member: "rope_parameters.rope_theta".
-const Json* memberAt(const Json& object, std::string_view path) {
-  const Json* at = &object;
-  while (at != nullptr) {
+// An object of config.json that describes a model: the top level, which grows, or one inside that does not.
+class Description {
+ public:
+  explicit Description(const JsonFile& topLevel) : topLevel_(&topLevel), path_("$") {}
+  Description(const Json& nested, std::string path) : nested_(nested), path_(std::move(path)) {}
+
+  // A member, or a member of a member: "rope_parameters.rope_theta".
+  [[nodiscard]] const Json* find(std::string_view path) const {
     const std::size_t dot = path.find('.');
-    at = findMember(*at, path.substr(0, dot));
-    if (dot == std::string_view::npos) break;
-    path.remove_prefix(dot + 1);
+    const std::string_view first = path.substr(0, dot);
+    const Json* at = topLevel_ != nullptr ? topLevel_->find(first) : nested_.find(first);
+    while (at != nullptr && path.find('.') != std::string_view::npos) {
+      path.remove_prefix(path.find('.') + 1);
+      at = findMember(*at, path.substr(0, path.find('.')));
+    }
+    return at;
   }
-  return at;
-}
+  [[nodiscard]] const std::string* text(std::string_view path) const {
+    const Json* value = find(path);
+    return value != nullptr && value->is_string() ? &value->get_ref<const std::string&>() : nullptr;
+  }
+  // The value when it says something of that kind: 0 is what an import makes of an absent key.
+  [[nodiscard]] const Json* useful(std::string_view path, ValueKind kind) const {
+    const Json* value = find(path);
+    if (value == nullptr || !value->is_number() || value->get<double>() == 0) return nullptr;
+    return kind == ValueKind::Number || wholeNumber(*value) ? value : nullptr;
+  }
+  // A size: above 0.
+  [[nodiscard]] std::optional<std::uint64_t> size(std::string_view path) const {
+    const Json* value = find(path);
+    const std::optional<std::int64_t> whole = value == nullptr ? std::nullopt : wholeNumber(*value);
+    if (!whole || *whole <= 0) return std::nullopt;
+    return static_cast<std::uint64_t>(*whole);
+  }
+  [[nodiscard]] const std::string& path() const { return path_; }
 
-// The value when it says something of that kind: 0 is what an import makes of an absent key.
-const Json* usefulAt(const Json& object, std::string_view path, ValueKind kind) {
-  const Json* value = memberAt(object, path);
-  if (value == nullptr || !value->is_number() || value->get<double>() == 0) return nullptr;
-  return kind == ValueKind::Number || wholeNumber(*value) ? value : nullptr;
-}
+ private:
+  const JsonFile* topLevel_ = nullptr;
+  MemberIndex nested_;
+  std::string path_;
+};
 
 class ConfigMender {
  public:
   ConfigMender(ModelTexts& texts, Changes& changes)
-      : texts_(texts), config_(texts.config), changes_(changes) {
-    // A copy, because the top level grows while it is read.
-    if (const Json* nested = nestedTextConfig(config_.root, nestedPath_); nested != nullptr)
-      nested_ = *nested;
+      : texts_(texts), config_(texts.config), changes_(changes), top_(texts.config), nested_(Json(), "") {
+    std::string path;
+    if (const Json* nested = nestedTextConfig(config_.published(), path); nested != nullptr)
+      nested_ = Description(*nested, path);
   }
 
   void run() {
     mendModelType();
-    const std::string* arch = textMember(config_.root, "model_type");
+    const std::string* arch = top_.text("model_type");
     if (arch == nullptr) arch = firstArchitecture();
     isGemma4_ =
         arch != nullptr && (*arch == "gemma4" || *arch == "Gemma4ForCausalLM");  // as an import maps it
     if (isGemma4_) mendGemma4();
+    for (const RuleRow& row : kOverrulingRows)
+      fillByRule(row);
+    for (const QuotientRow& row : kQuotientRows)
+      divide(row);
     for (const ReadRow& row : kReadRows)
       fill(row);
-    for (const DefaultRow& row : kDefaultRows)
+    for (const RuleRow& row : kDefaultRows)
       fillByRule(row);
     mendEosList();
   }
 
  private:
   [[nodiscard]] bool isFilled(const char* key, ValueKind kind) const {
-    return usefulAt(config_.root, key, kind) != nullptr;
+    return top_.useful(key, kind) != nullptr;
   }
 
   void set(const char* key, const Json& value, std::string why, Id finding) {
-    const Json* before = findMember(config_.root, key);
+    const Json* before = config_.find(key);
     changes_.push_back({"config.json", fmt::format("$.{}", key), before == nullptr ? "" : before->dump(),
                         value.dump(), std::move(why), explain::rowOf(finding).name});
     config_.set(key, value);
   }
 
   [[nodiscard]] const std::string* firstArchitecture() const {
-    const Json* list = findMember(config_.root, "architectures");
-    if (list == nullptr) return nullptr;
-    if (list->is_array()) {
-      return !list->empty() && list->front().is_string() ? &list->front().get_ref<const std::string&>()
-                                                         : nullptr;
-    }
-    return textMember(config_.root, "architectures");
+    const Json* list = config_.find("architectures");
+    if (list == nullptr || !list->is_array()) return top_.text("architectures");
+    return !list->empty() && list->front().is_string() ? &list->front().get_ref<const std::string&>()
+                                                       : nullptr;
   }
 
   void mendModelType() {
-    const std::string* type = textMember(config_.root, "model_type");
+    const std::string* type = top_.text("model_type");
     if (type == nullptr && firstArchitecture() == nullptr) {
-      if (const std::string* nested = textMember(nested_, "model_type"); nested != nullptr) {
-        set("model_type", *nested, nestedPath_ + ".model_type names the architecture", Id::ConfigNoModelType);
-        type = textMember(config_.root, "model_type");
+      if (const std::string* nested = nested_.text("model_type"); nested != nullptr) {
+        set("model_type", *nested, nested_.path() + ".model_type names the architecture",
+            Id::ConfigNoModelType);
+        type = top_.text("model_type");
       }
     }
     if (type == nullptr) return;
     for (const ModelTypeRow& row : kModelTypeRows) {
       if (*type != row.published) continue;
       // The name must not change with it: it is the spelling before any mapping.
-      if (findMember(config_.root, "_name_or_path") == nullptr) {
+      if (config_.find("_name_or_path") == nullptr) {
         set("_name_or_path", *type, "the model is called by its type", Id::ConfigReadNotWritten);
       }
       set("model_type", row.read, row.source, Id::ConfigReadNotWritten);
@@ -114,53 +138,93 @@ class ConfigMender {
         gemma4Member("final_logit_softcapping", where) != nullptr) {
       return;  // it would be taken for the final cap
     }
-    if (const Json* value = usefulAt(nested_, row.key, row.kind); value != nullptr) {
-      set(row.key, Json(*value), fmt::format("{}.{} has it", nestedPath_, row.key), Id::ConfigNested);
+    if (const Json* value = nested_.useful(row.key, row.kind); value != nullptr) {
+      set(row.key, Json(*value), fmt::format("{}.{} has it", nested_.path(), row.key), Id::ConfigNested);
       return;
     }
-    if (fillBySynonym(nested_, nestedPath_, row)) return;
-    fillBySynonym(config_.root, "$", row);
+    if (!fillBySynonym(nested_, row)) fillBySynonym(top_, row);
   }
 
-  bool fillBySynonym(const Json& object, const std::string& path, const ReadRow& row) {
+  bool fillBySynonym(const Description& object, const ReadRow& row) {
     for (const SynonymRow& synonym : kSynonymRows) {
       if (std::string_view(synonym.read) != row.key) continue;
-      const Json* value = usefulAt(object, synonym.published, row.kind);
+      if (synonym.onlyFor != nullptr && !isOf(synonym.onlyFor)) continue;
+      if (synonym.needsTrue != nullptr && !isTrue(object.find(synonym.needsTrue))) continue;
+      const Json* value = object.useful(synonym.published, row.kind);
       if (value == nullptr) continue;
-      set(row.key, Json(*value), fmt::format("{}.{} has it ({})", path, synonym.published, synonym.source),
+      set(row.key, Json(*value),
+          fmt::format("{}.{} has it ({})", object.path(), synonym.published, synonym.source),
           &object == &nested_ ? Id::ConfigNested : Id::ConfigKeyNotRead);
       return true;
     }
     return false;
   }
 
-  void fillByRule(const DefaultRow& row) {
-    const auto isOfType = [&row](const Json& description) {
-      const std::string* type = textMember(description, "model_type");
-      return type != nullptr && *type == row.modelType;
-    };
-    const std::string* arch = firstArchitecture();
-    const bool isOfClass =
-        findMember(config_.root, "model_type") == nullptr && arch != nullptr && *arch == row.modelType;
-    if (!isOfType(config_.root) && !isOfType(nested_) && !isOfClass) return;
-    if (isFilled(row.read, ValueKind::Whole)) return;
-    const std::optional<std::int64_t> base = wholeMember(config_.root, row.from);
-    std::uint64_t product = 0;
-    if (!base || *base <= 0 ||
-        !checkedMul(static_cast<std::uint64_t>(*base), static_cast<std::uint64_t>(row.factor), product) ||
-        product > kMaxExact) {
-      return;
+  static bool isTrue(const Json* value) {
+    return value != nullptr && value->is_boolean() && value->get<bool>();
+  }
+  static bool isFalse(const Json* value) {
+    return value != nullptr && value->is_boolean() && !value->get<bool>();
+  }
+
+  // A model type, of the whole or of the text model, or the class.
+  [[nodiscard]] bool isOf(std::string_view modelType) const {
+    for (const std::string* name :
+         {top_.text("model_type"), nested_.text("model_type"), firstArchitecture()}) {
+      if (name != nullptr && *name == modelType) return true;
     }
+    return false;
+  }
+
+  [[nodiscard]] bool holds(const Condition& condition) const {
+    if (condition.test == Test::None) return true;
+    const Json* value = nested_.find(condition.key);
+    if (value == nullptr) value = top_.find(condition.key);
+    switch (condition.test) {
+      case Test::None: break;
+      case Test::IsNull: return value != nullptr && value->is_null();
+      case Test::IsTrue: return isTrue(value);
+      case Test::IsFalse: return isFalse(value);
+      case Test::IsTrueOrAbsent: return value == nullptr || isTrue(value);
+      case Test::IsNotTrue: return !isTrue(value);
+      case Test::IsText: return value != nullptr && *value == condition.text;
+    }
+    return true;
+  }
+
+  void fillByRule(const RuleRow& row) {
+    if (!isOf(row.modelType) || isFilled(row.read, ValueKind::Whole)) return;
+    if (!holds(row.condition) || !holds(row.andCondition)) return;
+    auto product = static_cast<std::uint64_t>(row.factor);
+    for (const char* key : {row.from, row.times}) {
+      if (key == nullptr) continue;
+      const std::optional<std::uint64_t> value = top_.size(key);
+      if (!value || !checkedMul(product, *value, product)) return;
+    }
+    if (product > kMaxExact) return;
     set(row.read, static_cast<std::int64_t>(product), row.source, Id::ConfigKeyNotRead);
+  }
+
+  // The one size that is replaced where it is given.
+  void divide(const QuotientRow& row) {
+    if (!isOf(row.modelType)) return;
+    const bool isOther = top_.size(row.published).has_value();
+    const std::optional<std::uint64_t> whole = top_.size(isOther ? row.published : row.read);
+    if (!whole) return;
+    const auto quotient = static_cast<std::int64_t>(*whole / static_cast<std::uint64_t>(row.divisor));
+    if (quotient == 0) return;
+    if (const Json* now = config_.find(row.read); now != nullptr && *now == quotient) return;
+    // Kept, so that a directory that was prepared is not divided once more.
+    if (!isOther) set(row.published, static_cast<std::int64_t>(*whole), row.source, Id::ConfigKeyNotRead);
+    set(row.read, quotient, row.source, Id::ConfigKeyNotRead);
   }
 
   // A setting of Gemma 4's text model, wherever the description is.
   [[nodiscard]] const Json* gemma4Member(const char* path, std::string& where) const {
-    for (const auto& [object, prefix] :
-         {std::pair(&nested_, nestedPath_), {&config_.root, std::string("$")}}) {
-      const Json* value = memberAt(*object, path);
+    for (const Description* object : {&nested_, &top_}) {
+      const Json* value = object->find(path);
       if (value == nullptr || value->is_null()) continue;
-      where = fmt::format("{}.{}", prefix, path);
+      where = fmt::format("{}.{}", object->path(), path);
       return value;
     }
     return nullptr;
@@ -176,12 +240,11 @@ class ConfigMender {
     }
     mendPattern();
     mendSoftcap();
-    reportSwaRope();
   }
 
   // 1 for a layer with a sliding window, 0 for one with full attention.
   void mendPattern() {
-    if (findMember(config_.root, "swa_pattern") != nullptr) return;
+    if (config_.find("swa_pattern") != nullptr) return;
     std::string where;
     Json pattern = Json::array();
     if (const Json* types = gemma4Member("layer_types", where); types != nullptr && types->is_array()) {
@@ -195,6 +258,8 @@ class ConfigMender {
       const std::optional<std::int64_t> every = wholeNumber(*period);
       const std::optional<std::int64_t> count = layers == nullptr ? std::nullopt : wholeNumber(*layers);
       if (!every || !count || *every <= 0 || *count <= 0 || *count > kMaxLayers) return;
+      // Whether the class lets a last layer of a sliding window stand is not said in the file.
+      if (*count % *every != 0) return;
       for (std::int64_t layer = 1; layer <= *count; ++layer)
         pattern.push_back(layer % *every != 0 ? 1 : 0);
     }
@@ -208,36 +273,19 @@ class ConfigMender {
   void mendSoftcap() {
     std::string where, finalAt;
     const Json* final = gemma4Member("final_logit_softcapping", finalAt);
-    const Json* attention = findMember(config_.root, "attn_logit_softcapping");
+    const Json* attention = config_.find("attn_logit_softcapping");
     if (final == nullptr || !final->is_number() || attention == nullptr || !attention->is_number()) return;
     changes_.push_back({"config.json", "$.attn_logit_softcapping", attention->dump(), "",
                         "it would be taken for the cap of the final logits, which " + finalAt + " has",
                         explain::rowOf(Id::ConfigSoftcapOverwritten).name});
-    removeMember(config_.root, "attn_logit_softcapping");
-    config_.changed = true;
-  }
-
-  // What the container cannot say is said here.
-  void reportSwaRope() {
-    std::string where, fullAt;
-    const Json* sliding = gemma4Member("rope_parameters.sliding_attention.rope_theta", where);
-    if (sliding == nullptr) sliding = gemma4Member("rope_local_base_freq", where);
-    const Json* full = gemma4Member("rope_parameters.full_attention.rope_theta", fullAt);
-    if (full == nullptr) full = gemma4Member("rope_theta", fullAt);
-    if (sliding == nullptr || full == nullptr || !sliding->is_number() || !full->is_number()) return;
-    const double derived = full->get<double>() * kSwaRopeFactor;
-    const double published = sliding->get<double>();
-    if (std::abs(derived - published) <= 1e-6 * std::abs(published)) return;
-    changes_.push_back({"config.json", where, sliding->dump(), "",
-                        fmt::format("not mended: an import derives {} for it from {}", derived, fullAt),
-                        explain::rowOf(Id::ConfigReadNotWritten).name});
+    config_.remove("attn_logit_softcapping");
   }
 
   void mendEosList() {
-    const Json* list = findMember(config_.root, "eos_token_id");
+    const Json* list = config_.find("eos_token_id");
     if (list == nullptr || !list->is_array() || list->empty() || !wholeNumber(list->front())) return;
     const Json all = *list;
-    const Json* kept = findMember(texts_.generationConfig.root, "eos_token_id");
+    const Json* kept = texts_.generationConfig.find("eos_token_id");
     // Another list that is there already would be lost for this one.
     if (kept != nullptr && !kept->is_null() && *kept != all) return;
     if (kept == nullptr || kept->is_null()) {
@@ -253,8 +301,8 @@ class ConfigMender {
   ModelTexts& texts_;
   JsonFile& config_;
   Changes& changes_;
-  std::string nestedPath_;
-  Json nested_ = Json::object();
+  Description top_;
+  Description nested_;  // empty when the top level is the description of the text model
   bool isGemma4_ = false;
 };
 

@@ -95,10 +95,59 @@ bool parseTree(std::string_view text, Json& out, std::string& reason) {
   return false;
 }
 
+std::vector<LiftedNumber> liftPythonNumbers(std::string& text) {
+  constexpr std::string_view kLiterals[] = {"NaN", "Infinity", "-Infinity"};
+  const std::string_view all = text;
+  std::vector<LiftedNumber> found;
+  bool inText = false;
+  for (std::size_t at = 0; at < all.size(); ++at) {
+    if (inText && all[at] == '\\') {
+      ++at;  // whatever it escapes ends no text
+    } else if (all[at] == '"') {
+      inText = !inText;
+    } else if (!inText) {
+      for (const std::string_view literal : kLiterals) {
+        if (all.compare(at, literal.size(), literal) != 0) continue;
+        if (found.size() == kMaxLiftedNumbers) return {};
+        found.push_back({at, literal});
+        at += literal.size() - 1;
+        break;
+      }
+    }
+  }
+  if (found.empty()) return found;
+  std::string lifted;
+  std::size_t begin = 0;
+  for (const LiftedNumber& number : found) {
+    lifted.append(all, begin, number.offset - begin) += "null";
+    begin = number.offset + number.literal.size();
+  }
+  lifted.append(all, begin);
+  text = std::move(lifted);
+  return found;
+}
+
 std::string textOfTree(const Json& tree) { return tree.dump() + "\n"; }
 
 const Json* findMember(const Json& object, std::string_view key) { return findIn(object, key); }
 Json* findMember(Json& object, std::string_view key) { return findIn(object, key); }
+
+MemberIndex::MemberIndex(const Json& object) {
+  if (!object.is_object()) return;
+  const Json::object_t& members = object.get_ref<const Json::object_t&>();
+  sorted_.reserve(members.size());
+  for (const auto& member : members)
+    sorted_.push_back(&member);
+  std::stable_sort(sorted_.begin(), sorted_.end(),
+                   [](const auto* left, const auto* right) { return left->first < right->first; });
+}
+
+const Json* MemberIndex::find(std::string_view key) const {
+  const auto at = std::lower_bound(
+      sorted_.begin(), sorted_.end(), key,
+      [](const auto* member, std::string_view sought) { return std::string_view(member->first) < sought; });
+  return at == sorted_.end() || (*at)->first != key ? nullptr : &(*at)->second;
+}
 
 Json& appendMember(Json& object, std::string key, Json value) {
   Json::object_t& members = object.get_ref<Json::object_t&>();
@@ -112,14 +161,6 @@ void setMember(Json& object, std::string_view key, Json value) {
   } else {
     appendMember(object, std::string(key), std::move(value));
   }
-}
-
-void removeMember(Json& object, std::string_view key) {
-  Json::object_t kept;
-  for (auto& [name, value] : object.get_ref<Json::object_t&>()) {
-    if (name != key) kept.emplace_back(name, std::move(value));
-  }
-  object = Json(std::move(kept));
 }
 
 std::optional<std::int64_t> wholeNumber(const Json& value) {

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zel::tool::prepare {
 
@@ -16,6 +17,17 @@ using Json = nlohmann::ordered_json;
 // too, before anything is built. False with the reason, and where, in `reason`.
 [[nodiscard]] bool parseTree(std::string_view text, Json& out, std::string& reason);
 
+// A number that Python's json module writes and JSON does not have.
+struct LiftedNumber {
+  std::size_t offset = 0;  // in the text as published
+  std::string_view literal;
+};
+
+// Puts null in the place of NaN, Infinity and -Infinity outside of texts, and tells where. A text with more
+// than kMaxLiftedNumbers of them stays as it is.
+inline constexpr std::size_t kMaxLiftedNumbers = 1000;
+[[nodiscard]] std::vector<LiftedNumber> liftPythonNumbers(std::string& text);
+
 // As a file's content: compact, in UTF-8. Trees of parseTree() hold nothing that cannot be written.
 [[nodiscard]] std::string textOfTree(const Json& tree);
 
@@ -23,14 +35,24 @@ using Json = nlohmann::ordered_json;
 [[nodiscard]] const Json* findMember(const Json& object, std::string_view key);
 [[nodiscard]] Json* findMember(Json& object, std::string_view key);
 
+// The members of an object by key, for many look-ups in an object of any size: the first of each key. Empty
+// when `object` is none. Borrows the object, which must not change; it may be moved.
+class MemberIndex {
+ public:
+  MemberIndex() = default;
+  explicit MemberIndex(const Json& object);
+
+  [[nodiscard]] const Json* find(std::string_view key) const;
+
+ private:
+  std::vector<const Json::object_t::value_type*> sorted_;
+};
+
 // Adds a member behind the others without looking for an equal key, which costs a pass over all of them.
 Json& appendMember(Json& object, std::string key, Json value);
 
 // Replaces the first member of the key, or adds one.
 void setMember(Json& object, std::string_view key, Json value);
-
-// Removes every member of the key.
-void removeMember(Json& object, std::string_view key);
 
 // The value as a 64-bit integer; nothing for other kinds, fractions and numbers out of that range.
 [[nodiscard]] std::optional<std::int64_t> wholeNumber(const Json& value);

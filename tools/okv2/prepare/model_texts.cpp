@@ -3,9 +3,13 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <set>
+#include <utility>
 #include <vector>
 
+#include "hf/json_parser.h"
 #include "hf/read_file.h"
 #include "okv2/exit_codes.h"
 #include "okv2/explain/finding_table.h"
@@ -16,34 +20,143 @@ namespace {
 
 using explain::Id;
 
+// The texts that the public library calls special besides "additional_special_tokens".
+constexpr const char* kTokenMembers[] = {"bos_token", "eos_token", "unk_token", "sep_token",
+                                         "pad_token", "cls_token", "mask_token"};
+
 // False when the file is not there.
-bool readJson(const std::string& directory, JsonFile& file, Id badJson, Id notObject) {
-  if (!readText(directory, file.name, file.original)) return false;
-  std::string reason;
+bool readJson(const std::string& directory, JsonFile& file, Id badJson, Id notObject, Changes& changes) {
+  std::string text, reason;
+  if (!readText(directory, file.name, kMaxConfigBytes, text)) return false;
+  for (const LiftedNumber& number : liftPythonNumbers(text)) {
+    changes.push_back({file.name, fmt::format("byte {}", number.offset), std::string(number.literal), "null",
+                       "JSON has no such number", explain::rowOf(badJson).name});
+  }
   const std::string remedy = fmt::format("Mend {}, or fetch it again.", file.name);
-  if (!parseTree(file.original, file.root, reason)) {
+  if (!file.read(std::move(text), reason)) {
     throw Refused(kExitCorrupted, explain::rowOf(badJson).name, fmt::format("{}: {}", file.name, reason),
                   remedy);
   }
-  if (!file.root.is_object()) {
+  if (!file.published().is_object()) {
     throw Refused(kExitCorrupted, explain::rowOf(notObject).name,
                   fmt::format("{}: $ is no object", file.name), remedy);
   }
-  file.exists = true;
   return true;
+}
+
+std::vector<AddedToken> tokensOfDecoder(const Json& decoder) {
+  std::vector<AddedToken> out;
+  if (!decoder.is_object()) return out;
+  for (const auto& [key, value] : decoder.items()) {
+    const bool isNumber =
+        !key.empty() && key.size() <= 10 && key.find_first_not_of("0123456789") == std::string::npos;
+    const std::string* content = textMember(value, "content");
+    if (!isNumber || content == nullptr) continue;  // nothing that would be added
+    const Json* special = findMember(value, "special");
+    out.push_back({std::strtoll(key.c_str(), nullptr, 10), *content,
+                   special != nullptr && special->is_boolean() && special->get<bool>()});
+  }
+  return out;
+}
+
+std::set<std::string> specialTexts(const ModelTexts& texts) {
+  std::set<std::string> out;
+  for (const char* member : kTokenMembers) {
+    if (const JsonFile* file = fileThatNames(texts, member); file != nullptr)
+      out.insert(*tokenText(*file, member));
+  }
+  for (const JsonFile* file : {&texts.specialTokensMap, &texts.tokenizerConfig}) {
+    const Json* more = file->find("additional_special_tokens");
+    if (more == nullptr || !more->is_array()) continue;
+    for (const Json& token : *more) {
+      const std::string* text =
+          token.is_string() ? &token.get_ref<const std::string&>() : textMember(token, "content");
+      if (text != nullptr) out.insert(*text);
+    }
+    break;  // the list of the first file replaces the other
+  }
+  return out;
 }
 
 }  // namespace
 
-bool readText(const std::string& directory, const std::string& name, std::string& out) {
+bool JsonFile::read(std::string text, std::string& reason) {
+  original_ = std::move(text);
+  exists = true;
+  if (!parseTree(original_, root_, reason)) return false;
+  index_ = MemberIndex(root_);
+  return true;
+}
+
+const JsonFile::Edit* JsonFile::editOf(std::string_view key) const {
+  const auto at =
+      std::find_if(edits_.begin(), edits_.end(), [key](const Edit& edit) { return edit.key == key; });
+  return at == edits_.end() ? nullptr : &*at;
+}
+
+const Json* JsonFile::find(std::string_view key) const {
+  if (const Edit* edit = editOf(key); edit != nullptr) return edit->value ? &*edit->value : nullptr;
+  return index_.find(key);
+}
+
+void JsonFile::edit(std::string_view key, std::optional<Json> value) {
+  const auto at =
+      std::find_if(edits_.begin(), edits_.end(), [key](const Edit& edit) { return edit.key == key; });
+  if (at == edits_.end()) {
+    edits_.push_back({std::string(key), std::move(value)});
+  } else {
+    at->value = std::move(value);
+  }
+}
+
+void JsonFile::set(std::string_view key, Json value) {
+  edit(key, std::move(value));
+  exists = true;
+}
+
+void JsonFile::remove(std::string_view key) { edit(key, std::nullopt); }
+
+std::string JsonFile::bytes() const {
+  if (edits_.empty()) return original_;
+  std::string out;
+  const auto add = [&out](std::string_view key, std::string_view value) {
+    out += out.empty() ? "{\n  " : ",\n  ";
+    out.append(Json(key).dump()).append(": ").append(value);
+  };
+  std::set<const Edit*> written;
+  if (!original_.empty()) {
+    json::detail::Parser parser(original_.data(), original_.size());
+    json::Kind kind;
+    const auto offset = [&] { return original_.size() - parser.remaining(); };
+    // What parsed once parses again.
+    (void)(parser.peek(kind, 0) && parser.object([&](std::string_view key) {
+      if (!parser.peek(kind, 1)) return false;
+      const std::size_t begin = offset();
+      if (!parser.skip(1)) return false;
+      if (const Edit* edit = editOf(key); edit == nullptr) {
+        add(key, std::string_view(original_).substr(begin, offset() - begin));
+      } else if (edit->value && written.insert(edit).second) {
+        add(key, edit->value->dump(2));
+      }
+      return true;
+    }));
+  }
+  for (const Edit& edit : edits_) {
+    if (edit.value && written.count(&edit) == 0) add(edit.key, edit.value->dump(2));
+  }
+  return (out.empty() ? "{" : out) + "\n}\n";
+}
+
+bool readText(const std::string& directory, const std::string& name, std::uint64_t maxBytes,
+              std::string& out) {
   const std::string path = directory + "/" + name;
   struct stat status;
   if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0) return false;
-  if (static_cast<std::uint64_t>(status.st_size) > kMaxTextBytes) {
-    throw Refused(kExitUnsupported, explain::rowOf(Id::FileNotRegular).name,
-                  fmt::format("{}: {} bytes are more than the {} of any description", name, status.st_size,
-                              kMaxTextBytes),
-                  fmt::format("Put the model's own {} there.", name));
+  if (static_cast<std::uint64_t>(status.st_size) > maxBytes) {
+    throw Refused(
+        kExitUnsupported, explain::rowOf(Id::FileNotRegular).name,
+        fmt::format("{}: {} bytes are more than the {} of any description", name, status.st_size, maxBytes),
+        fmt::format("Put the model's own {} there.", name));
   }
   std::vector<std::uint8_t> bytes;
   if (!zel::readFile(path, bytes)) {
@@ -54,29 +167,42 @@ bool readText(const std::string& directory, const std::string& name, std::string
   return true;
 }
 
-ModelTexts readModelTexts(const std::string& directory) {
+ModelTexts readModelTexts(const std::string& directory, Changes& changes) {
   ModelTexts texts;
-  if (!readJson(directory, texts.config, Id::ConfigBadJson, Id::ConfigNotObject)) {
+  if (!readJson(directory, texts.config, Id::ConfigBadJson, Id::ConfigNotObject, changes)) {
     throw Refused(kExitInvalid, explain::rowOf(Id::ConfigMissing).name,
                   "config.json: there is none that can be read", explain::rowOf(Id::ConfigMissing).todo);
   }
   for (JsonFile* file : {&texts.tokenizerConfig, &texts.specialTokensMap, &texts.generationConfig})
-    (void)readJson(directory, *file, Id::SideBadJson, Id::SideBadJson);
+    (void)readJson(directory, *file, Id::SideBadJson, Id::SideBadJson, changes);
+  if (texts.tokenizerConfig.find("added_tokens_decoder") == nullptr) {
+    Changes notWritten;
+    (void)readJson(directory, texts.addedTokens, Id::SideBadJson, Id::SideBadJson, notWritten);
+  }
   return texts;
 }
 
+const std::string* tokenText(const JsonFile& file, std::string_view member) {
+  const Json* token = file.find(member);
+  if (token == nullptr) return nullptr;
+  if (token->is_string()) return &token->get_ref<const std::string&>();
+  return textMember(*token, "content");
+}
+
+const JsonFile* fileThatNames(const ModelTexts& texts, std::string_view member) {
+  const bool isAlone = texts.tokenizerConfig.find("added_tokens_decoder") != nullptr;
+  if (!isAlone && tokenText(texts.specialTokensMap, member) != nullptr) return &texts.specialTokensMap;
+  return tokenText(texts.tokenizerConfig, member) != nullptr ? &texts.tokenizerConfig : nullptr;
+}
+
 std::vector<AddedToken> addedTokensOf(const ModelTexts& texts) {
+  if (const Json* decoder = texts.tokenizerConfig.find("added_tokens_decoder"); decoder != nullptr)
+    return tokensOfDecoder(*decoder);
+  const std::set<std::string> special = specialTexts(texts);
   std::vector<AddedToken> out;
-  const Json* decoder = findMember(texts.tokenizerConfig.root, "added_tokens_decoder");
-  if (decoder == nullptr || !decoder->is_object()) return out;
-  for (const auto& [key, value] : decoder->items()) {
-    const bool isNumber =
-        !key.empty() && key.size() <= 10 && key.find_first_not_of("0123456789") == std::string::npos;
-    const std::string* content = textMember(value, "content");
-    if (!isNumber || content == nullptr) continue;  // nothing that would be added
-    const Json* special = findMember(value, "special");
-    out.push_back({std::strtoll(key.c_str(), nullptr, 10), *content,
-                   special != nullptr && special->is_boolean() && special->get<bool>()});
+  for (const auto& [text, value] : texts.addedTokens.published().items()) {
+    if (const std::optional<std::int64_t> id = wholeNumber(value); id && *id >= 0)
+      out.push_back({*id, text, special.count(text) != 0});
   }
   return out;
 }

@@ -31,7 +31,7 @@ constexpr char kTokenizerModel[] = "tokenizer.model";
 constexpr const char* kTexts[] = {
     "config.json",           "tokenizer.json",          "tokenizer.model",
     "tokenizer_config.json", "special_tokens_map.json", "generation_config.json",
-    "chat_template.jinja",   "chat_template.json",
+    "chat_template.jinja",   "chat_template.json",      "added_tokens.json",
 };
 
 // Grows when a member changes its meaning or goes.
@@ -62,16 +62,16 @@ void refuseDisguises(const std::string& directory) {
 
 Tokenizer mendTokenizer(const std::string& directory, const ModelTexts& texts, Changes& changes) {
   std::string bytes;
-  if (readText(directory, kTokenizerJson, bytes)) {
+  if (readText(directory, kTokenizerJson, kMaxTextBytes, bytes)) {
     Tokenizer tokenizer = mendTokenizerJson(bytes, addedTokensOf(texts), changes);
-    if (std::string model; readText(directory, kTokenizerModel, model)) {
+    if (std::string model; readText(directory, kTokenizerModel, kMaxTextBytes, model)) {
       changes.push_back({kTokenizerModel, "the file", fmt::format("{} bytes", model.size()), "",
                          "tokenizer.json comes first, so an import would not read it",
                          explain::rowOf(Id::TokenizerModelIgnored).name});
     }
     return tokenizer;
   }
-  if (readText(directory, kTokenizerModel, bytes)) {
+  if (readText(directory, kTokenizerModel, kMaxTextBytes, bytes)) {
     return mendTokenizerModel(bytes, addedTokensOf(texts), changes);
   }
   return {};
@@ -137,12 +137,14 @@ Prepared prepareDirectory(const std::string& directory, const std::string& out,
                           const WeightOptions& options) {
   refuseDisguises(directory);
   Prepared prepared;
-  ModelTexts texts = readModelTexts(directory);
-  Tokenizer tokenizer = mendTokenizer(directory, texts, prepared.changes);
-  settleSpecialIds(texts, tokenizer, prepared.changes);
-  mendConfig(texts, prepared.changes);
-  mendChatTemplate(directory, texts, prepared.changes);
-  writeTexts(out, texts, tokenizer);
+  {  // the trees go before the result is read again
+    ModelTexts texts = readModelTexts(directory, prepared.changes);
+    Tokenizer tokenizer = mendTokenizer(directory, texts, prepared.changes);
+    settleSpecialIds(texts, tokenizer, prepared.changes);
+    mendConfig(texts, prepared.changes);
+    mendChatTemplate(directory, texts, prepared.changes);
+    writeTexts(out, texts, tokenizer);
+  }
   prepareWeights(directory, out, options, prepared.changes);
   prepared.explanation = explain::explainDirectory(out);
   const Json document = {{"schema", kSchema},

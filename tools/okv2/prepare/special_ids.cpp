@@ -28,19 +28,10 @@ struct Settled {
   std::string why;
 };
 
-// A text, or an object with the text as "content".
-const std::string* contentOf(const Json& file, const char* key) {
-  const Json* member = findMember(file, key);
-  if (member == nullptr) return nullptr;
-  if (member->is_string()) return &member->get_ref<const std::string&>();
-  return textMember(*member, "content");
-}
-
 // An id; the end-of-sequence id may be a list, of which the first counts.
-std::optional<std::int64_t> idIn(const Json& file, const char* key) {
-  const Json* member = findMember(file, key);
+std::optional<std::int64_t> idIn(const Json* member, std::string_view key) {
   if (member == nullptr) return std::nullopt;
-  if (member->is_array() && std::string_view(key) == "eos_token_id")
+  if (member->is_array() && key == "eos_token_id")
     return member->empty() ? std::nullopt : wholeNumber(member->front());
   return wholeNumber(*member);
 }
@@ -51,18 +42,13 @@ class Settler {
 
   // By what the tokenizer's own files say.
   bool byText(const Role& role, Settled& out) const {
-    const bool mapFirst = findMember(texts_.tokenizerConfig.root, "added_tokens_decoder") == nullptr;
-    const JsonFile* first = mapFirst ? &texts_.specialTokensMap : &texts_.tokenizerConfig;
-    const JsonFile* second = mapFirst ? &texts_.tokenizerConfig : &texts_.specialTokensMap;
-    for (const JsonFile* file : {first, second}) {
-      const std::string* text = contentOf(file->root, role.token);
-      if (text == nullptr) continue;
-      const auto known = tokenizer_.idOf.find(*text);
-      if (known == tokenizer_.idOf.end()) return false;  // a token that the vocabulary does not hold
-      out = {known->second, fmt::format("{} names \"{}\" as {}", file->name, *text, role.token)};
-      return true;
-    }
-    return false;
+    const JsonFile* file = fileThatNames(texts_, role.token);
+    if (file == nullptr) return false;
+    const std::string& text = *tokenText(*file, role.token);
+    const auto known = tokenizer_.idOf.find(text);
+    if (known == tokenizer_.idOf.end()) return false;  // a token that the vocabulary does not hold
+    out = {known->second, fmt::format("{} names \"{}\" as {}", file->name, text, role.token)};
+    return true;
   }
 
   bool byModel(const Role& role, Settled& out) const {
@@ -71,17 +57,21 @@ class Settler {
     return true;
   }
 
-  bool byId(const Json& file, const std::string& where, const Role& role, Settled& out) const {
-    const std::optional<std::int64_t> id = idIn(file, role.id);
+  bool byId(const Json* member, const std::string& where, const Role& role, Settled& out) const {
+    const std::optional<std::int64_t> id = idIn(member, role.id);
     if (!id || *id < 0 || *id >= tokenizer_.size) return false;
     out = {*id, fmt::format("{} has {}", where, role.id)};
     return true;
   }
 
+  bool byFile(const JsonFile& file, const Role& role, Settled& out) const {
+    return byId(file.find(role.id), file.name, role, out);
+  }
+
   bool byNestedConfig(const Role& role, Settled& out) const {
     std::string path;
-    const Json* nested = nestedTextConfig(texts_.config.root, path);
-    return nested != nullptr && byId(*nested, path + " of config.json", role, out);
+    const Json* nested = nestedTextConfig(texts_.config.published(), path);
+    return nested != nullptr && byId(findMember(*nested, role.id), path + " of config.json", role, out);
   }
 
  private:
@@ -91,18 +81,20 @@ class Settler {
 
 void settleForJson(ModelTexts& texts, const Tokenizer& tokenizer, Changes& changes) {
   for (const Role& role : kRoles) {
-    if (idIn(texts.config.root, role.id)) continue;  // given
+    // A negative one stands for none, as does null.
+    if (idIn(texts.config.find(role.id), role.id).value_or(-1) >= 0) continue;  // given
     const Settler settler(texts, tokenizer);
     Settled settled;
     const bool found = settler.byText(role, settled) || settler.byModel(role, settled) ||
-                       settler.byId(texts.generationConfig.root, "generation_config.json", role, settled) ||
+                       settler.byFile(texts.generationConfig, role, settled) ||
                        (tokenizer.ids.*role.field < 0 && settler.byNestedConfig(role, settled));
     const std::int64_t before = tokenizer.ids.*role.field;
     if (!found || settled.id == before) continue;
+    const Json* given = texts.config.find(role.id);
+    const std::string from = given != nullptr ? given->dump() : before < 0 ? "" : std::to_string(before);
+    changes.push_back({"config.json", fmt::format("$.{}", role.id), from, std::to_string(settled.id),
+                       settled.why, explain::rowOf(explain::Id::TokenizerSpecialIdOutside).name});
     texts.config.set(role.id, settled.id);
-    changes.push_back({"config.json", fmt::format("$.{}", role.id), before < 0 ? "" : std::to_string(before),
-                       std::to_string(settled.id), settled.why,
-                       explain::rowOf(explain::Id::TokenizerSpecialIdOutside).name});
   }
 }
 
@@ -110,17 +102,18 @@ void settleForModel(const ModelTexts& texts, Tokenizer& tokenizer, Changes& chan
   const Settler settler(texts, tokenizer);
   SpecialIds found;
   for (const Role& role : kRoles) {
-    if (tokenizer.ids.*role.field >= 0) continue;
+    const std::int64_t before = tokenizer.ids.*role.field;
     Settled settled;
     if (!settler.byText(role, settled) &&
-        !settler.byId(texts.generationConfig.root, "generation_config.json", role, settled) &&
-        !settler.byId(texts.config.root, "config.json", role, settled) &&
-        !settler.byNestedConfig(role, settled)) {
+        (before >= 0 ||
+         !(settler.byFile(texts.generationConfig, role, settled) ||
+           settler.byFile(texts.config, role, settled) || settler.byNestedConfig(role, settled)))) {
       continue;
     }
+    if (settled.id == before) continue;
     found.*role.field = settled.id;
-    changes.push_back({"tokenizer.model", fmt::format("{} in the settings", role.id), "",
-                       std::to_string(settled.id), settled.why,
+    changes.push_back({"tokenizer.model", fmt::format("{} in the settings", role.id),
+                       before < 0 ? "" : std::to_string(before), std::to_string(settled.id), settled.why,
                        explain::rowOf(explain::Id::TokenizerModelFieldNumbers).name});
   }
   if (found.bos >= 0 || found.eos >= 0 || found.unk >= 0 || found.pad >= 0) {
