@@ -405,17 +405,21 @@ TEST(MendGemma4, LetsNoOtherCapPassForTheFinalOne) {
 }
 
 TEST(MendGemma4, NamesARopeBaseThatAnImportWillDeriveOtherwise) {
-  for (const auto& [where, end] : {std::pair(R"("rope_local_base_freq":)", ""),
-                                   {R"("rope_parameters":{"sliding_attention":{"rope_theta":)", "}}"}}) {
-    const auto directoryFor = [&](const std::string& sliding) {
+  struct Place {
+    const char* where;
+    const char* end;
+  };
+  for (const Place& place : {Place{R"("rope_local_base_freq":)", ""},
+                             Place{R"("rope_parameters":{"sliding_attention":{"rope_theta":)", "}}"}}) {
+    const auto directoryFor = [&place](const std::string& sliding) {
       return PreparedDirectory(withConfig(R"({"model_type":"gemma4",)" + std::string(kAllSizes) +
-                                          R"(,"rope_theta":1000000.0,"text_config":{)" + where + sliding +
-                                          end + "}}"));
+                                          R"(,"rope_theta":1000000.0,"text_config":{)" + place.where +
+                                          sliding + place.end + "}}"));
     };
-    EXPECT_THAT(directoryFor("10000.0").remaining(), IsEmpty()) << where;
+    EXPECT_THAT(directoryFor("10000.0").remaining(), IsEmpty()) << place.where;
     const PreparedDirectory other = directoryFor("20000.0");
-    EXPECT_THAT(other.changes(), IsEmpty()) << where;
-    EXPECT_THAT(other.remaining(), ElementsAre("config.swa-rope")) << where;
+    EXPECT_THAT(other.changes(), IsEmpty()) << place.where;
+    EXPECT_THAT(other.remaining(), ElementsAre("config.swa-rope")) << place.where;
   }
 }
 

@@ -45,21 +45,36 @@ TEST(ReadModelTexts, RefusesMoreOfThemThanAnybodyWrites) {
                      "Mend config.json, or fetch it again."}));
 }
 
+// A file of `bytes` bytes, the first of which no reader takes: reading ends there.
+Refusal refusalOfLength(const std::string& name, std::size_t bytes) {
+  std::string text(bytes, ' ');
+  text[0] = '\xFF';
+  return refusalOfDirectory(withConfig(completeConfig()).file(name, text));
+}
+
 TEST(ReadModelTexts, RefusesDescriptionsThatAreTooLong) {
-  for (const char* name :
+  for (const std::string name :
        {"config.json", "tokenizer_config.json", "special_tokens_map.json", "generation_config.json",
         "added_tokens.json", "chat_template.json", "chat_template.jinja"}) {
-    const auto ofBytes = [name](std::size_t bytes) {
-      std::string text = completeConfig();
-      text.append(bytes - text.size(), ' ');
-      return withConfig(completeConfig()).file(name, text);
-    };
-    EXPECT_EQ(refusalOfDirectory(ofBytes(kMaxConfigBytes)), Refusal{}) << name;
-    EXPECT_EQ(refusalOfDirectory(ofBytes(kMaxConfigBytes + 1)),
-              (Refusal{3, "file.not-regular",
-                       std::string(name) + ": 8388609 bytes are more than the 8388608 of any description",
-                       "Put the model's own " + std::string(name) + " there."}));
+    EXPECT_EQ(
+        refusalOfLength(name, kMaxConfigBytes + 1),
+        (Refusal{3, "file.not-regular", name + ": 8388609 bytes are more than the 8388608 of any description",
+                 "Put the model's own " + name + " there."}));
   }
+}
+
+TEST(ReadModelTexts, ReadsDescriptionsAsLongAsTheLimit) {
+  for (const std::string name : {"config.json", "tokenizer_config.json", "special_tokens_map.json",
+                                 "generation_config.json", "added_tokens.json"}) {
+    const std::string finding = name == "config.json" ? "config.bad-json" : "side.bad-json";
+    EXPECT_EQ(refusalOfLength(name, kMaxConfigBytes),
+              (Refusal{7, finding, name + ": byte 0: json: unexpected char",
+                       "Mend " + name + ", or fetch it again."}));
+  }
+  EXPECT_EQ(refusalOfLength("chat_template.jinja", kMaxConfigBytes),
+            (Refusal{7, "template.jinja-file", "chat_template.jinja: it is not in UTF-8",
+                     "Fetch chat_template.jinja again."}));
+  EXPECT_EQ(refusalOfLength("chat_template.json", kMaxConfigBytes), Refusal{});  // no template is in it
 }
 
 TEST(JsonFile, WritesWhatIsNotChangedAsItWas) {

@@ -126,7 +126,7 @@ TEST(JoinVocabulary, RefusesTheHighestIdThatThereIs) {
 
 // Ids a multiple of a hash table's buckets apart: hundreds of thousands of steps each, were there one.
 TEST(JoinVocabulary, TakesAsLongForIdsThatShareABucket) {
-  constexpr std::int64_t kTokens = 500'000, kBuckets = 712'697;  // of libstdc++ for so many elements
+  constexpr std::int64_t kTokens = 200'000, kBuckets = 351'061;  // of libstdc++ for so many elements
   std::vector<Token> tokens;
   for (std::int64_t k = 0; k < kTokens; ++k)
     tokens.push_back({k * kBuckets, std::to_string(k)});
@@ -136,7 +136,7 @@ TEST(JoinVocabulary, TakesAsLongForIdsThatShareABucket) {
               return joinVocabulary(tokens, {}, kPlace, changes);
             }).exitCode,
             3);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
 }
 
 TEST(JoinVocabulary, RefusesTwoTokensOfOneId) {

@@ -105,7 +105,7 @@ std::vector<LiftedNumber> liftPythonNumbers(std::string& text) {
       ++at;  // whatever it escapes ends no text
     } else if (all[at] == '"') {
       inText = !inText;
-    } else if (!inText) {
+    } else if (!inText && (all[at] == 'N' || all[at] == 'I' || all[at] == '-')) {
       for (const std::string_view literal : kLiterals) {
         if (all.compare(at, literal.size(), literal) != 0) continue;
         if (found.size() == kMaxLiftedNumbers) return {};
