@@ -7,6 +7,7 @@
 
 #include "okv2/explain/explanation.h"
 #include "support/model_dir_builder.h"
+#include "support/proto_builder.h"
 #include "support/zip_builder.h"
 
 namespace zel::explain {
@@ -138,6 +139,25 @@ TEST(ExplainConfig, NamesSettingsOfGemma4WithoutAnItem) {
               ElementsAre("num_global_key_value_heads: config.json: num_global_key_value_heads is 2"));
   EXPECT_THAT(found(gemma4(R"("use_double_wide_mlp":false)"), Id::ConfigNotCarried), IsEmpty());
   EXPECT_THAT(found(withConfig(R"("use_double_wide_mlp":true)"), Id::ConfigNotCarried), IsEmpty());
+}
+
+TEST(ExplainTokenizer, NamesIdsThatDifferFromThoseOfTheConfiguration) {
+  // The settings lie in field 1, with the end of the text in field 6; a piece in field 3.
+  const auto with = [](const std::string& member) {
+    return ModelDirBuilder()
+        .config(std::string(kLlama) + "," + member + "}")
+        .file("tokenizer.model", test::ProtoBuilder()
+                                     .message(1, test::ProtoBuilder().varint(6, 0))
+                                     .message(3, test::ProtoBuilder().bytes(1, "</s>"))
+                                     .message(3, test::ProtoBuilder().bytes(1, "a"))
+                                     .str());
+  };
+  EXPECT_THAT(found(with(R"("eos_token_id":1,"bos_token_id":-1)"), Id::ConfigIdNotKept),
+              ElementsAre("eos_token_id: config.json: $.eos_token_id is 1, the container gets 0"));
+  EXPECT_THAT(found(with(R"("eos_token_id":[1,0])"), Id::ConfigIdNotKept), IsEmpty());
+  EXPECT_THAT(
+      found(with(R"("eos_token_id":[1,3])"), Id::ConfigIdNotKept),
+      ElementsAre("eos_token_id: config.json: $.eos_token_id is 1, the container gets 0"));
 }
 
 TEST(ExplainTokenizer, NamesAddedTokensThatHaveTheIdOfAnother) {

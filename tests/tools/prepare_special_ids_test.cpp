@@ -132,6 +132,16 @@ TEST(SettleSpecialIdsOfAModel, FollowsTheTextsBeforeTheModel) {
       Contains("tokenizer.model | eos_token_id in the settings | 2 | 4 | tokenizer.model-field-numbers"));
 }
 
+TEST(SettleSpecialIdsOfAModel, NamesAnIdOfTheConfigurationThatDiffers) {
+  const auto remainingWith = [](const std::string& member) {
+    return PreparedDirectory(withModel(completeConfig(member))).remaining();
+  };
+  EXPECT_THAT(remainingWith(R"("eos_token_id":3)"), ElementsAre("config.id-not-kept"));
+  EXPECT_THAT(remainingWith(R"("eos_token_id":2)"), IsEmpty());
+  EXPECT_THAT(remainingWith(R"("eos_token_id":-1)"), IsEmpty());
+  EXPECT_THAT(remainingWith(R"("eos_token_id":null)"), IsEmpty());
+}
+
 TEST(SettleSpecialIdsOfAModel, KeepsTheModelsIdWhenTheVocabularyLacksTheText) {
   const PreparedDirectory directory(
       withModel(R"({"model_type":"x"})").file("tokenizer_config.json", R"({"eos_token":"<|im_end|>"})"));

@@ -94,6 +94,13 @@ const json::Value* givenId(const json::Value& config, const char* key) {
   return value == nullptr || value->kind == json::Kind::Null ? nullptr : value;
 }
 
+// Whether a model's own id is what config.json means: a negative one stands for none, and any of a list will do.
+bool agrees(const json::Value& given, std::int32_t id) {
+  const auto isIt = [&](const json::Value& item) { return item.isNumber() && item.number == id; };
+  if (given.isArray()) return std::any_of(given.items.begin(), given.items.end(), isIt);
+  return isIt(given) || given.number < 0;
+}
+
 // What becomes of the special ids in config.json.
 void configIds(const json::Value& config, const TokenizerData& data, Explanation& out) {
   const bool isEmpty = data.tokens.empty();
@@ -109,7 +116,7 @@ void configIds(const json::Value& config, const TokenizerData& data, Explanation
     std::int64_t integer = 0;
     if (!id->isNumber() || !json::toInt64(id->number, integer)) {
       out.add(Id::ConfigWrongKind, key, fmt::format("config.json: $.{} is {}", key, shortJson(*id)));
-    } else if (integer != data.*field) {
+    } else if (integer != data.*field && (areRead || !agrees(*config.get(key), data.*field))) {
       out.add(Id::ConfigIdNotKept, key,
               fmt::format("config.json: $.{} is {}, the container gets {}", key, integer, data.*field));
     }
