@@ -155,9 +155,8 @@ TEST(ExplainTokenizer, NamesIdsThatDifferFromThoseOfTheConfiguration) {
   EXPECT_THAT(found(with(R"("eos_token_id":1,"bos_token_id":-1)"), Id::ConfigIdNotKept),
               ElementsAre("eos_token_id: config.json: $.eos_token_id is 1, the container gets 0"));
   EXPECT_THAT(found(with(R"("eos_token_id":[1,0])"), Id::ConfigIdNotKept), IsEmpty());
-  EXPECT_THAT(
-      found(with(R"("eos_token_id":[1,3])"), Id::ConfigIdNotKept),
-      ElementsAre("eos_token_id: config.json: $.eos_token_id is 1, the container gets 0"));
+  EXPECT_THAT(found(with(R"("eos_token_id":[1,3])"), Id::ConfigIdNotKept),
+              ElementsAre("eos_token_id: config.json: $.eos_token_id is 1, the container gets 0"));
 }
 
 TEST(ExplainTokenizer, NamesAddedTokensThatHaveTheIdOfAnother) {

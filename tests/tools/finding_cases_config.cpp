@@ -164,6 +164,33 @@ std::vector<FindingCase> configCases() {
   Do:  Set it in the consumer of the container.
 )",
        llamaWith(R"("bos_token_id":1)")},
+      {Id::ConfigSizeMissing, "Heads",
+       withConfig(R"({"model_type":"llama","hidden_size":8,"num_hidden_layers":2,"num_key_value_heads":1,)"
+                  R"("intermediate_size":16})"),
+       R"(loss config.size-missing: num_attention_heads
+  config.json: $.num_attention_heads gives no number, and stays 0
+  A size is given nowhere.
+  Why: Configurations leave out what is their class's default, and the metadata item is left out with it.
+  Do:  Add it to config.json, as the model's class or its tensors have it.
+)",
+       goodModel()},
+      {Id::ConfigSwaRope, "NoHundredth",
+       gemma4With(R"("rope_theta":1000000.0,"rope_local_base_freq":20000.0)"),
+       R"(loss config.swa-rope: rope_local_base_freq
+  config.json: rope_local_base_freq is 20000, and 10000 is written
+  The rope base of the sliding-window layers is not carried.
+  Why: A hundredth of rope_theta is written for it, and the published one differs.
+  Do:  Set it in the consumer of the container.
+)",
+       gemma4With(R"("rope_theta":1000000.0,"rope_local_base_freq":10000.0)")},
+      {Id::ConfigNotCarried, "KeysAreValues", gemma4With(R"("attention_k_eq_v":true)"),
+       R"(loss config.not-carried: attention_k_eq_v
+  config.json: attention_k_eq_v is true
+  A setting of Gemma 4 has no item in the container.
+  Why: Its layers differ in what the container says once for all of them.
+  Do:  Set it in the consumer of the container.
+)",
+       gemma4With(R"("attention_k_eq_v":false)")},
       {Id::ConfigSoftcapOverwritten, "Different",
        gemma4With(R"("final_logit_softcapping":30,"attn_logit_softcapping":50)"),
        R"(loss config.softcap-overwritten: final_logit_softcapping

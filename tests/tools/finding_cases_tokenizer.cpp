@@ -212,6 +212,15 @@ std::vector<FindingCase> vocabularyCases() {
   Do:  Run okv2 prepare DIR OUT: it moves them into the vocabulary.
 )",
        withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"<x>"}]})")},
+      {Id::TokenizerAddedElsewhere, "OtherText",
+       goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"1":{"content":"<x>"}}})"),
+       R"(loss tokenizer.added-elsewhere: tokenizer_config.json
+  1 of 1 added tokens, the first is "<x>" with id 1, which is "a"
+  An added token has the id of another token.
+  Why: The vocabulary's own text stays at that id, and the public tokenizer would put the added one there.
+  Do:  Look which of the two the model was trained with, and name it in the tokenizer file.
+)",
+       goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"1":{"content":"a"}}})")},
       {Id::TokenizerSpecialIdOutside, "FirstIdBeyond", withConfig(R"("pad_token_id":4)"),
        R"(loss tokenizer.special-id-outside: pad
   pad id 4 with 4 tokens

@@ -94,7 +94,8 @@ const json::Value* givenId(const json::Value& config, const char* key) {
   return value == nullptr || value->kind == json::Kind::Null ? nullptr : value;
 }
 
-// Whether a model's own id is what config.json means: a negative one stands for none, and any of a list will do.
+// Whether a model's own id is what config.json means: a negative one stands for none, and any of a list will
+// do.
 bool agrees(const json::Value& given, std::int32_t id) {
   const auto isIt = [&](const json::Value& item) { return item.isNumber() && item.number == id; };
   if (given.isArray()) return std::any_of(given.items.begin(), given.items.end(), isIt);
