@@ -17,7 +17,7 @@ SORTED = {"safetensorsHeader"}
 # From where the fixed cost of one run is no longer seen: 10^4 units, but for shards, which are files themselves.
 FIXED_COST_UP_TO = {"importShards": 100}
 
-WIDTH, HEIGHT, LEFT, BOTTOM, TOP = 640, 320, 70, 50, 40
+WIDTH, HEIGHT, LEFT, RIGHT, BOTTOM, TOP = 640, 320, 70, 50, 50, 40
 
 
 def si(value, unit):
@@ -34,7 +34,7 @@ def chart(name, points):
     span = max(max(xs) - min(xs), 1e-9)
 
     def px(x):
-        return LEFT + (x - min(xs)) / span * (WIDTH - LEFT - 30)
+        return LEFT + (x - min(xs)) / span * (WIDTH - LEFT - RIGHT)
 
     def py(y):
         return HEIGHT - BOTTOM - (y - low) / (high - low) * (HEIGHT - BOTTOM - TOP)
@@ -47,7 +47,7 @@ def chart(name, points):
     ]
     for decade in range(low, high + 1):
         y = py(decade)
-        out.append(f'<line x1="{LEFT}" x2="{WIDTH - 30}" y1="{y:.1f}" y2="{y:.1f}" stroke="#ddd"/>')
+        out.append(f'<line x1="{LEFT}" x2="{WIDTH - RIGHT}" y1="{y:.1f}" y2="{y:.1f}" stroke="#ddd"/>')
         out.append(f'<text x="{LEFT - 6}" y="{y + 4:.1f}" text-anchor="end">{si(10.0**decade, "s")}</text>')
     for n, t in points:
         x, y = px(math.log10(n)), py(math.log10(t))
