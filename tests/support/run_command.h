@@ -44,7 +44,18 @@ class Command {
     for (std::string& word : copies)
       argv.push_back(word.data());
     argv.push_back(nullptr);
-    const int error = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+    // A shell starts background jobs with some signals ignored, and a child inherits that: tests that
+    // send a signal would then wait for an end that never comes.
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
+      sigaddset(&defaults, signal);
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigdefault(&attributes, &defaults);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
+    const int error = posix_spawn(&pid_, argv[0], &actions, &attributes, argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::runtime_error("cannot run " + words[0]);
   }
