@@ -5,7 +5,6 @@
 //
 // OKV2_BENCH_SIZE (default 1M) is the size of the sample model that is imported, as in `okv2 sample --size`.
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -14,8 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "bench/plugin_import.h"
 #include "hf/json.h"
-#include "plugin/host_abi.h"
 #include "readers/safetensors_importer.h"
 
 namespace {
@@ -133,47 +132,27 @@ class SampleModel {
   bool made_ = false;
 };
 
-// The plug-in as a host sees it. Stays loaded.
-const OKVImporter* loadImporter() {
-  void* const library = dlopen(OKV2_PLUGIN, RTLD_NOW | RTLD_LOCAL);
-  if (library == nullptr) return nullptr;
-  const auto importers = reinterpret_cast<okv_plugin_importers_fn>(dlsym(library, "okv_plugin_importers"));
-  return importers != nullptr ? importers(nullptr) : nullptr;
-}
-
 void importSampleModel(benchmark::State& state) {
   static const SampleModel model;  // made once, however often the library calls this function
   if (!check(state, model.made(), "okv2 sample failed")) return;
-  const OKVImporter* const importer = loadImporter();
+  const OKVImporter* const importer = zel::bench::loadImporter(OKV2_PLUGIN);
   if (!check(state, importer != nullptr, "the plug-in does not load")) return;
-  const std::string directory = model.directory();
   const std::string container = model.container();
-  char error[256] = "";
-  std::uint64_t tensors = 0;
-  std::uint64_t bytes = 0;
-  OKVImportContext context{};
-  context.struct_size = sizeof context;
-  context.dst_path = container.c_str();
-  context.error_buf = error;
-  context.error_buf_size = sizeof error;
-  context.out_tensor_count = &tensors;
-  context.out_file_size = &bytes;
-  if (!check(state, importer->import(directory.c_str(), &context) == OKV_OK, error)) return;
+  zel::bench::PluginImport import(*importer, model.directory(), container);
+  if (!check(state, import.run(), import.error())) return;
   const std::string verify = std::string("'" OKV2_COMMAND "' verify '") + container + "' >/dev/null";
-  if (!check(state, tensors > 0 && std::system(verify.c_str()) == 0, "okv2 verify refuses the container")) {
+  if (!check(state, import.tensors() > 0 && std::system(verify.c_str()) == 0,
+             "okv2 verify refuses the container")) {
     return;
   }
   for (auto _ : state) {
     state.PauseTiming();
     std::filesystem::remove(container);  // a fresh output each time: overwriting pages is other work
     state.ResumeTiming();
-    if (importer->import(directory.c_str(), &context) != OKV_OK) {
-      check(state, false, error);
-      break;
-    }
+    if (!check(state, import.run(), import.error())) break;
   }
-  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes));
-  state.counters["tensors"] = static_cast<double>(tensors);
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(import.bytes()));
+  state.counters["tensors"] = static_cast<double>(import.tensors());
 }
 BENCHMARK(importSampleModel)->UseRealTime()->Unit(benchmark::kMillisecond);
 

@@ -3,7 +3,6 @@
 //
 //   scaling_bench --benchmark_format=json | bench/charts.py OUT_DIR
 #include <benchmark/benchmark.h>
-#include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -12,8 +11,8 @@
 #include <string>
 
 #include "bench/inputs.h"
+#include "bench/plugin_import.h"
 #include "hf/hf_importer.h"
-#include "plugin/host_abi.h"
 #include "readers/pytorch_importer.h"
 #include "readers/safetensors_importer.h"
 #include "support/model_dir_builder.h"
@@ -109,11 +108,8 @@ void pickleBytes(benchmark::State& state) {
 
 // A whole import, one tensor of 4 KB a shard, over an output on the same disk.
 void importShards(benchmark::State& state) {
-  void* const library = dlopen(OKV2_PLUGIN, RTLD_NOW | RTLD_LOCAL);
-  require(library != nullptr, "the plug-in does not load");
-  const auto importers = reinterpret_cast<okv_plugin_importers_fn>(dlsym(library, "okv_plugin_importers"));
-  require(importers != nullptr, "the plug-in exports nothing");
-  const OKVImporter* const importer = importers(nullptr);
+  const OKVImporter* const importer = zel::bench::loadImporter(OKV2_PLUGIN);
+  require(importer != nullptr, "the plug-in does not load");
 
   const auto shards = std::size_t(state.range(0));
   ModelDirBuilder model;
@@ -124,19 +120,9 @@ void importShards(benchmark::State& state) {
                                                        "F32", {1024}));
   }
   const zel::test::TempDir dir;
-  const std::string directory = model.write(dir);
-  const std::string container = dir / "model.okv2";
-  char error[256] = "";
-  std::uint64_t tensors = 0;
-  OKVImportContext context{};
-  context.struct_size = sizeof context;
-  context.dst_path = container.c_str();
-  context.error_buf = error;
-  context.error_buf_size = sizeof error;
-  context.out_tensor_count = &tensors;
-  for (auto _ : state) {
-    require(importer->import(directory.c_str(), &context) == OKV_OK && tensors == shards, error);
-  }
+  zel::bench::PluginImport import(*importer, model.write(dir), dir / "model.okv2");
+  for (auto _ : state)
+    require(import.run() && import.tensors() == shards, import.error());
   perUnit(state, double(shards));
 }
 
