@@ -47,27 +47,40 @@ unsigned hueOf(std::string_view name) {
   return hash % 360;
 }
 
+std::string colour(unsigned hue) { return fmt::format("hsl({},55%,62%)", hue); }
+
 // Far apart for sections that lie side by side.
 unsigned sectionHue(SectionType type) { return static_cast<unsigned>(type) * 150 % 360; }
 
 // A piece of a bar, `share` of its width.
-std::string piece(double share, unsigned hue, const std::string& title, const std::string& label) {
-  return fmt::format(
-      "<div class=\"piece\" style=\"flex:{:.6f};background:hsl({},55%,62%)\" title=\"{}\">{}</div>",
-      std::max(share, kSmallestShown), hue, htmlEscaped(title), share > 0.06 ? htmlEscaped(label) : "");
+std::string piece(double share, const std::string& background, const std::string& title,
+                  const std::string& label) {
+  return fmt::format("<div class=\"piece\" style=\"flex:{:.6f};background:{}\" title=\"{}\">{}</div>",
+                     std::max(share, kSmallestShown), background, htmlEscaped(title),
+                     share > 0.06 ? htmlEscaped(label) : "");
+}
+
+// Zero bytes between sections, and behind the last.
+std::string padding(std::uint64_t from, std::uint64_t to, double whole) {
+  return piece(static_cast<double>(to - from) / whole, "var(--soft)",
+               fmt::format("padding, {} bytes at {}", to - from, from), "");
 }
 
 void sectionsMap(const ContainerView& view, std::string& out) {
   out += "<h2>Map of the file</h2>\n<div class=\"bar tall\">";
   const auto whole = static_cast<double>(std::max<std::size_t>(view.file.size(), 1));
-  out += piece(static_cast<double>(okv2::kFirstSectionOffset) / whole, 0, "header, 256 bytes", "header");
+  std::uint64_t end = okv2::kFirstSectionOffset;
+  out += piece(static_cast<double>(end) / whole, colour(0), "header, 256 bytes", "header");
   for (const SectionType type : okv2::kFileOrder) {
     const SectionView& section = view.section(type);
     if (section.size == 0) continue;
-    out += piece(static_cast<double>(section.size) / whole, sectionHue(type),
+    if (section.offset > end) out += padding(end, section.offset, whole);
+    out += piece(static_cast<double>(section.size) / whole, colour(sectionHue(type)),
                  fmt::format("{}, {} bytes at {}", sectionName(type), section.size, section.offset),
                  sectionName(type));
+    end = std::max(end, section.offset + section.size);
   }
+  if (view.file.size() > end) out += padding(end, view.file.size(), whole);
   out +=
       "</div>\n<table class=\"narrow\"><thead><tr><th>Section</th><th class=\"n\">Offset</th><th "
       "class=\"n\">Bytes</th>"
@@ -119,7 +132,7 @@ void tensorMap(const ContainerView& view, std::string& out) {
       const double share =
           static_cast<double>(tensor->size) / static_cast<double>(std::max<std::uint64_t>(layer.bytes, 1));
       const std::string role = roleOf(tensor->name);
-      out += piece(share, hueOf(role),
+      out += piece(share, colour(hueOf(role)),
                    fmt::format("{} {} {}, {} bytes", escaped(tensor->name), dtypeName(tensor->dtype),
                                shapeText(*tensor), tensor->size),
                    escaped(role));
