@@ -47,6 +47,12 @@ for file in include/importer_hf/host_abi.h share/doc/importer-hf/copyright \
   [[ -s $root/usr/$file ]] || fail "the package has no usr/$file"
 done
 
+# No page leads to a file that the package does not have.
+while IFS=: read -r page link; do
+  target=$(dirname "$page")/${link%%#*}
+  [[ -e $target ]] || fail "$page links to $link"
+done < <(grep -roP --include='*.md' '\]\(\K(?!https?:|#)[^)]+(?=\))' "$root/usr/share/doc/importer-hf")
+
 # Used from there.
 okv2=$root/usr/bin/okv2
 expect_equal "okv2 --version" "$("$okv2" --version)" "okv2 $version"
