@@ -7,9 +7,6 @@ function(okv2_test_flags target)
   if(OKV2_SANITIZE MATCHES undefined)
     target_compile_options(${target} PRIVATE -fno-sanitize=undefined)
   endif()
-  if(OKV2_COVERAGE)  # only src/ is counted
-    target_compile_options(${target} PRIVATE -fno-profile-arcs -fno-test-coverage)
-  endif()
 endfunction()
 
 # GoogleTest's headers, compiled once for all tests: half of what a test file costs. An executable, since its

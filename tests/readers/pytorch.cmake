@@ -15,7 +15,7 @@ okv2_add_test(NAME pytorch_test
 if(OKV2_SANITIZE)
   set_source_files_properties(pickle_machine.cpp PROPERTIES COMPILE_OPTIONS "-O1;-fsanitize=${OKV2_SANITIZE}")
 elseif(OKV2_COVERAGE)
-  set_source_files_properties(pickle_machine.cpp PROPERTIES COMPILE_OPTIONS "-fprofile-arcs;-ftest-coverage")
+  set_source_files_properties(pickle_machine.cpp PROPERTIES COMPILE_OPTIONS "--coverage;-fprofile-update=atomic")
 else()
   set_source_files_properties(pickle_machine.cpp PROPERTIES COMPILE_OPTIONS "$<$<NOT:$<CONFIG:Debug>>:-O3>")
 endif()

@@ -14,15 +14,9 @@
 #define OKV2_SANITIZED 0
 #endif
 
-#ifndef OKV2_COVERAGE
-#define OKV2_COVERAGE 0
-#endif
-
 namespace zel::test {
 
 inline constexpr bool kSanitized = OKV2_SANITIZED != 0;
-// The code that counts what is covered reads and writes files of its own.
-inline constexpr bool kCountsCoverage = OKV2_COVERAGE != 0;
 
 // The long forms of docs/reliability.md run with OKV2_LONG=1 in the environment.
 inline int rounds(int quick, int longForm) {
