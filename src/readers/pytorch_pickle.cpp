@@ -672,10 +672,17 @@ Status PyTorchImporter::parsePickle() {
   for (const auto& [key, value] : vm.stack().back().dict()) {
     ZEL_RETURN_IF_ERROR(readRecord(key, value, records.emplace_back()));
   }
+  // Names that the program spells out cannot be longer than itself. One long name taken from the memo a
+  // million times would be, here and in everything that compares or copies names later: time and memory out
+  // of all proportion to the file are answered as the failed allocation that they would end in.
+  constexpr std::uint64_t kFreeNameBytes = 1 << 24;
+  std::uint64_t nameBytes = 0;
+  for (const TensorRecord& record : records)
+    nameBytes += record.name.size();
+  if (nameBytes > program->compressedSize + kFreeNameBytes) throw std::bad_alloc();
   std::stable_sort(records.begin(), records.end(), nameLess);
 
   StorageEntries storages(*this);
-  std::uint64_t nameBytes = 0;
   for (TensorRecord& record : records) {
     record.entry = storages.find(record.storage);
     if (record.entry == nullptr) {
@@ -688,13 +695,7 @@ Status PyTorchImporter::parsePickle() {
                    Long(record.byteOffset), Long(record.entry->uncompressedSize));
       return corrupted("torch: tensor exceeds storage");
     }
-    nameBytes += record.name.size();
   }
-  // Names that the program spells out cannot be longer than itself. One long name taken from the memo a
-  // million times would be, here and in everything that copies names later: memory out of all proportion to
-  // the file is answered as the failed allocation that it would end in.
-  constexpr std::uint64_t kFreeNameBytes = 1 << 24;
-  if (nameBytes > program->compressedSize + kFreeNameBytes) throw std::bad_alloc();
 
   tensors_.reserve(records.size());
   for (const TensorRecord& record : records) {

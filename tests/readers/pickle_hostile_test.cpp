@@ -182,16 +182,25 @@ TEST_P(PickleBombs, CostMemoryInProportionToTheProgram) {
   EXPECT_EQ(liveBytes, before);
 }
 
+// Processor time of this thread.
+template <class Work>
+double secondsOf(const Work& work) {
+  timespec begin{}, end{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+  work();
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+  return double(end.tv_sec - begin.tv_sec) + 1e-9 * double(end.tv_nsec - begin.tv_nsec);
+}
+
+void mustBeRead(const std::string& stream) {
+  const Status status = test::judgePickle(stream).status;
+  if (!status.ok()) throw std::runtime_error(status.message());
+}
+
 double secondsPerByte(const std::string& stream, int runs) {
   double best = 1e9;
-  for (int k = 0; k < runs; ++k) {
-    timespec begin{}, end{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
-    const Status status = test::judgePickle(stream).status;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
-    if (!status.ok()) throw std::runtime_error(status.message());
-    best = std::min(best, double(end.tv_sec - begin.tv_sec) + 1e-9 * double(end.tv_nsec - begin.tv_nsec));
-  }
+  for (int k = 0; k < runs; ++k)
+    best = std::min(best, secondsOf([&stream] { mustBeRead(stream); }));
   return best / double(stream.size());
 }
 
@@ -302,6 +311,57 @@ TEST(PyTorchBomb, OfOneLongNameForManyTensorsIsRefusedBeforeAnyIsCopied) {
   PyTorchImporter importer;
   EXPECT_THROW((void)importer.openBytes(bytes), std::bad_alloc);
   EXPECT_LE(peakBytes - before, bytes.size() * kBytesPerByte + (1 << 20));
+}
+
+// Work on a checkpoint against that of the machine over its program alone, which is linear. Both are much
+// smaller than the tolerance apart; what goes through a list for every tensor is hundreds of times as slow.
+template <class Open>
+void expectTimeOfTheProgram(const std::string& program, const Open& open) {
+  double ratio = 0;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    ratio = secondsOf(open) / secondsOf([&program] { mustBeRead(program); });
+    if (ratio < kTolerance) break;
+  }
+  EXPECT_LT(ratio, kTolerance);
+}
+
+// To order such names means to compare all of their bytes each time.
+TEST(PyTorchBomb, OfTwoLongNamesThatDifferInTheirLastByteIsRefusedBeforeTheyAreCompared) {
+  const std::string name(800'000 / kShrink, 'n');
+  PickleBuilder builder;
+  builder.binunicode(name + 'a').op(Op::MEMOIZE).binunicode(name + 'b').op(Op::MEMOIZE);
+  builder.tensor({"", {1}, "s"}).op(Op::MEMOIZE).op(Op::EMPTY_DICT);
+  builder.repeat(
+      40'000 / kShrink,
+      PickleBuilder().binget(0).binget(2).op(Op::SETITEM).binget(1).binget(2).op(Op::SETITEM).bytes());
+  const std::string program = builder.stop();
+  const std::string bytes = test::ZipBuilder().add("data.pkl", program).add("s", "1234").build();
+  expectTimeOfTheProgram(program, [&bytes] {
+    PyTorchImporter importer;
+    EXPECT_THROW((void)importer.openBytes(bytes), std::bad_alloc);
+  });
+}
+
+TEST(PyTorchDirectory, Of65535EntriesAnd100000TensorsIsReadInTimeThatGrowsWithTheirSum) {
+  const std::size_t entries = 65'535 / kShrink;
+  const std::size_t tensors = 100'000 / kShrink;
+  PickleBuilder builder;
+  builder.op(Op::EMPTY_DICT);
+  for (std::size_t k = 0; k < tensors; ++k) {
+    const std::string number = std::to_string(k);
+    builder.binunicode("blk." + number).tensor({"", {1}, std::to_string(k % (entries - 1))}).op(Op::SETITEM);
+  }
+  const std::string program = builder.stop();
+  test::ZipBuilder zip;
+  for (std::size_t k = 0; k + 1 < entries; ++k)
+    zip.add(std::to_string(k), "1234");
+  const std::string bytes = zip.add("data.pkl", program).build();
+  expectTimeOfTheProgram(program, [&bytes, entries, tensors] {
+    PyTorchImporter importer;
+    EXPECT_THAT(importer.openBytes(bytes), IsOk());
+    EXPECT_EQ(importer.entries().size(), entries);
+    EXPECT_EQ(importer.tensors().size(), tensors);
+  });
 }
 
 }  // namespace
