@@ -61,18 +61,6 @@ TEST(Crc64, AgreesWithBitByBitDivisionForEveryByteValueAndLength) {
   }
 }
 
-TEST(Crc64, FirstUseMayComeFromManyThreads) {
-  std::vector<std::uint64_t> values(8);
-  std::vector<std::thread> threads;
-  for (std::uint64_t& value : values) {
-    threads.emplace_back([&value] { value = crcOf("123456789"); });
-  }
-  for (std::thread& thread : threads)
-    thread.join();
-  for (const std::uint64_t value : values)
-    EXPECT_EQ(value, 0x4DB9A9F87EC10C59U);
-}
-
 TEST(Align, RoundsUpToTheNextMultipleOf64) {
   EXPECT_EQ(align(0), 0U);
   EXPECT_EQ(align(1), 64U);
