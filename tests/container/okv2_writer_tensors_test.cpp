@@ -44,6 +44,12 @@ TEST(OKV2WriterAddTensor, RefusesANullName) {
               StatusIs(Code::InvalidFormat, "OKV2: bad tensor descriptor"));
 }
 
+TEST(OKV2WriterAddTensor, RefusesNullData) {
+  OKV2Writer writer;
+  EXPECT_THAT(writer.addTensor("w", 0, kDims, 1, nullptr, 1),
+              StatusIs(Code::InvalidFormat, "OKV2: bad tensor descriptor"));
+}
+
 TEST(OKV2WriterAddTensor, RefusesNoDimensionAndFive) {
   OKV2Writer writer;
   EXPECT_THAT(writer.addTensor("w", 0, kDims, 0, &kByte, 1),

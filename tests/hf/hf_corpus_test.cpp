@@ -107,6 +107,14 @@ TEST(ConfigCorpus, EveryConfigurationGivesItsFieldsAndItems) {
     expectOpened(corpusPath("configs/" + row.at("dir")), row);
 }
 
+TEST(ModelDirsCorpus, EveryDirectoryGivesItsFieldsAndItems) {
+  OKV2_REQUIRE_CORPUS();
+  const auto rows = readCorpusTable("model-dirs/model-dirs.tsv");
+  ASSERT_EQ(rows.size(), 15U);
+  for (const CorpusRow& row : rows)
+    expectOpened(corpusPath("model-dirs/" + row.at("dir")), row);
+}
+
 TEST(TokenizerCorpus, EveryTokenizerJsonGivesItsCountsAndIds) {
   OKV2_REQUIRE_CORPUS();
   const auto rows = readCorpusTable("tokenizers/tokenizers.tsv");

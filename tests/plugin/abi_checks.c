@@ -106,6 +106,24 @@ static int probes_as_foreign(const AbiSubject* subject, const char* path) {
          out.detail == NULL && out.reason == NULL;
 }
 
+/* good_dir with so many trailing slashes that the whole path has `length` bytes. */
+static char* with_slashes(const AbiSubject* subject, char* path, size_t length) {
+  const size_t begin = strlen(subject->good_dir);
+  memcpy(path, subject->good_dir, begin);
+  memset(path + begin, '/', length - begin);
+  path[length] = '\0';
+  return path;
+}
+
+/* A system takes paths of up to 4095 bytes, and "/config.json" has 12: how many slashes were dropped shows
+ * there. */
+const char* abi_check_probe_slashes(const AbiSubject* subject) {
+  char path[4200];
+  CHECK(probes_as_match(subject, with_slashes(subject, path, 4084)));   /* one is dropped, */
+  CHECK(probes_as_foreign(subject, with_slashes(subject, path, 4085))); /* and not two */
+  return NULL;
+}
+
 const char* abi_check_probe(const AbiSubject* subject) {
   CHECK(probes_as_match(subject, subject->good_dir));
   CHECK(probes_as_match(subject, subject->slash_dir));

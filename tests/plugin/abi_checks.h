@@ -32,6 +32,7 @@ const char* abi_check_descriptor(const AbiSubject* subject);
 const char* abi_check_importer(const AbiSubject* subject);
 const char* abi_check_importer_count(const AbiSubject* subject);
 const char* abi_check_probe(const AbiSubject* subject);
+const char* abi_check_probe_slashes(const AbiSubject* subject);
 const char* abi_check_probe_null(const AbiSubject* subject);
 const char* abi_check_inspect(const AbiSubject* subject);
 const char* abi_check_inspect_null(const AbiSubject* subject);

@@ -42,6 +42,7 @@ TEST_F(HostAbi, TheDescriptorIsRightByteByByte) { run(abi_check_descriptor); }
 TEST_F(HostAbi, TheImporterRecordIsRightByteByByte) { run(abi_check_importer); }
 TEST_F(HostAbi, TheTableHasOneImporterAndTakesANullCounter) { run(abi_check_importer_count); }
 TEST_F(HostAbi, ProbeAnswersForEveryKindOfPath) { run(abi_check_probe); }
+TEST_F(HostAbi, ProbeDropsOneTrailingSlashAndNeverTwo) { run(abi_check_probe_slashes); }
 TEST_F(HostAbi, ProbeRefusesNullArgumentsAndWritesNothing) { run(abi_check_probe_null); }
 TEST_F(HostAbi, InspectTellsTheArchitectureOrInvalid) { run(abi_check_inspect); }
 TEST_F(HostAbi, InspectRefusesNullArgumentsAndWritesNothing) { run(abi_check_inspect_null); }

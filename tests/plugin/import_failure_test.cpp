@@ -172,24 +172,35 @@ TEST_F(ImportFailure, WithATensorWithoutAName) {
                 "convert: cannot map tensor ''");
 }
 
-TEST_F(ImportFailure, OfADirectoryThatMayNotBeListed) {
-  const std::string source = ModelDirBuilder().write(dir_);
-  const std::string destination = dir_ / "out.okv2";
-  ASSERT_EQ(chmod(source.c_str(), 0311), 0);  // files can be opened by name, names cannot be listed
+// Imports a directory whose files can be opened by name, but whose names cannot be listed.
+ImportAnswer importUnlistable(const TempDir& dir, const std::string& source, const std::string& destination) {
+  EXPECT_EQ(chmod(source.c_str(), 0311), 0);
   // Permissions do not bind the superuser: act as "nobody" for the one call.
   const bool isRoot = geteuid() == 0;
   if (isRoot) {
-    ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
-    ASSERT_EQ(seteuid(65534), 0);
+    EXPECT_EQ(chmod(dir.path().c_str(), 0755), 0);
+    EXPECT_EQ(seteuid(65534), 0);
   }
-  const ImportAnswer answer = importDir(source, destination);
+  ImportAnswer answer = importDir(source, destination);
   if (isRoot) {
-    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(seteuid(0), 0);
   }
-  ASSERT_EQ(chmod(source.c_str(), 0755), 0);
+  EXPECT_EQ(chmod(source.c_str(), 0755), 0);
+  EXPECT_FALSE(std::filesystem::exists(destination));
+  return answer;
+}
+
+TEST_F(ImportFailure, OfADirectoryThatMayNotBeListed) {
+  const ImportAnswer answer = importUnlistable(dir_, ModelDirBuilder().write(dir_), dir_ / "out.okv2");
   EXPECT_EQ(answer.code, 6);
   EXPECT_EQ(answer.message, "convert: cannot open directory");
-  EXPECT_FALSE(std::filesystem::exists(destination));
+}
+
+TEST_F(ImportFailure, OfTheConfigurationIsReportedBeforeTheDirectoryIsListed) {
+  const ImportAnswer answer =
+      importUnlistable(dir_, ModelDirBuilder().config("{").write(dir_), dir_ / "out.okv2");
+  EXPECT_EQ(answer.code, 7);
+  EXPECT_EQ(answer.message, "hf: bad config.json");
 }
 
 // ---- the destination

@@ -214,6 +214,16 @@ TEST_F(PyTorchImport, RefusesATensorThatBeginsAfterTheFile) {
                 7, "convert: cannot read tensor");
 }
 
+// The writer would refuse these shapes as well, but is not asked for what cannot be read.
+TEST_F(PyTorchImport, RefusesAnEmptyTensorOrAScalarThatBeginsAfterTheFileAsUnreadable) {
+  for (const std::vector<std::uint64_t>& shape : {std::vector<std::uint64_t>{0}, {}, {1, 1, 1, 1, 1}}) {
+    expectFailure(checkpoint({{"w", shape, "s", "FloatStorage", 0x3FFFFFF0}})
+                      .add("s", "data")
+                      .lieCentral(zip_central::kUncompressedSize, 0xFFFFFFFF),
+                  7, "convert: cannot read tensor");
+  }
+}
+
 // ---- shapes and names that the container cannot hold
 
 TEST_F(PyTorchImport, AcceptsFourDimensions) {
