@@ -2,10 +2,10 @@
 #include <fmt/format.h>
 #include <openssl/evp.h>
 
-#include <fstream>
+#include <algorithm>
+#include <charconv>
 #include <map>
-#include <memory>
-#include <sstream>
+#include <optional>
 #include <stdexcept>
 
 #include "okv2/commands.h"
@@ -14,6 +14,7 @@
 #include "okv2/exit_codes.h"
 #include "okv2/failure.h"
 #include "okv2/json_output.h"
+#include "okv2/text_file.h"
 
 namespace zel::tool {
 namespace {
@@ -41,22 +42,69 @@ std::string sumLine(const std::string& digest, std::string_view name) {
 
 struct Sum {
   std::string digest;
-  std::string name;  // escaped
+  std::string name;  // as it is, without escapes
 };
 
-// False when a line is none of sha256sum's.
-bool parseSums(const std::string& text, std::vector<Sum>& out) {
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    if (!line.empty() && line[0] == '\\') line.erase(0, 1);
-    if (line.size() < kDigits + 2 || line[kDigits] != ' ' ||
-        line.substr(0, kDigits).find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-      return false;
+// Takes back what sumLine() has done to a name. Nothing when there is an escape that it does not make.
+std::optional<std::string> unescaped(std::string_view text) {
+  std::string out;
+  while (!text.empty()) {
+    const char first = text[0];
+    text.remove_prefix(1);
+    if (first != '\\') {
+      out += first;
+      continue;
     }
-    Sum sum{line.substr(0, kDigits), line.substr(kDigits + 2)};
-    for (char& c : sum.digest)
-      c = static_cast<char>(c >= 'A' && c <= 'F' ? c - 'A' + 'a' : c);
-    out.push_back(std::move(sum));
+    const char kind = text.empty() ? '\0' : text[0];
+    text.remove_prefix(text.empty() ? 0 : 1);
+    unsigned char byte = 0;
+    switch (kind) {
+      case 'n': byte = '\n'; break;
+      case 'r': byte = '\r'; break;
+      case 't': byte = '\t'; break;
+      case '\\': byte = '\\'; break;
+      case 'x': {
+        const char* end = text.data() + std::min<std::size_t>(text.size(), 2);
+        if (const auto [at, error] = std::from_chars(text.data(), end, byte, 16);
+            error != std::errc() || at != text.data() + 2) {
+          return std::nullopt;
+        }
+        text.remove_prefix(2);
+        break;
+      }
+      default: return std::nullopt;
+    }
+    out += static_cast<char>(byte);
+  }
+  return out;
+}
+
+bool isDigest(std::string_view text) {
+  return text.size() == kDigits && text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
+}
+
+// False when a line is none of sha256sum's.
+bool parseSum(std::string_view line, Sum& out) {
+  // From an editor or a transfer that ends lines with two characters: names that end so are escaped.
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  const bool hasEscapes = !line.empty() && line[0] == '\\';
+  if (hasEscapes) line.remove_prefix(1);
+  if (line.size() < kDigits + 2 || line[kDigits] != ' ' || !isDigest(line.substr(0, kDigits))) return false;
+  out.digest = line.substr(0, kDigits);
+  for (char& c : out.digest)
+    c = static_cast<char>(c >= 'A' && c <= 'F' ? c - 'A' + 'a' : c);
+  out.name = line.substr(kDigits + 2);
+  if (!hasEscapes) return true;
+  std::optional<std::string> name = unescaped(out.name);
+  if (name) out.name = std::move(*name);
+  return name.has_value();
+}
+
+bool parseSums(std::string_view text, std::vector<Sum>& out) {
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    if (!parseSum(text.substr(0, end), out.emplace_back())) return false;
+    text.remove_prefix(std::min(end + 1, text.size()));
   }
   return true;
 }
@@ -81,25 +129,25 @@ int printSums(const HashOptions& options, const ContainerView& view) {
 }
 
 int check(const HashOptions& options, const ContainerView& view) {
-  std::ifstream in(options.sums, std::ios::binary);
-  std::ostringstream text;
-  if (!in || !(text << in.rdbuf())) {
-    return fail(options.json, "hash", kExitIoError, "cannot read " + escaped(options.sums));
-  }
+  std::string text;
+  if (const int code = readText(options.json, "hash", options.sums, text); code != kExitOk) return code;
   std::vector<Sum> sums;
-  if (!parseSums(text.str(), sums)) {
+  if (!parseSums(text, sums)) {
     return fail(options.json, "hash", kExitInvalid, escaped(options.sums) + ": not a list of sums");
   }
   // Several tensors may share a name: they answer in their order.
   std::map<std::string, std::vector<const TensorView*>> byName;
   for (auto it = view.tensors.rbegin(); it != view.tensors.rend(); ++it)
-    byName[escaped(it->name)].push_back(&*it);
+    byName[std::string(it->name)].push_back(&*it);
   std::size_t failed = 0;
   Json results = Json::array();
   const auto tell = [&](const std::string& name, const char* result, bool good) {
     failed += !good;
-    results.push_back({{"name", name}, {"result", result}});
-    if (!options.json) fmt::print("{}: {}\n", name, result);
+    if (options.json) {
+      results.push_back({{"name", escaped(name)}, {"result", result}});
+    } else {
+      fmt::print("{}: {}\n", escaped(name), result);
+    }
   };
   for (const Sum& sum : sums) {
     auto& tensors = byName[sum.name];
@@ -134,11 +182,8 @@ int runHash(const HashOptions& options) {
   if (const int code = readContainer(options.json, "hash", options.file, file, view); code != kExitOk) {
     return code;
   }
-  for (const TensorView& tensor : view.tensors) {
-    if (view.tensorData(tensor).size() == tensor.size) continue;
-    return fail(options.json, "hash", kExitBadContainer,
-                fmt::format("{}: tensor '{}' does not lie inside the file", escaped(options.file),
-                            escaped(tensor.name)));
+  if (const int code = requireTensorData(options.json, "hash", options.file, view); code != kExitOk) {
+    return code;
   }
   return options.sums.empty() ? printSums(options, view) : check(options, view);
 }

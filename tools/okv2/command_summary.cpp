@@ -1,15 +1,16 @@
 // summary: adds up the records that imports have left.
 #include <fmt/format.h>
 
-#include <fstream>
+#include <limits>
 #include <map>
-#include <sstream>
+#include <optional>
 
 #include "okv2/commands.h"
 #include "okv2/escape.h"
 #include "okv2/exit_codes.h"
 #include "okv2/failure.h"
 #include "okv2/json_output.h"
+#include "okv2/text_file.h"
 
 namespace zel::tool {
 namespace {
@@ -22,17 +23,26 @@ struct Totals {
   std::vector<Json> failures;
 };
 
-// The file's record, or a null.
-Json readRecord(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  if (!in || !(text << in.rdbuf())) return nullptr;
-  Json record = Json::parse(text.str(), nullptr, /*allow_exceptions=*/false);
+// An exit code of the command; nothing when the value is none.
+std::optional<int> exitCodeOf(const Json& value) {
+  constexpr int kGreatest = 255;
+  if (!value.is_number_unsigned() || value.get<std::uint64_t>() > kGreatest) return std::nullopt;
+  return static_cast<int>(value.get<std::uint64_t>());
+}
+
+// The record that `text` is, or a null.
+Json parseRecord(const std::string& text) {
+  Json record = Json::parse(text, nullptr, /*allow_exceptions=*/false);
   const bool isRecord = record.is_object() && record.value("command", Json()) == "import" &&
                         record.value("schema", Json()) == kJsonSchema && record.contains("result") &&
                         record["result"].is_object() &&
-                        record["result"].value("code", Json()).is_number_integer();
+                        exitCodeOf(record["result"].value("code", Json())).has_value();
   return isRecord ? record : Json(nullptr);
+}
+
+// Sums of what stands in files end at the greatest number instead of wrapping.
+void addTo(std::uint64_t& sum, std::uint64_t value) {
+  if (__builtin_add_overflow(sum, value, &sum)) sum = std::numeric_limits<std::uint64_t>::max();
 }
 
 std::uint64_t number(const Json& record, const char* key) {
@@ -47,7 +57,7 @@ std::string text(const Json& record, const char* key) {
 
 void add(const Json& record, Totals& totals) {
   const Json& result = record["result"];
-  const int code = result["code"].get<int>();
+  const int code = exitCodeOf(result["code"]).value();
   ++totals.reports;
   totals.peakMemory = std::max(totals.peakMemory, number(record, "peak_memory_bytes"));
   if (const auto times = record.find("times"); times != record.end() && times->is_object()) {
@@ -70,8 +80,8 @@ void add(const Json& record, Totals& totals) {
     return;
   }
   ++(result.value("skipped", Json()) == true ? totals.skipped : totals.good);
-  totals.tensors += number(record, "tensors");
-  totals.bytes += number(record, "bytes");
+  addTo(totals.tensors, number(record, "tensors"));
+  addTo(totals.bytes, number(record, "bytes"));
 }
 
 void printText(const Totals& totals) {
@@ -111,7 +121,9 @@ void printJson(const Totals& totals) {
 int runSummary(const SummaryOptions& options) {
   Totals totals;
   for (const std::string& path : options.reports) {
-    const Json record = readRecord(path);
+    std::string text;
+    if (const int code = readText(options.json, "summary", path, text); code != kExitOk) return code;
+    const Json record = parseRecord(text);
     if (record.is_null()) {
       return fail(options.json, "summary", kExitInvalid, escaped(path) + ": not the report of an import");
     }

@@ -53,6 +53,26 @@ int readContainer(bool json, const char* command, const std::string& path, Conta
   return failDocument(json, command, kExitBadContainer, escaped(path) + " breaks the format" + why);
 }
 
+int requireTensorData(bool json, const char* command, const std::string& path, const ContainerView& view) {
+  const std::uint64_t room = view.section(okv2::SectionType::Weights).bytes.size();
+  std::uint64_t total = 0;
+  for (const TensorView& tensor : view.tensors) {
+    if (view.tensorData(tensor).size() != tensor.size) {
+      return fail(json, command, kExitBadContainer,
+                  fmt::format("{}: tensor '{}' does not lie inside the weights section", escaped(path),
+                              escaped(tensor.name)));
+    }
+    // Overlapping tensors: a file of a few megabytes could name terabytes.
+    if (tensor.size > room - total) {
+      return fail(json, command, kExitBadContainer,
+                  fmt::format("{}: the tensors up to '{}' have more bytes than the weights section, {}",
+                              escaped(path), escaped(tensor.name), room));
+    }
+    total += tensor.size;
+  }
+  return kExitOk;
+}
+
 void printFindings(const std::string& path, const Findings& findings) {
   for (const Finding& finding : findings.items()) {
     complain("{}: {}offset {}: {}", escaped(path), finding.isError ? "" : "note: ", finding.offset,

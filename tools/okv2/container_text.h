@@ -17,6 +17,12 @@ namespace zel::tool {
 [[nodiscard]] int readContainer(bool json, const char* command, const std::string& path, ContainerFile& file,
                                 ContainerView& view);
 
+// kExitOk when the bytes of every tensor can be gone through in the time that the file's size explains: they
+// lie inside the weights section, and together are no more than it. Else kExitBadContainer, after
+// complaining.
+[[nodiscard]] int requireTensorData(bool json, const char* command, const std::string& path,
+                                    const ContainerView& view);
+
 // One line each on standard error.
 void printFindings(const std::string& path, const Findings& findings);
 
