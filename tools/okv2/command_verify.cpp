@@ -1,9 +1,11 @@
 // verify: a container against its format, and against the directory that it was made from.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "okv2/commands.h"
+#include "okv2/container_compare.h"
 #include "okv2/container_json.h"
 #include "okv2/container_text.h"
 #include "okv2/escape.h"
@@ -17,7 +19,7 @@
 namespace zel::tool {
 namespace {
 
-constexpr std::size_t kMaxDifferences = 100;
+constexpr std::size_t kMaxDifferences = 100;  // told; a hostile file has room for millions
 
 std::string storedName(const std::string& name) { return name.substr(0, okv2::kTensorNameBytes - 1); }
 
@@ -28,6 +30,11 @@ std::string difference(const ContainerView& view, const TensorView& tensor,
     return fmt::format("tensor '{}', expected '{}'", escaped(tensor.name), escaped(source.name));
   }
   const std::string label = fmt::format("tensor '{}': ", escaped(tensor.name));
+  // What the container has cut off a name is known by its length only, modulo 65536.
+  if (const auto bytes = static_cast<std::uint16_t>(source.name.size()); tensor.fullNameBytes != bytes) {
+    return label +
+           fmt::format("name of {} bytes before it was cut, expected {}", tensor.fullNameBytes, bytes);
+  }
   if (tensor.dtype != source.dtype) {
     return label + fmt::format("type {}, expected {}", dtypeName(tensor.dtype), dtypeName(source.dtype));
   }
@@ -45,23 +52,46 @@ std::string difference(const ContainerView& view, const TensorView& tensor,
   return label + fmt::format("byte {} differs", at);
 }
 
-std::vector<std::string> compare(const ContainerView& view, const plan::ImportPlan& plan) {
+// What of the header and of the sections that describe the model is not as an import would write it.
+std::vector<std::string> compareDescription(const ContainerView& view, const ContainerView& expected) {
+  Differences found;
+  compareDescriptions(view, expected, kFromExpected, found);
   std::vector<std::string> out;
-  if (view.tensors.size() != plan.tensors.size()) {
+  for (const Difference& each : found)
+    out.push_back(lineOf(each));
+  for (const okv2::SectionType type : {okv2::SectionType::Metadata, okv2::SectionType::Tokenizer,
+                                       okv2::SectionType::Graph, okv2::SectionType::ChatTemplate}) {
+    const std::string_view name = sectionName(type);
+    const auto isOfSection = [name](const Difference& each) { return each.part == name; };
+    // Equal items in another order, say: still another file than an import writes.
+    if (view.section(type).bytes != expected.section(type).bytes &&
+        std::none_of(found.begin(), found.end(), isOfSection)) {
+      out.push_back(fmt::format("{} section: the same content in other bytes", name));
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> compare(const ContainerView& view, const plan::ImportPlan& plan) {
+  std::vector<std::string> out = compareDescription(view, plan.description);
+  const bool sameCount = view.tensors.size() == plan.tensors.size();
+  if (!sameCount)
     out.push_back(fmt::format("{} tensors, expected {}", view.tensors.size(), plan.tensors.size()));
-    return out;
-  }
-  for (const plan::PlannedSection& section : plan.sections) {
-    const std::uint64_t size = view.section(section.type).size;
-    if (size == section.size) continue;
-    out.push_back(
-        fmt::format("{} section of {} bytes, expected {}", sectionName(section.type), size, section.size));
-  }
-  for (std::size_t k = 0; k < plan.tensors.size() && out.size() < kMaxDifferences; ++k) {
+  for (std::size_t k = 0; sameCount && k < plan.tensors.size() && out.size() <= kMaxDifferences; ++k) {
     if (std::string text = difference(view, view.tensors[k], plan.tensors[k]); !text.empty())
       out.push_back(std::move(text));
   }
+  if (out.size() > kMaxDifferences) {
+    out.resize(kMaxDifferences);
+    out.emplace_back("further differences are not listed");
+  }
   return out;
+}
+
+std::string whatIsEqual(const VerifyOptions& options) {
+  if (options.against.empty()) return "";
+  return (options.prepare ? ", tensors equal to what is prepared of " : ", equal to ") +
+         escaped(options.against);
 }
 
 int finish(const VerifyOptions& options, const ContainerView& view, int code,
@@ -79,7 +109,7 @@ int finish(const VerifyOptions& options, const ContainerView& view, int code,
     print(out);
   } else if (code == kExitOk) {
     fmt::print("{}: good, {} tensors, {} bytes{}\n", escaped(options.file), view.tensors.size(),
-               view.file.size(), options.against.empty() ? "" : ", equal to " + escaped(options.against));
+               view.file.size(), whatIsEqual(options));
   }
   return code;
 }

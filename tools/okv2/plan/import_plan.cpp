@@ -14,8 +14,6 @@
 #include "container/okv2_writer.h"
 #include "convert/convert_weights.h"
 #include "convert/name_mapping.h"
-#include "okv2/container_file.h"
-#include "okv2/container_reader.h"
 #include "okv2/plan/weight_files.h"
 #include "plugin/host_abi.h"
 
@@ -54,8 +52,10 @@ std::uint64_t bytesOf(const std::string& path) {
 
 // The sections that describe the model have exactly the size that the writer gives them: it writes them, with
 // one tensor of a byte, into memory, and the reader tells.
-Status measureDescription(const HfImporter& model, ImportPlan& plan) {
+Status writeDescription(const HfImporter& model, ImportPlan& plan) {
   OKV2Writer writer;
+  writer.setModelInfo(model.arch == "gemma4" ? 1 : 0, std::uint64_t(model.hiddenSize),
+                      std::uint32_t(model.numLayers), std::uint32_t(model.vocabSize));
   ZEL_RETURN_IF_ERROR(model.applyMeta(writer));
   if (!model.tokenizer.tokens.empty()) {
     writer.setChatTemplate(model.tokenizer.chatTemplate);
@@ -65,15 +65,14 @@ Status measureDescription(const HfImporter& model, ImportPlan& plan) {
   ZEL_RETURN_IF_ERROR(writer.addTensor("-", 0, &one, 1, "-", 1));
   const MemoryFile memory;
   ZEL_RETURN_IF_ERROR(writer.write(memory.path().c_str()));
-  tool::ContainerFile file;
+  plan.descriptionFile = std::make_unique<tool::ContainerFile>();
   std::string reason;
-  tool::ContainerView view;
-  if (file.open(memory.path(), reason) != tool::ContainerFile::Result::Ok ||
-      !tool::parseContainer(file.bytes(), view)) {
+  if (plan.descriptionFile->open(memory.path(), reason) != tool::ContainerFile::Result::Ok ||
+      !tool::parseContainer(plan.descriptionFile->bytes(), plan.description)) {
     throw std::runtime_error("the plan cannot be read back: " + reason);
   }
   for (std::size_t k = 0; k < okv2::kSectionCount; ++k) {
-    plan.sections[k] = {okv2::kFileOrder[k], 0, view.section(okv2::kFileOrder[k]).size};
+    plan.sections[k] = {okv2::kFileOrder[k], 0, plan.description.section(okv2::kFileOrder[k]).size};
   }
   return {};
 }
@@ -135,7 +134,7 @@ Status planWeights(const std::string& directory, ImportPlan& plan) {
     plan.weights.push_back({name, bytesOf(path)});
     plan.addressSpace += plan.weights.back().bytes;
   }
-  ZEL_RETURN_IF_ERROR(measureDescription(plan.model, plan));
+  ZEL_RETURN_IF_ERROR(writeDescription(plan.model, plan));
   OKV2Writer judge;  // for the answers of weight conversion; never written
   for (std::size_t k = 0; k < files.names.size(); ++k) {
     auto source = std::make_unique<MappedWeights>();

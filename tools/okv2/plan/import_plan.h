@@ -10,6 +10,8 @@
 #include "container/okv2_format.h"
 #include "container/status.h"
 #include "hf/hf_importer.h"
+#include "okv2/container_file.h"
+#include "okv2/container_reader.h"
 #include "okv2/plan/mapped_weights.h"
 
 namespace zel::plan {
@@ -46,6 +48,12 @@ struct ImportPlan {
   std::uint64_t tensorBytes = 0;                             // without padding
   std::uint64_t fileBytes = 0;
   std::uint64_t addressSpace = 0;  // of the weight files, which are all mapped at the same time
+
+  // The model's description as the writer writes it: a container in memory whose header (but for the number
+  // of tensors), metadata, tokenizer, graph and chat template are those of the import. Its one tensor stands
+  // in for the others.
+  tool::ContainerView description;
+  std::unique_ptr<tool::ContainerFile> descriptionFile;  // what `description` points into
 
   std::vector<std::unique_ptr<MappedWeights>> sources;  // what PlannedTensor::data points into
 };
