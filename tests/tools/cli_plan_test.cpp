@@ -8,6 +8,7 @@
 
 #include "support/corpus.h"
 #include "support/model_dir_builder.h"
+#include "support/test_conditions.h"
 #include "tools/json_documents.h"
 
 namespace zel::tool {
@@ -92,6 +93,60 @@ TEST(OkvPlan, ShowsTheTableAsText) {
   EXPECT_THAT(result.out, HasSubstr("/model: 1 tensors, "));
   EXPECT_THAT(result.out, HasSubstr("\nsections\n  name                     offset             size\n"));
   EXPECT_THAT(result.out, HasSubstr("  output_norm.weight                               F32    [8]  "));
+}
+
+// /proc has no room for anybody.
+TEST(OkvPlan, TellsTheFreeSpaceWhereTheFileWouldLie) {
+  const TempDir dir;
+  const std::string model = test::ModelDirBuilder().write(dir);
+  const auto weights = std::to_string(fs::file_size(model + "/model.safetensors"));
+  const test::CommandResult none = okv2Run({"plan", model, "-o", "/proc/c.okv2"});
+  EXPECT_EQ(none.exitCode, 0);
+  EXPECT_THAT(none.out, HasSubstr("\n  free space 0, address space for the weight files " + weights + "\n"));
+  const Answer answer = okv2Answer({"plan", model, "-o", "/proc/c.okv2"});
+  EXPECT_EQ(answer.document["free_bytes"], 0);
+  EXPECT_EQ(answer.document["address_space_bytes"].dump(), weights);
+  const std::string needed = answer.document["bytes"].dump();
+  EXPECT_EQ(none.err, "okv2: note: 0 bytes are free, " + needed + " are needed\n");
+  const test::CommandResult unknown = okv2Run({"plan", model, "-o", dir / "nowhere/c.okv2"});
+  EXPECT_THAT(unknown.out,
+              HasSubstr("\n  free space unknown, address space for the weight files " + weights + "\n"));
+  EXPECT_EQ(unknown.err, "");
+  EXPECT_EQ(okv2Answer({"plan", model, "-o", dir / "nowhere/c.okv2"}).document["free_bytes"], nullptr);
+  const Answer some = okv2Answer({"plan", model, "-o", dir / "c.okv2"});
+  EXPECT_GT(some.document["free_bytes"], some.document["bytes"]);
+  EXPECT_EQ(some.err, "");
+}
+
+// Runs the plan with the address space limited to `kilobytes`.
+test::CommandResult planWithin(const std::string& kilobytes, const std::string& model) {
+  return test::runCommand({"/bin/sh", "-c", "ulimit -v \"$1\" && exec \"$0\" plan \"$2\" --json",
+                           OKV2_COMMAND, kilobytes, model});
+}
+
+// Three gigabytes of weights without a block on the disk.
+TEST(OkvPlan, TellsTheLimitOfTheAddressSpace) {
+  if (test::kSanitized) GTEST_SKIP() << "the sanitizers' shadow takes terabytes of address space";
+  const TempDir dir;
+  constexpr std::uint64_t kBytes = std::uint64_t{3} << 30;
+  const std::string model =
+      test::ModelDirBuilder()
+          .shard("a.safetensors", test::SafetensorsBuilder().tensor("t", "F32", {kBytes / 4}, {0, kBytes}))
+          .write(dir);
+  const std::string weights = model + "/a.safetensors";
+  fs::resize_file(weights, fs::file_size(weights) + kBytes);
+  const std::uint64_t needed = fs::file_size(weights);
+  const test::CommandResult enough = planWithin("8388608", model);
+  EXPECT_EQ(enough.exitCode, 0);
+  EXPECT_EQ(enough.err, "");
+  EXPECT_EQ(json::parse(enough.out)["address_space_limit"], std::uint64_t{8} << 30);
+  EXPECT_EQ(json::parse(enough.out)["address_space_bytes"], needed);
+  const test::CommandResult less = planWithin("2097152", model);
+  EXPECT_EQ(less.exitCode, 6);
+  EXPECT_EQ(less.err, "okv2: note: address space is limited to 2147483648 bytes, " + std::to_string(needed) +
+                          " are needed\nokv2: " + model + ": safetensors: mmap failed\n");
+  EXPECT_EQ(json::parse(less.out)["error"], model + ": safetensors: mmap failed");
+  EXPECT_EQ(okv2Answer({"plan", model}).document["address_space_limit"], nullptr);
 }
 
 TEST(OkvPlan, FailsAsTheImportWould) {

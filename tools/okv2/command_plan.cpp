@@ -103,6 +103,10 @@ void printJson(const PlanOptions& options, const ImportPlan& plan) {
 
 int runPlan(const PlanOptions& options) {
   const ImportPlan plan = plan::planImport(options.directory);
+  // Said also when the plan cannot be made: too little of it is why a weight file cannot be mapped.
+  if (const auto limit = addressSpaceLimit(); limit && *limit < plan.addressSpace) {
+    complain("note: address space is limited to {} bytes, {} are needed", *limit, plan.addressSpace);
+  }
   if (!plan.status.ok()) {
     return fail(options.json, "plan", plan::hostCodeOf(plan.status),
                 fmt::format("{}: {}", escaped(options.directory), escaped(plan.status.message())));
@@ -110,9 +114,6 @@ int runPlan(const PlanOptions& options) {
   options.json ? printJson(options, plan) : printText(options, plan);
   if (const auto free = freeSpace(options.output); free && *free < plan.fileBytes) {
     complain("note: {} bytes are free, {} are needed", *free, plan.fileBytes);
-  }
-  if (const auto limit = addressSpaceLimit(); limit && *limit < plan.addressSpace) {
-    complain("note: address space is limited to {} bytes, {} are needed", *limit, plan.addressSpace);
   }
   return kExitOk;
 }
