@@ -1,8 +1,10 @@
 // import --report and --skip-verified, summary, and what an import shows while it runs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
+#include <set>
 #include <string>
 
 #include "okv2/import_progress.h"
@@ -64,6 +66,73 @@ TEST(OkvImportReport, NeverReplacesAnInputOrTheContainer) {
   EXPECT_FALSE(fs::exists(file));
 }
 
+// The report takes the container's place whatever the two paths look like.
+TEST(OkvImportReport, NeverReplacesTheContainerOnAnotherRoad) {
+  const TempDir dir;
+  const std::string model = sampleModel(dir), file = dir / "out.okv2";
+  fs::create_directory(dir / "sub");
+  fs::create_directory_symlink(dir.path(), dir / "link");
+  const auto expectRefusal = [&](const std::string& report) {
+    const CommandResult result = okv2Run({"import", model, "-o", file, "--force", "--report", report});
+    EXPECT_EQ(result.exitCode, 73) << report;
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "okv2: the report: " + report + " is the container\n");
+  };
+  for (const char* report : {"./out.okv2", "sub/../out.okv2", "link/out.okv2", "/out.okv2"}) {
+    expectRefusal(dir / report);
+    EXPECT_FALSE(fs::exists(file));
+  }
+  dir.write("out.okv2", "precious");
+  fs::create_symlink(file, dir / "soft");
+  fs::create_hard_link(file, dir / "hard");
+  for (const char* report : {"./out.okv2", "soft", "hard"})
+    expectRefusal(dir / report);
+  EXPECT_EQ(test::readWholeFile(file), "precious");
+}
+
+TEST(OkvImportReport, NeverReplacesTheContainerInTheCurrentDirectory) {
+  const TempDir dir;
+  const CommandResult result =
+      test::runCommand({"/bin/sh", "-c", "cd \"$1\" && exec \"$0\" import model -o z.okv2 --report ./z.okv2",
+                        OKV2_COMMAND, fs::path(sampleModel(dir)).parent_path()});
+  EXPECT_EQ(result.exitCode, 73);
+  EXPECT_EQ(result.err, "okv2: the report: ./z.okv2 is the container\n");
+  EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"model"}));
+}
+
+TEST(OkvImportReport, MayHaveTheContainersNameElsewhere) {
+  const TempDir dir;
+  fs::create_directory(dir / "sub");
+  EXPECT_EQ(
+      okv2Run({"import", sampleModel(dir), "-o", dir / "out.okv2", "-q", "--report", dir / "sub/out.okv2"})
+          .exitCode,
+      0);
+  EXPECT_EQ(okv2Run({"verify", dir / "out.okv2"}).exitCode, 0);
+  EXPECT_EQ(recordOf(dir / "sub/out.okv2")["command"], "import");
+}
+
+// A batch is run again: the report is always that of the latest import.
+TEST(OkvImportReport, ReplacesAnEarlierOneAfterSuccessAndFailure) {
+  const TempDir dir;
+  const std::string report = dir.write("r.json", "what was there");
+  const std::string good = sampleModel(dir), bad = test::ModelDirBuilder().noWeights().write(dir, "bad");
+  EXPECT_EQ(okv2Run({"import", good, "-o", dir / "a.okv2", "-q", "--report", report}).exitCode, 0);
+  EXPECT_EQ(recordOf(report)["directory"], good);
+  EXPECT_EQ(okv2Run({"import", bad, "-o", dir / "b.okv2", "--report", report}).exitCode, 2);
+  EXPECT_EQ(recordOf(report)["directory"], bad);
+  EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"a.okv2", "bad", "model", "r.json"}));
+}
+
+TEST(OkvImportReport, IsWrongUsageWhenNothingIsWritten) {
+  const TempDir dir;
+  const CommandResult result =
+      okv2Run({"import", sampleModel(dir), "-o", dir / "out.okv2", "--dry-run", "--report", dir / "r.json"});
+  EXPECT_EQ(result.exitCode, 64);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "--report excludes --dry-run\nRun with --help for more information.\n");
+  EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"model"}));
+}
+
 TEST(OkvImportSkipVerified, LeavesAGoodContainerAlone) {
   const TempDir dir;
   const std::string model = sampleModel(dir), file = dir / "out.okv2";
@@ -122,7 +191,60 @@ INSTANTIATE_TEST_SUITE_P(
     Texts, OkvSummaryOf,
     testing::Values("", "[]", "{}", "{\"schema\":1,\"command\":\"import\",\"result\":1}",
                     "{\"schema\":2,\"command\":\"import\",\"result\":{\"code\":0}}",
-                    "{\"schema\":1,\"command\":\"import\",\"result\":{\"code\":\"x\"}}"));
+                    "{\"schema\":1,\"command\":\"import\",\"result\":{\"code\":\"x\"}}",
+                    "{\"schema\":1,\"command\":\"import\",\"result\":{\"code\":-1}}",
+                    "{\"schema\":1,\"command\":\"import\",\"result\":{\"code\":0.5}}",
+                    "{\"schema\":1,\"command\":\"import\",\"result\":{\"code\":256}}",
+                    "{\"schema\":1,\"command\":\"import\",\"result\":{\"code\":4294967296}}",
+                    "{\"schema\":1,\"command\":\"import\",\"result\":{\"code\":18446744073709551616}}"));
+
+// The greatest code that a process can end with.
+TEST(OkvSummary, CountsEveryOtherExitCodeAsAFailure) {
+  const TempDir dir;
+  const std::string file = dir.write(
+      "r.json", R"({"schema":1,"command":"import","directory":"d","result":{"code":255,"message":"m"}})");
+  const Answer answer = okv2Answer({"summary", file});
+  EXPECT_EQ(answer.exitCode, 0);
+  EXPECT_EQ(answer.document["imported"], 0);
+  EXPECT_EQ(answer.document["failures"], json({{{"directory", "d"}, {"code", 255}, {"message", "m"}}}));
+}
+
+TEST(OkvSummary, StopsAtTheGreatestSumInsteadOfWrapping) {
+  const TempDir dir;
+  const auto report = [&](const char* name, const char* bytes) {
+    return dir.write(
+        name, std::string(R"({"schema":1,"command":"import","result":{"code":0},"bytes":)") + bytes + "}");
+  };
+  const std::string most = report("most.json", "18446744073709551614"), one = report("one.json", "1");
+  EXPECT_EQ(okv2Answer({"summary", most, one}).document["bytes"], 18446744073709551615U);
+  EXPECT_EQ(okv2Answer({"summary", most, one, one}).document["bytes"], 18446744073709551615U);
+}
+
+TEST(OkvSummary, RefusesAFifoAtOnce) {
+  const TempDir dir;
+  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  const Answer answer = okv2Answer({"summary", dir / "fifo"});
+  EXPECT_EQ(answer.exitCode, 2);
+  EXPECT_EQ(answer.document["error"], dir / "fifo" + ": not a regular file");
+  EXPECT_EQ(answer.err, "okv2: " + dir / "fifo" + ": not a regular file\n");
+}
+
+TEST(OkvSummary, SaysWhyAReportCannotBeRead) {
+  const TempDir dir;
+  const CommandResult result = okv2Run({"summary", dir / "r.json"});
+  EXPECT_EQ(result.exitCode, 6);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "okv2: cannot read " + dir / "r.json" + ": No such file or directory\n");
+}
+
+TEST(OkvSummary, ReadsAPipeThatItIsGiven) {
+  const TempDir dir;
+  const std::string file = dir.write("r.json", R"({"schema":1,"command":"import","result":{"code":0}})");
+  const CommandResult result =
+      test::runCommand({"/bin/sh", "-c", "cat \"$1\" | \"$0\" summary /dev/stdin", OKV2_COMMAND, file});
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("1 reports: 1 imported, 0 skipped, 0 failed\n"));
+}
 
 TEST(OkvImport, SaysALineForEveryShardOffATerminal) {
   const TempDir dir;

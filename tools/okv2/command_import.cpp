@@ -145,7 +145,7 @@ int runImport(const ImportOptions& options) {
   if (options.dryRun) return runPlan({options.directory, options.output, options.json});
   if (!options.report.empty()) {
     std::string why = whyRefused(options.directory, options.report, true);
-    if (options.report == options.output) why = escaped(options.report) + " is the container";
+    if (isSameFile(options.report, options.output)) why = escaped(options.report) + " is the container";
     if (!why.empty()) {
       complain("the report: {}", why);
       return kExitNoOutput;

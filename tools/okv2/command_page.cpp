@@ -26,9 +26,8 @@ int runPage(const PageOptions& options) {
     printFindings(options.file, view.findings);
     return kExitBadContainer;
   }
-  std::error_code error;
   std::string why = whyRefused("", options.output, options.force);
-  if (std::filesystem::equivalent(options.file, options.output, error))
+  if (isSameFile(options.file, options.output))
     why = escaped(options.output) + " is the container";
   if (!why.empty()) {
     complain("{}", why);

@@ -57,7 +57,7 @@ struct ListOptions {
 
 struct VerifyOptions {
   std::string file;
-  std::string against;  // model directory; empty for none
+  std::string against;   // model directory; empty for none
   bool prepare = false;  // the directory was prepared, with `weights`, and then imported
   prepare::WeightOptions weights;
   bool json = false;

@@ -27,13 +27,17 @@ bool isInputName(std::string_view name) {
   return isShard || std::find(std::begin(kInputNames), std::end(kInputNames), name) != std::end(kInputNames);
 }
 
+bool isSame(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 // Whether `target` is, directly or through links, one of the files that an import of `directory` reads.
 bool isInput(const std::string& directory, const struct stat& target) {
   std::error_code ec;
   for (std::filesystem::directory_iterator it(directory, ec), end; !ec && it != end; it.increment(ec)) {
     struct stat status;
     if (isInputName(it->path().filename().native()) && ::stat(it->path().c_str(), &status) == 0 &&
-        status.st_dev == target.st_dev && status.st_ino == target.st_ino) {
+        isSame(status, target)) {
       return true;
     }
   }
@@ -57,6 +61,17 @@ std::string whyRefused(const std::string& directory, const std::string& file, bo
   if (force) return {};
   if (S_ISLNK(entry.st_mode)) return fmt::format("{} is a symbolic link; --force replaces the link", shown);
   return fmt::format("{} already exists; --force overwrites it", shown);
+}
+
+bool isSameFile(const std::string& a, const std::string& b) {
+  struct stat first, second;
+  if (::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0) return isSame(first, second);
+  const std::filesystem::path x(a), y(b);
+  const auto folder = [](const std::filesystem::path& path) {
+    return path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+  };
+  return x.filename() == y.filename() && ::stat(folder(x).c_str(), &first) == 0 &&
+         ::stat(folder(y).c_str(), &second) == 0 && isSame(first, second);
 }
 
 }  // namespace zel::tool

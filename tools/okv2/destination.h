@@ -10,4 +10,7 @@ namespace zel::tool {
 // special file, and a file that the import reads (through whatever link), never.
 [[nodiscard]] std::string whyRefused(const std::string& directory, const std::string& file, bool force);
 
+// Whether two paths lead to one file or, where there is none yet, name the same entry of one directory.
+[[nodiscard]] bool isSameFile(const std::string& a, const std::string& b);
+
 }  // namespace zel::tool

@@ -65,9 +65,12 @@ void addImporterCommands(CLI::App& app, int& exitCode) {
   import->add_flag("-q,--quiet", options->quiet, "Say nothing on success");
   import->add_flag("--force", options->force, "Replace FILE when it exists");
   import->add_flag("--skip-verified", options->skipVerified, "Do nothing when FILE exists and verifies");
-  import->add_option("--report", options->report, "Write a record of the import to this file, as JSON");
+  CLI::Option* report =
+      import->add_option("--report", options->report,
+                         "Write a record of the import to this file, as JSON, in place of what it holds");
   CLI::Option* dryRun =
-      import->add_flag("--dry-run", options->dryRun, "Write nothing; print the plan instead");
+      import->add_flag("--dry-run", options->dryRun, "Write nothing; print the plan instead")
+          ->excludes(report);
   import->add_flag("--json", options->json, "Print the plan as JSON")->needs(dryRun);
   CLI::Option* prepare =
       import->add_flag("--prepare", options->prepare, "Import what okv2 prepare makes of DIR")
@@ -142,8 +145,8 @@ void addContainerCommands(CLI::App& app, int& exitCode) {
   const auto [verify, verified] =
       addCommand<VerifyOptions>(app, "verify", "Check a container against its format", runVerify, exitCode);
   verify->add_option("FILE", verified->file, "Container file")->required();
-  CLI::Option* against =
-      verify->add_option("--against", verified->against, "Compare every tensor with this model directory");
+  CLI::Option* against = verify->add_option("--against", verified->against,
+                                            "Compare with what an import of this directory writes");
   CLI::Option* prepared =
       verify->add_flag("--prepare", verified->prepare, "With --against: as `okv2 prepare` brings its tensors")
           ->needs(against);
