@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -13,6 +12,7 @@
 #include "okv2/explain/explanation.h"
 #include "okv2/explain_json.h"
 #include "okv2/failure.h"
+#include "okv2/terminal.h"
 
 namespace zel::tool {
 namespace {
@@ -20,14 +20,9 @@ namespace {
 using explain::Explanation;
 using explain::Severity;
 
-bool wantsColour() {
-  const char* noColour = std::getenv("NO_COLOR");
-  return ::isatty(STDOUT_FILENO) == 1 && (noColour == nullptr || *noColour == '\0');
-}
-
 std::string coloured(Severity severity) {
   std::string name = explain::severityName(severity);
-  if (!wantsColour()) return name;
+  if (!wantsColour(STDOUT_FILENO)) return name;
   const char* colour = severity == Severity::Fatal ? "31" : severity == Severity::Loss ? "33" : "36";
   return fmt::format("\x1B[1;{}m{}\x1B[0m", colour, name);
 }

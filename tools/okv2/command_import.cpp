@@ -5,8 +5,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -23,6 +21,7 @@
 #include "okv2/pending_directory.h"
 #include "okv2/pending_file.h"
 #include "okv2/prepare_output.h"
+#include "okv2/terminal.h"
 
 namespace zel::tool {
 namespace {
@@ -46,9 +45,7 @@ bool isVerified(const std::string& path, ImportRecord& record) {
 }
 
 ImportProgress::Style progressStyle() {
-  const char* terminal = std::getenv("TERM");
-  const bool isDumb = terminal == nullptr || std::strcmp(terminal, "dumb") == 0;
-  return ::isatty(STDERR_FILENO) == 1 && !isDumb ? ImportProgress::Style::Bar : ImportProgress::Style::Lines;
+  return obeysControls(STDERR_FILENO) ? ImportProgress::Style::Bar : ImportProgress::Style::Lines;
 }
 
 // Null when there is nothing to show. The plan and its mappings are gone when this returns: the import needs

@@ -15,7 +15,8 @@ bool printed = false;
 Json newDocument(const char* command) { return {{"schema", kJsonSchema}, {"command", command}}; }
 
 std::string textOf(const Json& document) {
-  return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  // In ASCII: JSON itself lets DEL and the C1 control characters through, which terminals obey.
+  return document.dump(2, ' ', /*ensure_ascii=*/true, Json::error_handler_t::replace) + "\n";
 }
 
 void print(const Json& document) {

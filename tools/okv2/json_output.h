@@ -14,7 +14,7 @@ inline constexpr int kJsonSchema = 1;
 // {"schema": 1, "command": ...}
 [[nodiscard]] Json newDocument(const char* command);
 
-// With a newline at the end; bytes that are no UTF-8 become U+FFFD.
+// In ASCII, with a newline at the end; bytes that are no UTF-8 become U+FFFD.
 [[nodiscard]] std::string textOf(const Json& document);
 
 // The one document of this process, on standard output.

@@ -201,7 +201,10 @@ int parseAndRun(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     // Help and version are results too.
-    if (app.exit(error) == 0) return kExitOk;
+    if (error.get_exit_code() == 0) return app.exit(error);
+    // Its message repeats words of the command line.
+    const std::string text = escaped(error.what()) + "\nRun with --help for more information.\n";
+    std::fwrite(text.data(), 1, text.size(), stderr);
     return failDocument(wantsJson(argc, argv), commandName(argc, argv), kExitUsage, escaped(error.what()));
   }
   return exitCode;
