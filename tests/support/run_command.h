@@ -28,8 +28,10 @@ struct CommandResult {
 // One child process; its output goes to files, so that it never waits for a reader.
 class Command {
  public:
-  // `words[0]` is the path of the program. `stdoutPath` replaces the captured standard output.
-  explicit Command(const std::vector<std::string>& words, const std::string& stdoutPath = "") {
+  // `words[0]` is the path of the program. `stdoutPath` replaces the captured standard output, an open
+  // descriptor `stderrFd` the captured standard error.
+  explicit Command(const std::vector<std::string>& words, const std::string& stdoutPath = "",
+                   int stderrFd = -1) {
     outPath_ = stdoutPath.empty() ? dir_ / "out" : stdoutPath;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -39,6 +41,7 @@ class Command {
     open(STDIN_FILENO, "/dev/null", O_RDONLY);
     open(STDOUT_FILENO, outPath_, O_WRONLY | O_CREAT | O_TRUNC);
     open(STDERR_FILENO, dir_ / "err", O_WRONLY | O_CREAT | O_TRUNC);
+    if (stderrFd >= 0) posix_spawn_file_actions_adddup2(&actions, stderrFd, STDERR_FILENO);
     std::vector<std::string> copies = words;
     std::vector<char*> argv;
     for (std::string& word : copies)
@@ -48,7 +51,7 @@ class Command {
     // send a signal would then wait for an end that never comes.
     sigset_t defaults;
     sigemptyset(&defaults);
-    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM})
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE, SIGUSR1, SIGUSR2, SIGXCPU, SIGALRM})
       sigaddset(&defaults, signal);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);

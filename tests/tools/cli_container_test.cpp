@@ -181,6 +181,18 @@ TEST_P(OkvContainerCommand, NoticesThatStdoutIsFull) {
   EXPECT_EQ(result.err, "okv2: cannot write standard output: No space left on device\n");
 }
 
+// More than a buffer: printing itself notices, and not only the end of the command.
+TEST(OkvList, NoticesThatStdoutIsFullWhilePrinting) {
+  test::ContainerBuilder builder;
+  for (int k = 0; k < 200; ++k)
+    builder.tensor("t" + std::to_string(1000 + k), 1, {1}, "xx");
+  const TempDir dir;
+  const std::string file = dir.write("c.okv2", builder.build().bytes);
+  const CommandResult result = Command({OKV2_COMMAND, "list", file}, "/dev/full").wait();
+  EXPECT_EQ(result.exitCode, 74);
+  EXPECT_EQ(result.err, "okv2: cannot write standard output: No space left on device\n");
+}
+
 TEST(OkvCommandLine, NamesItsVersion) {
   const CommandResult result = okv2Run({"--version"});
   EXPECT_EQ(result.exitCode, 0);

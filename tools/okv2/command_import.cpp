@@ -17,6 +17,7 @@
 #include "okv2/host.h"
 #include "okv2/import_progress.h"
 #include "okv2/import_record.h"
+#include "okv2/interruption.h"
 #include "okv2/messages.h"
 #include "okv2/pending_directory.h"
 #include "okv2/pending_file.h"
@@ -87,7 +88,7 @@ int prepareSource(const ImportOptions& options, PendingDirectory& prepared, Impo
 int import(const ImportOptions& options, ImportRecord& record) {
   if (options.skipVerified && isVerified(options.output, record)) {
     record.skipped = true;
-    if (!options.quiet) fmt::print(stderr, "{} is there already, and good\n", escaped(options.output));
+    if (!options.quiet) say("{} is there already, and good\n", escaped(options.output));
     return kExitOk;
   }
   std::string error;
@@ -130,8 +131,7 @@ int import(const ImportOptions& options, ImportRecord& record) {
   }
   if (!pending.commit(options.force, reason)) return cannotCreate();
   if (!options.quiet) {
-    fmt::print(stderr, "wrote {}: {} tensors, {} bytes\n", escaped(options.output), record.tensors,
-               record.bytes);
+    say("wrote {}: {} tensors, {} bytes\n", escaped(options.output), record.tensors, record.bytes);
   }
   return kExitOk;
 }
@@ -140,6 +140,7 @@ int import(const ImportOptions& options, ImportRecord& record) {
 
 int runImport(const ImportOptions& options) {
   if (options.dryRun) return runPlan({options.directory, options.output, options.json});
+  ignoreClosedPipes();
   if (!options.report.empty()) {
     std::string why = whyRefused(options.directory, options.report, true);
     if (isSameFile(options.report, options.output)) why = escaped(options.report) + " is the container";

@@ -12,12 +12,14 @@
 #include "okv2/escape.h"
 #include "okv2/exit_codes.h"
 #include "okv2/html_page.h"
+#include "okv2/interruption.h"
 #include "okv2/messages.h"
 #include "okv2/pending_file.h"
 
 namespace zel::tool {
 
 int runPage(const PageOptions& options) {
+  ignoreClosedPipes();
   ContainerFile file;
   if (const int code = openContainer(false, "report", options.file, file); code != kExitOk) return code;
   ContainerView view;
@@ -27,8 +29,7 @@ int runPage(const PageOptions& options) {
     return kExitBadContainer;
   }
   std::string why = whyRefused("", options.output, options.force);
-  if (isSameFile(options.file, options.output))
-    why = escaped(options.output) + " is the container";
+  if (isSameFile(options.file, options.output)) why = escaped(options.output) + " is the container";
   if (!why.empty()) {
     complain("{}", why);
     return kExitNoOutput;

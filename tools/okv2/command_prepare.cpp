@@ -9,6 +9,7 @@
 #include "okv2/escape.h"
 #include "okv2/exit_codes.h"
 #include "okv2/failure.h"
+#include "okv2/interruption.h"
 #include "okv2/json_output.h"
 #include "okv2/pending_directory.h"
 #include "okv2/prepare_output.h"
@@ -87,6 +88,7 @@ int refused(const PrepareOptions& options, const prepare::Refused& why) {
 }  // namespace
 
 int runPrepare(const PrepareOptions& options) {
+  ignoreClosedPipes();
   std::error_code error;
   if (!fs::is_directory(options.directory, error)) {
     return fail(options.json, "prepare", kExitInvalid, escaped(options.directory) + ": not a directory");

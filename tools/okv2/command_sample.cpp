@@ -70,8 +70,8 @@ int runSample(const SampleCommand& command) {
     complain("{}", error);
     return exitCodeOf(result);
   }
-  fmt::print(stderr, "wrote {}: {} tensors, {} weight bytes\n", escaped(command.directory), summary.tensors,
-             summary.weightBytes);
+  say("wrote {}: {} tensors, {} weight bytes\n", escaped(command.directory), summary.tensors,
+      summary.weightBytes);
   return kExitOk;
 }
 

@@ -11,7 +11,9 @@
 namespace zel::tool {
 namespace {
 
-constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+// What ends a process from outside and can be caught: by hand, by a batch system that warns before it kills
+// (SIGUSR1, SIGUSR2), by a limit or an alarm that was set before this program began (SIGXCPU, SIGALRM).
+constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1, SIGUSR2, SIGXCPU, SIGALRM};
 
 // Read by the signal handler; changed only while the signals are blocked.
 char pendingFile[PATH_MAX] = "";
@@ -87,6 +89,8 @@ bool removeOnSignal(Pending kind, const std::string& path) {
   installHandlers();
   return true;
 }
+
+void ignoreClosedPipes() { ::signal(SIGPIPE, SIG_IGN); }
 
 void keepOnSignal(Pending kind) { pathOf(kind)[0] = '\0'; }
 

@@ -1,4 +1,7 @@
 // okv2: turns model directories into OKV2 containers and looks into them.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +12,7 @@
 #include <new>
 #include <regex>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -203,8 +207,7 @@ int parseAndRun(int argc, char** argv) {
     // Help and version are results too.
     if (error.get_exit_code() == 0) return app.exit(error);
     // Its message repeats words of the command line.
-    const std::string text = escaped(error.what()) + "\nRun with --help for more information.\n";
-    std::fwrite(text.data(), 1, text.size(), stderr);
+    say("{}\nRun with --help for more information.\n", escaped(error.what()));
     return failDocument(wantsJson(argc, argv), commandName(argc, argv), kExitUsage, escaped(error.what()));
   }
   return exitCode;
@@ -218,15 +221,34 @@ int closeStandardOutput(int exitCode) {
   return exitCode != kExitOk ? exitCode : kExitStdout;
 }
 
+// A program may be started without standard streams: the first file that it opens would get the number of
+// one, and what it says would end up in that file. Writing to what takes its place fails, as it did.
+void occupyStandardStreams() {
+  int descriptor;
+  do {
+    descriptor = ::open("/dev/null", O_RDONLY);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) ::close(descriptor);
+}
+
+int failedWith(const std::exception& error, int argc, char** argv) {
+  return fail(wantsJson(argc, argv), commandName(argc, argv), kExitFailed, escaped(error.what()));
+}
+
 int guardedMain(int argc, char** argv) {
+  occupyStandardStreams();
   try {
     return closeStandardOutput(parseAndRun(argc, argv));
   } catch (const std::bad_alloc&) {
     return closeStandardOutput(
         fail(wantsJson(argc, argv), commandName(argc, argv), kExitFailed, "out of memory"));
+  } catch (const std::system_error& error) {
+    if (std::ferror(stdout) == 0) return closeStandardOutput(failedWith(error, argc, argv));
+    // Printing more than a buffer throws when it cannot be written.
+    complain("cannot write standard output: {}", error.code().message());
+    return kExitStdout;
   } catch (const std::exception& error) {
-    return closeStandardOutput(
-        fail(wantsJson(argc, argv), commandName(argc, argv), kExitFailed, escaped(error.what())));
+    return closeStandardOutput(failedWith(error, argc, argv));
   }
 }
 

@@ -8,11 +8,18 @@
 
 namespace zel::tool {
 
-// "okv2: ..." and a newline on standard error. Texts from outside must have been escaped.
+// On standard error, as it is. Texts from outside must have been escaped. That nobody can be told is no
+// failure: an import that has written its container has succeeded.
+template <typename... Args>
+void say(fmt::format_string<Args...> format, Args&&... args) {
+  const std::string text = fmt::format(format, std::forward<Args>(args)...);
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+// The same with "okv2: " before it and a newline after it.
 template <typename... Args>
 void complain(fmt::format_string<Args...> format, Args&&... args) {
-  const std::string line = "okv2: " + fmt::format(format, std::forward<Args>(args)...) + "\n";
-  std::fwrite(line.data(), 1, line.size(), stderr);
+  say("okv2: {}\n", fmt::format(format, std::forward<Args>(args)...));
 }
 
 }  // namespace zel::tool

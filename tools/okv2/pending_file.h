@@ -6,8 +6,8 @@
 namespace zel::tool {
 
 // Creates an empty file under a name of its own in the folder of the destination; commit() gives it the
-// destination's name in one step. Until then the destructor removes it, and so do SIGINT, SIGTERM, SIGHUP and
-// SIGQUIT before they end the process. At most one exists at a time.
+// destination's name in one step. Until then the destructor removes it, and so do the signals of
+// interruption.h before they end the process. At most one exists at a time.
 class PendingFile {
  public:
   PendingFile() = default;

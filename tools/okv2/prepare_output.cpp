@@ -21,15 +21,14 @@ std::string shown(const std::string& text) {
 
 void printPrepared(const prepare::Prepared& prepared) {
   for (const prepare::Change& change : prepared.changes) {
-    fmt::print(stderr, "{}: {}: {} -> {}: {}{}\n", escaped(change.file), escapedCut(change.what, kShownBytes),
-               shown(change.from), shown(change.to), escaped(change.why),
-               change.finding.empty() ? "" : " [" + change.finding + "]");
+    say("{}: {}: {} -> {}: {}{}\n", escaped(change.file), escapedCut(change.what, kShownBytes),
+        shown(change.from), shown(change.to), escaped(change.why),
+        change.finding.empty() ? "" : " [" + change.finding + "]");
   }
   for (const explain::Finding& finding : prepared.explanation.findings) {
     const explain::FindingRow& row = explain::rowOf(finding.id);
     if (row.severity == explain::Severity::Note) continue;
-    fmt::print(stderr, "not mended: {}: {} [{}]\n", escapedCut(finding.subject, kShownBytes), row.what,
-               row.name);
+    say("not mended: {}: {} [{}]\n", escapedCut(finding.subject, kShownBytes), row.what, row.name);
   }
 }
 
