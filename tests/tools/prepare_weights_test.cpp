@@ -156,17 +156,6 @@ TEST_F(WeightsTest, GivesEveryShardOfATorchCheckpointItsPlace) {
               ElementsAre("model-00001-of-00002.safetensors", "model-00002-of-00002.safetensors"));
 }
 
-TEST_F(WeightsTest, TakesTorchShardsWithoutAnIndexWhenAllAreThere) {
-  write("pytorch_model-00001-of-00002.bin", zipOf({{"a", {6}, {1}, "0", 6}}, kSix));
-  const Refusal refused = refusal();
-  EXPECT_EQ(refused.code, 2);
-  EXPECT_EQ(refused.finding, "weights.index-missing");
-  EXPECT_EQ(refused.message,
-            "pytorch_model-00001-of-00002.bin: its name says that there are 2 shards, there are 1");
-  write("pytorch_model-00002-of-00002.bin", zipOf({{"b", {6}, {1}, "0", 6}}, kSix));
-  EXPECT_EQ(refusal().code, 0);
-}
-
 TEST_F(WeightsTest, RefusesACheckpointThatNamesAForeignGlobal) {
   write("pytorch_model.bin", savedZip(SavedPickle().global("os", "system").stop(), {}).build());
   const Refusal refused = refusal();

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
+#include <map>
 #include <set>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "hf/json_parser.h"
 #include "hf/read_file.h"
@@ -45,24 +48,39 @@ bool isTorchShard(std::string_view name) {
          name.substr(name.size() - kTorchSuffix.size()) == kTorchSuffix;
 }
 
-// Decimal digits only; 0 for anything else.
-std::size_t numberIn(std::string_view digits) {
+// A shard by its name: "model-00002-of-00009.safetensors" is the second of nine.
+struct NumberedName {
+  std::string series;  // the name without its number
+  std::size_t number = 0;
+  std::size_t count = 0;
+};
+
+// Reads the decimal digits at the start of `text` off it. False when there are none, or more than a count of
+// files has.
+bool takeNumber(std::string_view& text, std::size_t& out) {
   constexpr std::size_t kMaxDigits = 6;
-  std::size_t out = 0;
-  if (digits.empty() || digits.size() > kMaxDigits) return 0;
-  for (const char c : digits) {
-    if (c < '0' || c > '9') return 0;
+  const std::size_t length = std::min(text.find_first_not_of("0123456789"), text.size());
+  if (length == 0 || length > kMaxDigits) return false;
+  out = 0;
+  for (const char c : text.substr(0, length))
     out = out * 10 + static_cast<std::size_t>(c - '0');
-  }
-  return out;
+  text.remove_prefix(length);
+  return true;
 }
 
-// "pytorch_model-00002-of-00009.bin" says that there are nine; 0 where the name says nothing.
-std::size_t shardCount(std::string_view name) {
-  name.remove_prefix(kTorchShard.size());
-  name.remove_suffix(kTorchSuffix.size());
-  const std::size_t of = name.find("-of-");
-  return of == std::string_view::npos ? 0 : numberIn(name.substr(of + 4));
+// False when the name says nothing about other shards.
+bool readNumberedName(std::string_view name, NumberedName& out) {
+  constexpr std::string_view kOf = "-of-";
+  const std::size_t of = name.rfind(kOf);
+  if (of == std::string_view::npos) return false;
+  const std::size_t dash = name.substr(0, of).rfind('-');
+  if (dash == std::string_view::npos) return false;
+  std::string_view number = name.substr(dash + 1, of - dash - 1);
+  std::string_view rest = name.substr(of + kOf.size());
+  if (!takeNumber(number, out.number) || !number.empty() || !takeNumber(rest, out.count)) return false;
+  if (out.count == 0 || rest.empty() || rest.front() != '.') return false;
+  out.series = std::string(name.substr(0, dash)) + std::string(name.substr(of));
+  return true;
 }
 
 // Reads "weight_map": tensor to file.
@@ -115,28 +133,54 @@ void readIndex(const std::string& dir, const std::string& name, WeightSources& o
   out.index = name;
 }
 
-bool chooseFiles(const std::string& dir, const Names& present, WeightSources& out) {
-  const bool anySafetensors = std::any_of(present.begin(), present.end(), plan::isSafetensorsName);
-  if (present.count(kSafetensorsIndex) != 0 && (anySafetensors || present.count(kTorchFile) == 0)) {
-    out.safetensors = true;
-    readIndex(dir, kSafetensorsIndex, out);
-    return true;
-  }
-  if (anySafetensors) {
-    out.safetensors = true;
-    std::copy_if(present.begin(), present.end(), std::back_inserter(out.names), plan::isSafetensorsName);
-    return true;
-  }
-  if (present.count(kTorchFile) != 0) {
-    out.names.emplace_back(kTorchFile);
-    return true;
-  }
+// False when there are no shards of torch checkpoints.
+bool chooseTorchShards(const std::string& dir, const Names& present, WeightSources& out) {
   if (present.count(kTorchIndex) != 0) {
     readIndex(dir, kTorchIndex, out);
     return true;
   }
   std::copy_if(present.begin(), present.end(), std::back_inserter(out.names), isTorchShard);
   return !out.names.empty();
+}
+
+// An index of .safetensors files without one of them may be left over beside torch shards. Where none of
+// those is there either, the files that it names are what is missing.
+bool replacesSafetensorsIndex(const WeightSources& torch, const Names& present) {
+  return std::any_of(torch.names.begin(), torch.names.end(),
+                     [&](const std::string& name) { return present.count(name) != 0; });
+}
+
+bool chooseFiles(const std::string& dir, const Names& present, WeightSources& out, Changes& changes) {
+  const bool anySafetensors = std::any_of(present.begin(), present.end(), plan::isSafetensorsName);
+  const bool anyIndex = present.count(kSafetensorsIndex) != 0;
+  if (anySafetensors) {
+    out.safetensors = true;
+    if (anyIndex) {
+      readIndex(dir, kSafetensorsIndex, out);
+    } else {
+      std::copy_if(present.begin(), present.end(), std::back_inserter(out.names), plan::isSafetensorsName);
+    }
+    return true;
+  }
+  if (present.count(kTorchFile) != 0) {
+    out.names.emplace_back(kTorchFile);
+    return true;
+  }
+  if (WeightSources torch; chooseTorchShards(dir, present, torch)) {
+    if (!anyIndex || replacesSafetensorsIndex(torch, present)) {
+      if (anyIndex) {
+        changes.push_back({kSafetensorsIndex, "file", kSafetensorsIndex, "",
+                           "There is no .safetensors file, and there are shards of a torch checkpoint.",
+                           explain::rowOf(Id::WeightsIndexMissing).name});
+      }
+      out = std::move(torch);
+      return true;
+    }
+  }
+  if (!anyIndex) return false;
+  out.safetensors = true;
+  readIndex(dir, kSafetensorsIndex, out);
+  return true;
 }
 
 void refuseDisguises(const std::string& dir, const std::string& name) {
@@ -159,6 +203,35 @@ void refuseDisguises(const std::string& dir, const std::string& name) {
   }
 }
 
+// Without an index file, the shards' own names tell how many there are.
+void refuseMissingNumbers(const std::vector<std::string>& names) {
+  struct Series {
+    std::string first;  // of its names
+    std::size_t count = 0;
+    std::set<std::size_t> numbers;
+  };
+  std::map<std::string, Series> all;
+  for (const std::string& name : names) {
+    NumberedName numbered;
+    if (!readNumberedName(name, numbered)) continue;
+    Series& series = all[numbered.series];
+    if (series.first.empty()) series.first = name;
+    series.count = numbered.count;
+    series.numbers.insert(numbered.number);
+  }
+  for (const auto& [name, series] : all) {
+    // Mostly from 1 on, but there are writers that begin with 0.
+    const std::size_t from = *series.numbers.begin() == 0 ? 0 : 1;
+    const auto beyond = series.numbers.lower_bound(from + series.count);
+    const auto there = static_cast<std::size_t>(std::distance(series.numbers.begin(), beyond));
+    if (there == series.count) continue;
+    refuseWeights(kExitInvalid, Id::WeightsIndexMissing, series.first,
+                  "its name says that there are " + std::to_string(series.count) + " shards, there are " +
+                      std::to_string(there),
+                  "Fetch the shards that are missing.");
+  }
+}
+
 void refuseMissing(const WeightSources& sources, const Names& present) {
   for (const std::string& name : sources.names) {
     if (present.count(name) == 0) {
@@ -166,14 +239,7 @@ void refuseMissing(const WeightSources& sources, const Names& present) {
                     "it is missing, and " + sources.index + " names it");
     }
   }
-  if (!sources.index.empty() || sources.safetensors || sources.names.front() == kTorchFile) return;
-  const std::size_t expected = shardCount(sources.names.front());
-  if (expected != 0 && expected != sources.names.size()) {
-    refuseWeights(kExitInvalid, Id::WeightsIndexMissing, sources.names.front(),
-                  "its name says that there are " + std::to_string(expected) + " shards, there are " +
-                      std::to_string(sources.names.size()),
-                  "Fetch the shards that are missing.");
-  }
+  if (sources.index.empty()) refuseMissingNumbers(sources.names);
 }
 
 }  // namespace
@@ -181,7 +247,7 @@ void refuseMissing(const WeightSources& sources, const Names& present) {
 WeightSources findWeightSources(const std::string& dir, Changes& changes) {
   const Names present = namesIn(dir);
   WeightSources sources;
-  if (!chooseFiles(dir, present, sources)) {
+  if (!chooseFiles(dir, present, sources, changes)) {
     refuseWeights(kExitInvalid, Id::WeightsNone, dir, "there are no weights");
   }
   for (const std::string& name : sources.names) {

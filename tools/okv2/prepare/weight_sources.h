@@ -17,9 +17,10 @@ struct WeightSources {
 };
 
 // The shards that an index file names; or every .safetensors file; or pytorch_model.bin; or its numbered
-// shards. .safetensors files come first. A file that the index leaves out is reported in `changes`. Throws
-// Refused when there are none, when one is missing, or when one is an LFS pointer, a link's text, a web page,
-// empty or not a regular file.
+// shards. .safetensors files come first. A file that the index leaves out is reported in `changes`, and so is
+// an index of .safetensors files that are not there, where torch shards are. Throws Refused when there are
+// none, when one is missing, also of those that the number in another's name promises, or when one is an LFS
+// pointer, a link's text, a web page, empty or not a regular file.
 [[nodiscard]] WeightSources findWeightSources(const std::string& dir, Changes& changes);
 
 }  // namespace zel::tool::prepare

@@ -1,0 +1,179 @@
+// Which files of a directory are its weights, and which of them are missing.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "prepare_weights.h"
+#include "support/safetensors_builder.h"
+#include "support/torch_builder.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+using test::SafetensorsBuilder;
+using test::SavedPickle;
+using testing::ElementsAre;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+std::string shardOf(const std::string& tensor) {
+  return SafetensorsBuilder().tensor(tensor, "F32", {2}).bytes();
+}
+
+std::string torchShardOf(const std::string& tensor) {
+  return test::savedZip(SavedPickle().stateDict({{tensor, {2}, {1}, "0", 2}}).stop(),
+                        {{"0", test::bytesOf<float>({1, 2})}})
+      .build();
+}
+
+// ---- shards that are numbered, without an index file
+
+class NumberedShards : public WeightsTest {
+ protected:
+  // Refused because `first` promises `promised` shards, of which `there` are there.
+  void expectMissing(const std::string& first, int promised, int there) const {
+    const Refusal refused = refusal();
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_EQ(refused.finding, "weights.index-missing");
+    EXPECT_EQ(refused.message, first + ": its name says that there are " + std::to_string(promised) +
+                                   " shards, there are " + std::to_string(there));
+    EXPECT_EQ(refused.remedy, "Fetch the shards that are missing.");
+  }
+};
+
+TEST_F(NumberedShards, OfSafetensorsAreTakenWhenAllAreThere) {
+  write("model-00001-of-00003.safetensors", shardOf("a"));
+  expectMissing("model-00001-of-00003.safetensors", 3, 1);
+  write("model-00003-of-00003.safetensors", shardOf("c"));
+  expectMissing("model-00001-of-00003.safetensors", 3, 2);
+  write("model-00002-of-00003.safetensors", shardOf("b"));
+  EXPECT_THAT(prepare(), IsEmpty());
+  EXPECT_THAT(outNames(), ElementsAre("model-00001-of-00003.safetensors", "model-00002-of-00003.safetensors",
+                                      "model-00003-of-00003.safetensors"));
+}
+
+TEST_F(NumberedShards, OfTorchAreTakenWhenAllAreThere) {
+  write("pytorch_model-00002-of-00002.bin", torchShardOf("b"));
+  expectMissing("pytorch_model-00002-of-00002.bin", 2, 1);
+  write("pytorch_model-00001-of-00002.bin", torchShardOf("a"));
+  prepare();
+  EXPECT_THAT(outNames(),
+              ElementsAre("model-00001-of-00002.safetensors", "model-00002-of-00002.safetensors"));
+}
+
+TEST_F(NumberedShards, MayBeginWithZero) {
+  write("model-00000-of-00002.safetensors", shardOf("a"));
+  expectMissing("model-00000-of-00002.safetensors", 2, 1);
+  write("model-00001-of-00002.safetensors", shardOf("b"));
+  EXPECT_THAT(prepare(), IsEmpty());
+}
+
+TEST_F(NumberedShards, AreNotMadeCompleteByANumberBeyondTheLast) {
+  write("model-00001-of-00002.safetensors", shardOf("a"));
+  write("model-00003-of-00002.safetensors", shardOf("b"));
+  expectMissing("model-00001-of-00002.safetensors", 2, 1);
+}
+
+TEST_F(NumberedShards, AreNotMadeCompleteByThoseOfAnotherSeries) {
+  write("extra.safetensors", shardOf("x"));
+  write("model-00001-of-00002.safetensors", shardOf("a"));
+  write("other-00002-of-00002.safetensors", shardOf("b"));
+  expectMissing("model-00001-of-00002.safetensors", 2, 1);
+}
+
+TEST_F(NumberedShards, MayHaveASecondEnding) {
+  write("model-00001-of-00002.fp16.safetensors", shardOf("a"));
+  expectMissing("model-00001-of-00002.fp16.safetensors", 2, 1);
+}
+
+TEST_F(NumberedShards, AreCountedWithoutAnIndexOnly) {
+  // The index is what was published; it says that this is all.
+  write("model-00001-of-00002.safetensors", shardOf("a"));
+  write("model.safetensors.index.json", R"({"weight_map":{"a":"model-00001-of-00002.safetensors"}})");
+  EXPECT_THAT(prepare(), IsEmpty());
+}
+
+class UnnumberedShards : public WeightsTest, public testing::WithParamInterface<const char*> {};
+TEST_P(UnnumberedShards, AreTakenAsTheyAre) {
+  write(GetParam(), shardOf("a"));
+  EXPECT_THAT(prepare(), IsEmpty());
+  EXPECT_THAT(outNames(), ElementsAre(GetParam()));
+}
+INSTANTIATE_TEST_SUITE_P(All, UnnumberedShards,
+                         testing::Values("model-00001-of-00001.safetensors", "model-1-of-.safetensors",
+                                         "model-1-of-0.safetensors", "model-1-of-2x.safetensors",
+                                         "model-of-2.safetensors", "1-of-2.safetensors",
+                                         "model-one-of-2.safetensors", "best-of-breed.safetensors",
+                                         "model-1-of-1000000.safetensors"));
+
+// ---- an index of .safetensors files that are not there
+
+constexpr char kTorchIndexText[] = R"({"weight_map":{"a":"first.bin","b":"second.bin"}})";
+constexpr char kStaleIndexText[] = R"({"weight_map":{"a":"model-00001-of-00001.safetensors"}})";
+
+class StaleIndex : public WeightsTest {
+ protected:
+  StaleIndex() { write("model.safetensors.index.json", kStaleIndexText); }
+  void expectSafetensorsMissing() const {
+    const Refusal refused = refusal();
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_EQ(refused.finding, "weights.index-missing");
+    EXPECT_EQ(refused.message,
+              "model-00001-of-00001.safetensors: it is missing, and model.safetensors.index.json names it");
+    EXPECT_EQ(refused.remedy, "Fetch 'model-00001-of-00001.safetensors'.");
+  }
+};
+
+constexpr char kPassedOver[] =
+    "model.safetensors.index.json: file: model.safetensors.index.json ->  (weights.index-missing)";
+
+TEST_F(StaleIndex, GivesWayToTheTorchShardsOfAnIndex) {
+  write("first.bin", torchShardOf("a"));
+  write("second.bin", torchShardOf("b"));
+  write("pytorch_model.bin.index.json", kTorchIndexText);
+  const Changes changes = prepare();
+  EXPECT_THAT(
+      changeTexts(changes),
+      ElementsAre(kPassedOver,
+                  "first.safetensors: file: first.bin -> first.safetensors (weights.sharded-bin)",
+                  "second.safetensors: file: second.bin -> second.safetensors (weights.sharded-bin)"));
+  EXPECT_EQ(changes[0].why, "There is no .safetensors file, and there are shards of a torch checkpoint.");
+  EXPECT_THAT(outNames(), ElementsAre("first.safetensors", "second.safetensors"));
+}
+
+TEST_F(StaleIndex, GivesWayToNumberedTorchShards) {
+  write("pytorch_model-00001-of-00001.bin", torchShardOf("a"));
+  EXPECT_THAT(changeTexts(prepare()), ElementsAre(kPassedOver,
+                                                  "model-00001-of-00001.safetensors: file: "
+                                                  "pytorch_model-00001-of-00001.bin -> "
+                                                  "model-00001-of-00001.safetensors (pytorch.folder)"));
+}
+
+TEST_F(StaleIndex, GivesWayToTorchShardsOfWhichOneIsMissing) {
+  write("first.bin", torchShardOf("a"));
+  write("pytorch_model.bin.index.json", kTorchIndexText);
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "weights.index-missing");
+  EXPECT_EQ(refused.message, "second.bin: it is missing, and pytorch_model.bin.index.json names it");
+  EXPECT_EQ(refused.remedy, "Fetch 'second.bin'.");
+}
+
+TEST_F(StaleIndex, NamesWhatIsMissingWhereNoTorchShardIsThereEither) {
+  expectSafetensorsMissing();
+  write("pytorch_model.bin.index.json", kTorchIndexText);
+  expectSafetensorsMissing();
+}
+
+TEST_F(StaleIndex, HoldsWhereASafetensorsFileIsThere) {
+  write("other.safetensors", shardOf("a"));
+  write("first.bin", torchShardOf("a"));
+  write("second.bin", torchShardOf("b"));
+  write("pytorch_model.bin.index.json", kTorchIndexText);
+  expectSafetensorsMissing();
+}
+
+}  // namespace
+}  // namespace zel::tool::prepare
