@@ -175,5 +175,45 @@ TEST_F(StaleIndex, HoldsWhereASafetensorsFileIsThere) {
   expectSafetensorsMissing();
 }
 
+// ---- the names under which shards are written
+
+class EqualNames : public WeightsTest {
+ protected:
+  // Two shards of an index, with a tensor each.
+  void shards(const std::string& first, const std::string& second) const {
+    write(first, torchShardOf("a"));
+    write(second, torchShardOf("b"));
+    write("pytorch_model.bin.index.json",
+          R"({"weight_map":{"a":")" + first + R"(","b":")" + second + R"("}})");
+  }
+  void expectRefused(const std::string& message, const WeightOptions& options = {}) const {
+    const Refusal refused = refusal(options);
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_EQ(refused.finding, "weights.refused");
+    EXPECT_EQ(refused.message, message);
+    EXPECT_EQ(refused.remedy, "Rename one of them, in the index file as well.");
+  }
+};
+
+TEST_F(EqualNames, OfTorchShardsAreRefusedBeforeAnythingIsWritten) {
+  shards("model-1.bin", "pytorch_model-1.bin");
+  expectRefused("pytorch_model-1.bin: it and 'model-1.bin' would both be written as 'model-1.safetensors'");
+  fs::rename(in() + "/pytorch_model-1.bin", in() + "/pytorch_model-2.bin");
+  shards("model-1.bin", "pytorch_model-2.bin");
+  prepare();
+  EXPECT_THAT(outNames(), ElementsAre("model-1.safetensors", "model-2.safetensors"));
+}
+
+TEST_F(EqualNames, WithAndWithoutAnEndingAreRefused) {
+  shards("x", "x.bin");
+  expectRefused("x.bin: it and 'x' would both be written as 'x.safetensors'");
+}
+
+TEST_F(EqualNames, DoNotMatterWhereOneOfTheShardsIsLeftOut) {
+  shards("x", "x.bin");
+  prepare({false, {"^b$"}, false});
+  EXPECT_THAT(tensorsIn("x.safetensors"), ElementsAre("a F32 [2]"));
+}
+
 }  // namespace
 }  // namespace zel::tool::prepare

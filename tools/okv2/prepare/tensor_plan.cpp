@@ -91,6 +91,7 @@ class Planner {
       addOutputs(candidate);
     settleNames();
     finishShards();
+    refuseEqualFiles();
     return std::move(shards_);
   }
 
@@ -344,6 +345,19 @@ class Planner {
     shards_.erase(std::remove_if(shards_.begin(), shards_.end(),
                                  [](const PlannedShard& shard) { return shard.tensors.empty(); }),
                   shards_.end());
+  }
+
+  // Two files that differ in their endings only may be written under one name.
+  void refuseEqualFiles() const {
+    std::map<std::string_view, const WeightFile*> holders;
+    for (const PlannedShard& shard : shards_) {
+      const auto [found, isNew] = holders.emplace(shard.outputName, shard.file);
+      if (isNew) continue;
+      refuseWeights(
+          kExitInvalid, Id::WeightsRefused, shard.file->name(),
+          fmt::format("it and '{}' would both be written as '{}'", found->second->name(), shard.outputName),
+          "Rename one of them, in the index file as well.");
+    }
   }
 
   void reportRewrite(std::size_t k) {
