@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,10 +9,7 @@
 #include <cmath>
 #include <limits>
 
-#include "container/descriptor.h"
-#include "okv2/prepare/safetensors_writer.h"
 #include "prepare_weights.h"
-#include "readers/mapped_file.h"
 #include "support/pickle_builder.h"
 #include "support/safetensors_builder.h"
 #include "support/torch_builder.h"
@@ -568,45 +564,6 @@ TEST_F(WeightsTest, SaysWhenTheOutputCannotBeWritten) {
     EXPECT_EQ(refused.exitCode(), 6);
     EXPECT_EQ(refused.what(), out() + "/model.safetensors: cannot be written: No such file or directory");
   }
-}
-
-// A source of three pages, whose tensor is all of it.
-struct ShrinkingSource {
-  explicit ShrinkingSource(const std::string& file) : path(file) {
-    EXPECT_EQ(mapping.open(path.c_str(), 1), MapResult::Ok);
-    descriptor.reset(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-    data = {path, descriptor.get(), mapping.bytes()};
-    tensor.name = "w";
-    tensor.type = "F32";
-    tensor.shape = {kBytes / 4};
-    tensor.bytes = kBytes;
-    tensor.data = &data;
-  }
-  static constexpr std::uint64_t kBytes = 3 * 4096;
-  std::string path;
-  MappedFile mapping;
-  Descriptor descriptor;
-  DataFile data;
-  OutputTensor tensor;
-};
-
-TEST_F(WeightsTest, SaysWhenASourceIsShorterThanItWas) {
-  const std::string bytes = test::patternBytes(ShrinkingSource::kBytes);
-  ShrinkingSource source(write("source", bytes));
-  writeSafetensors(out() + "/good.safetensors", {source.tensor});
-  EXPECT_EQ(dataOf("good.safetensors", "w"), bytes);
-  // By a byte, which leaves its page, and by whole pages.
-  for (const std::uint64_t left : {ShrinkingSource::kBytes - 1, std::uint64_t{4096}}) {
-    ASSERT_EQ(::ftruncate(source.descriptor.get(), static_cast<off_t>(left)), 0);
-    try {
-      writeSafetensors(out() + "/bad.safetensors", {source.tensor});
-      FAIL() << "written from nothing";
-    } catch (const Refused& refused) {
-      EXPECT_EQ(refused.exitCode(), 6);
-      EXPECT_EQ(refused.what(), source.path + ": cannot be read: it is shorter than it was");
-    }
-  }
-  EXPECT_THAT(outNames(), ElementsAre("good.safetensors"));
 }
 
 // ---- names

@@ -12,6 +12,7 @@
 #include "container/dtype.h"
 #include "convert/name_mapping.h"
 #include "okv2/escape.h"
+#include "okv2/prepare/source_guard.h"
 #include "okv2/prepare/weights_plan.h"
 
 namespace zel::tool::prepare {
@@ -166,7 +167,7 @@ std::vector<std::string> compareWeights(const ContainerView& view, const std::st
   for (PlannedShard& shard : plan.shards()) {
     WeightsPlan::place(shard, std::filesystem::temp_directory_path().native());
     for (const PlannedOutput& output : shard.tensors)
-      comparison.compare(output.tensor);
+      readGuarded(*output.tensor.data, [&] { comparison.compare(output.tensor); });
   }
   return comparison.finish();
 }

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include "okv2/exit_codes.h"
 #include "okv2/pending_file.h"
 #include "okv2/prepare/outcome.h"
+#include "okv2/prepare/source_guard.h"
 
 namespace zel::tool::prepare {
 namespace {
@@ -23,16 +23,9 @@ constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
 constexpr std::size_t kLengthBytes = 8;
 constexpr std::size_t kAlignment = 8;  // of the data region; the library aligns it so too
 
-constexpr char kShorter[] = "it is shorter than it was";
-
 [[noreturn]] void cannotWrite(const std::string& path, const std::string& reason) {
   throw Refused(kExitIoError, "", path + ": cannot be written: " + reason,
                 "Make room, or choose another OUT.");
-}
-
-[[noreturn]] void cannotRead(const std::string& path, const std::string& reason) {
-  throw Refused(kExitIoError, "weights.partial", path + ": cannot be read: " + reason,
-                "Leave the directory alone while it is prepared.");
 }
 
 // JSON text with everything escaped that RFC 8259 wants escaped.
@@ -69,7 +62,8 @@ class ShardFile {
   // `size` bytes of `from`: the kernel takes them from the mapping, piece by piece while they are in the
   // processor's cache. That is faster than copy_file_range(), and a file that shrinks is a failed write.
   void copy(const DataFile& from, std::uint64_t offset, std::uint64_t size) {
-    if (offset > from.bytes.size() || size > from.bytes.size() - offset) cannotRead(from.path, kShorter);
+    if (offset > from.bytes.size() || size > from.bytes.size() - offset)
+      refuseUnreadable(from.path, kShorter);
     for (std::uint64_t done = 0; done < size;) {
       const std::size_t n = std::min<std::uint64_t>(kPieceBytes, size - done);
       const char* const piece = from.bytes.data() + offset + done;
@@ -89,7 +83,7 @@ class ShardFile {
     while (size > 0) {
       const ssize_t n = ::write(file_.get(), data, size);
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0 && errno == EFAULT) cannotRead(from.path, kShorter);
+      if (n < 0 && errno == EFAULT) refuseUnreadable(from.path, kShorter);
       if (n <= 0) cannotWrite(path_, std::strerror(errno));
       data += n;
       size -= static_cast<std::size_t>(n);
@@ -102,20 +96,15 @@ class ShardFile {
 
 void writeElements(const OutputTensor& tensor, std::vector<char>& piece, ShardFile& file) {
   ElementReader reader(tensor);
-  for (std::size_t n; (n = reader.next(piece.data(), piece.size())) > 0;) {
+  for (std::size_t n = piece.size(); n > 0;) {
+    readGuarded(*tensor.data, [&] { n = reader.next(piece.data(), piece.size()); });
+    std::size_t bytes = n;
     if (tensor.cast) {
       castToFloat32(piece.data(), n / sizeof(double), piece.data());
-      n = n / sizeof(double) * sizeof(float);
+      bytes = n / sizeof(double) * sizeof(float);
     }
-    file.write(piece.data(), n);
+    file.write(piece.data(), bytes);
   }
-}
-
-// What was cut off the last page of a mapping reads as zeros.
-void refuseShorter(const DataFile& data) {
-  struct stat info {};
-  if (::fstat(data.descriptor, &info) != 0) cannotRead(data.path, std::strerror(errno));
-  if (static_cast<std::uint64_t>(info.st_size) < data.bytes.size()) cannotRead(data.path, kShorter);
 }
 
 void writeTensor(const OutputTensor& tensor, std::vector<char>& piece, ShardFile& file) {

@@ -13,6 +13,7 @@
 #include "okv2/exit_codes.h"
 #include "okv2/plan/weight_files.h"
 #include "okv2/prepare/fused_attention.h"
+#include "okv2/prepare/source_guard.h"
 #include "okv2/prepare/tensor_names.h"
 #include "okv2/prepare/weight_refusals.h"
 #include "readers/safetensors_importer.h"
@@ -324,7 +325,9 @@ class Planner {
       PlannedShard& shard = shards_[k];
       switch (shard.file->form()) {
         case WeightForm::Safetensors:
-          shard.link = shard.link && SafetensorsImporter().openBytes(shard.file->bytes()).ok();
+          if (!shard.link) break;
+          readGuarded(shard.file->data(),
+                      [&] { shard.link = SafetensorsImporter().openBytes(shard.file->bytes()).ok(); });
           break;
         case WeightForm::TorchDialect:
           // It is taken under one name only, and only where there is no other file.

@@ -16,6 +16,7 @@
 #include "okv2/explain/disguise.h"
 #include "okv2/prepare/outcome.h"
 #include "okv2/prepare/safetensors_header.h"
+#include "okv2/prepare/source_guard.h"
 #include "okv2/prepare/weight_refusals.h"
 #include "readers/pytorch_importer.h"
 
@@ -91,6 +92,10 @@ bool writeAll(int fd, std::string_view bytes) {
 void WeightFile::open(const std::string& dir, const std::string& name, bool safetensors) {
   name_ = name;
   map(dir + "/" + name);
+  readGuarded(file_, [&] { readTensors(safetensors); });
+}
+
+void WeightFile::readTensors(bool safetensors) {
   if (safetensors) {
     openSafetensors();
   } else if (!openDialect()) {
@@ -250,12 +255,16 @@ void WeightFile::unpackStorage(const TorchStorage& storage, std::uint64_t used, 
   const bool toTheEnd = unused <= kUnusedAllowance || unused / kMaxUnusedRatio <= used;
   std::uint64_t left = used;
   bool written = true;
-  const Status status = torch_.inflate(storage, [&](std::string_view piece) {
-    piece = piece.substr(0, left);
-    written = writeAll(unpackedDescriptor_.get(), piece);
-    left -= piece.size();
-    return written && (left > 0 || toTheEnd);
+  Status status;
+  readGuarded(file_, [&] {
+    status = torch_.inflate(storage, [&](std::string_view piece) {
+      piece = piece.substr(0, left);
+      written = writeAll(unpackedDescriptor_.get(), piece);
+      left -= piece.size();
+      return written && (left > 0 || toTheEnd);
+    });
   });
+  refuseShorter(file_);
   if (!written) cannotUnpack(out);
   if (!status.ok()) refuse(status);
 }

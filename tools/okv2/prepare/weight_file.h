@@ -40,8 +40,8 @@ class WeightFile {
   WeightFile(const WeightFile&) = delete;
   WeightFile& operator=(const WeightFile&) = delete;
 
-  // Called once. Throws Refused when the file cannot be read, or its tensors would take very much more room
-  // than it has.
+  // Called once. Throws Refused when the file cannot be read, or becomes shorter meanwhile, or its tensors
+  // would take very much more room than it has.
   void open(const std::string& dir, const std::string& name, bool safetensors);
 
   // Unpacks the storages of the deflated tensors among `tensors` (positions), up to the last byte that one of
@@ -52,6 +52,7 @@ class WeightFile {
   [[nodiscard]] const std::string& name() const noexcept { return name_; }
   [[nodiscard]] const std::string& path() const noexcept { return file_.path; }
   [[nodiscard]] std::string_view bytes() const noexcept { return file_.bytes; }
+  [[nodiscard]] const DataFile& data() const noexcept { return file_; }
   [[nodiscard]] WeightForm form() const noexcept { return form_; }
   [[nodiscard]] const std::vector<SourceTensor>& tensors() const noexcept { return tensors_; }
   // Of a torch checkpoint.
@@ -65,6 +66,7 @@ class WeightFile {
 
  private:
   void map(const std::string& path);
+  void readTensors(bool safetensors);
   void openSafetensors();
   void openTorch();
   [[nodiscard]] bool openDialect();

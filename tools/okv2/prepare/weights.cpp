@@ -9,6 +9,7 @@
 
 #include "okv2/exit_codes.h"
 #include "okv2/prepare/safetensors_writer.h"
+#include "okv2/prepare/source_guard.h"
 #include "okv2/prepare/weight_limits.h"
 #include "okv2/prepare/weight_refusals.h"
 #include "okv2/prepare/weights_plan.h"
@@ -22,7 +23,10 @@ using explain::Id;
 void refuseOverflows(const PlannedShard& shard) {
   NameList names;
   for (const PlannedOutput& output : shard.tensors) {
-    if (output.tensor.cast && !fitsFloat32(output.tensor)) names.add("'" + output.tensor.name + "'");
+    if (!output.tensor.cast) continue;
+    readGuarded(*output.tensor.data, [&] {
+      if (!fitsFloat32(output.tensor)) names.add("'" + output.tensor.name + "'");
+    });
   }
   if (names.count() == 0) return;
   refuseWeights(kExitUnsupported, Id::WeightsType, shard.file->name(),
