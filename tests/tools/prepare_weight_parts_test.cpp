@@ -47,8 +47,19 @@ TEST_F(WeightsTest, TakesTheSecondProjectionOfQwenForTheGate) {
   EXPECT_EQ(dataOf("model.safetensors", layer + "mlp.gate_proj.weight"), floats(4, 1));
 }
 
+TEST_F(WeightsTest, KnowsTheFirstQwenByItsTypeAlone) {
+  write("config.json", R"({"model_type":"qwen"})");
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensorData("transformer.h.0.mlp.w1.weight", "F32", {1}, floats(3, 1))
+                                 .tensorData("transformer.h.0.mlp.w2.weight", "F32", {1}, floats(4, 1))
+                                 .bytes());
+  prepare();
+  EXPECT_EQ(dataOf("model.safetensors", "transformer.h.0.mlp.up_proj.weight"), floats(3, 1));
+  EXPECT_EQ(dataOf("model.safetensors", "transformer.h.0.mlp.gate_proj.weight"), floats(4, 1));
+}
+
 TEST_F(WeightsTest, LeavesTheFirstProjectionOfOthersTheGate) {
-  write("config.json", R"({"architectures":["QWen2LMHeadModel"],"model_type":"qwen"})");
+  write("config.json", R"({"architectures":["Qwen2ForCausalLM"],"model_type":"qwen2"})");
   write("model.safetensors",
         SafetensorsBuilder().tensor("transformer.h.0.mlp.w1.weight", "F32", {1}).bytes());
   EXPECT_THAT(prepare(), IsEmpty());

@@ -116,7 +116,12 @@ TEST(TensorNames, AreCalledKnownOnlyWhereTheMappingKnowsThem) {
 
 // ---- spellings of one family
 
-ModelKind kindOf(const std::string& type) { return {type, {type}, 0, true}; }
+ModelKind kindOf(const std::string& type) {
+  ModelKind kind;
+  kind.architecture = type;
+  kind.types = {type};
+  return kind;
+}
 
 struct SpellingRow {
   const char* name;
@@ -161,6 +166,10 @@ INSTANTIATE_TEST_SUITE_P(
                                 "transformer.h.3.mlp.gate_proj.weight", "blk.3.ffn_gate.weight"},
                     SpellingRow{"QwenDown", "QWenLMHeadModel", "transformer.h.3.mlp.c_proj.weight",
                                 "transformer.h.3.mlp.down_proj.weight", "blk.3.ffn_down.weight"},
+                    SpellingRow{"QwenUpByItsType", "qwen", "transformer.h.3.mlp.w1.weight",
+                                "transformer.h.3.mlp.up_proj.weight", "blk.3.ffn_up.weight"},
+                    SpellingRow{"QwenGateByItsType", "qwen", "transformer.h.3.mlp.w2.weight",
+                                "transformer.h.3.mlp.gate_proj.weight", "blk.3.ffn_gate.weight"},
                     SpellingRow{"QwenAttention", "QWenLMHeadModel", "transformer.h.3.attn.c_proj.weight",
                                 "transformer.h.3.self_attn.o_proj.weight", "blk.3.attn_output.weight"}),
     [](const auto& row) { return row.param.name; });
@@ -175,6 +184,13 @@ TEST(TensorNames, SpellNoOtherSuffixAnew) {
 TEST(TensorNames, SpellTheScaleOfGemma4OnlyThere) {
   EXPECT_THAT(namesOf({"model.layers.0.layer_scalar"}, kindOf("gemma3n")),
               ElementsAre("model.layers.0.layer_scalar"));
+}
+TEST(TensorNames, SpellTheFirstQwenAnewAndNoLaterOne) {
+  for (const char* type : {"qwen2", "qwen3", "qwen2_moe", "QWen2LMHeadModel", "Qwen2ForCausalLM", "qwe"}) {
+    EXPECT_THAT(namesOf({"transformer.h.3.mlp.w1.weight"}, kindOf(type)),
+                ElementsAre("transformer.h.3.mlp.w1.weight"))
+        << type;
+  }
 }
 TEST(TensorNames, SpellTensorsBehindAPrefix) {
   EXPECT_THAT(namesOf({"model.language_model.layers.0.layer_scalar", "model.language_model.norm.weight",

@@ -45,6 +45,12 @@ bool ModelKind::isOneOf(std::span<const std::string_view> families) const {
   });
 }
 
+bool ModelKind::isExactly(std::span<const std::string_view> names) const {
+  return std::any_of(types.begin(), types.end(), [&](const std::string& type) {
+    return std::find(names.begin(), names.end(), type) != names.end();
+  });
+}
+
 ModelKind readModelKind(const std::string& dir) {
   HfImporter model;
   ModelKind kind;

@@ -17,6 +17,8 @@ struct ModelKind {
 
   // Whether a type begins with one of `families`.
   [[nodiscard]] bool isOneOf(std::span<const std::string_view> families) const;
+  // Whether a type is one of `names`, to the letter.
+  [[nodiscard]] bool isExactly(std::span<const std::string_view> names) const;
 };
 
 // Of the config.json in `dir`; what it does not say, or says in no readable way, keeps its default.

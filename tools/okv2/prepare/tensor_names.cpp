@@ -86,10 +86,11 @@ struct Spelling {
   std::string_view to;
 };
 // Spellings that the mapping does not know, or knows as something else, in the models whose type begins with
-// one of `families`. Whole names are meant without a prefix that stands before "model."; suffixes follow the
-// layer's number.
+// one of `families`, or is one of `types` to the letter. Whole names are meant without a prefix that stands
+// before "model."; suffixes follow the layer's number.
 struct SpellingTable {
   std::span<const std::string_view> families;
+  std::span<const std::string_view> types;
   std::span<const Spelling> wholeNames;
   std::span<const Spelling> suffixes;
 };
@@ -112,8 +113,8 @@ constexpr std::string_view kGemma4Families[] = {"gemma4", "Gemma4"};
 constexpr Spelling kGemma4Suffixes[] = {{"layer_scalar", "layer_output_scale.weight"}};
 
 // Qwen/Qwen-7B, modeling_qwen.py: QWenMLP is c_proj(w1(x) * silu(w2(x))), so that its w2 is the gate, which
-// elsewhere is w1. All are Linear layers, those of the attention too.
-constexpr std::string_view kQwenFamilies[] = {"QWenLMHeadModel"};
+// elsewhere is w1. All are Linear layers, those of the attention too. Later ones have types of their own.
+constexpr std::string_view kQwenTypes[] = {"qwen", "QWenLMHeadModel"};
 constexpr Spelling kQwenSuffixes[] = {
     {"mlp.w1.weight", "mlp.up_proj.weight"},
     {"mlp.w2.weight", "mlp.gate_proj.weight"},
@@ -122,9 +123,9 @@ constexpr Spelling kQwenSuffixes[] = {
 };
 
 constexpr SpellingTable kSpellings[] = {
-    {kPerLayerInputFamilies, kPerLayerInputNames, kPerLayerInputSuffixes},
-    {kGemma4Families, {}, kGemma4Suffixes},
-    {kQwenFamilies, {}, kQwenSuffixes},
+    {kPerLayerInputFamilies, {}, kPerLayerInputNames, kPerLayerInputSuffixes},
+    {kGemma4Families, {}, {}, kGemma4Suffixes},
+    {{}, kQwenTypes, {}, kQwenSuffixes},
 };
 
 constexpr std::string_view kLayerPrefixes[] = {"model.layers.", "transformer.h."};
@@ -206,7 +207,7 @@ const Spelling* findSpelling(std::span<const Spelling> table, std::string_view n
 
 void spellAsKnown(const ModelKind& kind, std::vector<std::string>& names) {
   for (const SpellingTable& table : kSpellings) {
-    if (!kind.isOneOf(table.families)) continue;
+    if (!kind.isOneOf(table.families) && !kind.isExactly(table.types)) continue;
     for (std::string& name : names) {
       const std::string_view suffix = suffixOf(name);
       if (const Spelling* row = findSpelling(table.wholeNames, name); row != nullptr) {
