@@ -82,6 +82,41 @@ TEST_F(WeightsTest, KeepsAllNormsOfAGemmaInsideAnotherModel) {
   EXPECT_EQ(dataOf("model.safetensors", "model.layers.0.pre_feedforward_layernorm.weight"), floats(2, 1));
 }
 
+TEST_F(WeightsTest, LooksForTheTextModelPastWhatIsNoObject) {
+  const std::string bytes = SafetensorsBuilder()
+                                .tensor("model.layers.0.post_attention_layernorm.weight", "F32", {2})
+                                .tensor("model.layers.0.pre_feedforward_layernorm.weight", "F32", {2})
+                                .bytes();
+  write("model.safetensors", bytes);
+  for (const char* description : {"null", "[]", "7", R"("gemma2")"}) {
+    write("config.json", std::string(R"({"model_type":"xvl","text_config":)") + description +
+                             R"(,"thinker_config":)" + description +
+                             R"(,"decoder":{"model_type":"gemma2"}})");
+    prepare();
+    EXPECT_THAT(tensorsIn("model.safetensors"),
+                ElementsAre("blk.0.post_attention_norm.weight F32 [2]",
+                            "model.layers.0.pre_feedforward_layernorm.weight F32 [2]"))
+        << description;
+    std::filesystem::remove(out() + "/model.safetensors");
+  }
+}
+
+TEST_F(WeightsTest, TakesTheFirstObjectForTheTextModel) {
+  write("config.json", R"({"model_type":"xvl","text_config":{},"llm_config":{"model_type":"gemma2"}})");
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensor("model.layers.0.post_attention_layernorm.weight", "F32", {2})
+                                 .tensor("model.layers.0.pre_feedforward_layernorm.weight", "F32", {2})
+                                 .bytes());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 2);
+  EXPECT_EQ(refused.finding, "tensor.duplicate");
+  EXPECT_EQ(refused.message,
+            "model.safetensors: tensors 'model.layers.0.pre_feedforward_layernorm.weight' and "
+            "'model.layers.0.post_attention_layernorm.weight' (model.safetensors) both get the name "
+            "'blk.0.ffn_norm.weight'");
+  EXPECT_EQ(refused.remedy, "Rename one of them: no name can stand for both.");
+}
+
 TEST_F(WeightsTest, TakesTheConfigurationThatAnImportWillRead) {
   // The prepared configuration names an architecture that the original hides.
   write("config.json", R"({"x":NaN})");

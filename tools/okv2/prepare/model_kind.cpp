@@ -19,11 +19,13 @@ void addTypes(const json::Value& config, std::vector<std::string>& out) {
   if (classes->isString()) out.push_back(classes->text);
 }
 
+// The same object that is looked for when the configuration is mended: one of another kind, such as null, is
+// passed over.
 const json::Value* textConfigOf(const json::Value& config) {
   for (const NestedRow& row : kNestedRows) {
     const json::Value* nested = config.get(row.outer);
-    if (nested != nullptr && row.inner != nullptr) nested = nested->get(row.inner);
-    if (nested != nullptr) return nested;
+    if (nested != nullptr && nested->isObject() && row.inner != nullptr) nested = nested->get(row.inner);
+    if (nested != nullptr && nested->isObject()) return nested;
   }
   return nullptr;
 }
