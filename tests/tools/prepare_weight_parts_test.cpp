@@ -189,6 +189,77 @@ TEST_F(FusedWeights, ByColumnsAreSplitAndKeepTheirOrientation) {
   EXPECT_EQ(part("v.weight"), bytesOf<float>({4, 5, 10, 11}));
 }
 
+TEST_F(FusedWeights, OfPrunedGpt2AreCutByColumns) {
+  // Six inputs; one of two heads of three is left, so that nine columns are.
+  config(R"({"model_type":"gpt2","n_embd":6})");
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensorData(kFusedBias, "F32", {9}, floats(100, 9))
+                                 .tensorData(kFused, "F32", {6, 9}, floats(0, 54))
+                                 .bytes());
+  prepare();
+  EXPECT_THAT(tensorsIn("model.safetensors"),
+              ElementsAre("blk.0.attn_k.weight F32 [6,3]", "blk.0.attn_q.weight F32 [6,3]",
+                          "blk.0.attn_v.weight F32 [6,3]", std::string(kFusedBias) + " F32 [9]"));
+  EXPECT_EQ(part("q.weight"),
+            bytesOf<float>({0, 1, 2, 9, 10, 11, 18, 19, 20, 27, 28, 29, 36, 37, 38, 45, 46, 47}));
+  EXPECT_EQ(part("v.weight"),
+            bytesOf<float>({6, 7, 8, 15, 16, 17, 24, 25, 26, 33, 34, 35, 42, 43, 44, 51, 52, 53}));
+}
+
+TEST_F(FusedWeights, OfTheFirstQwenAreCutByRowsWhateverTheirColumns) {
+  config(R"({"model_type":"qwen"})");
+  write("model.safetensors", SafetensorsBuilder().tensor(kFused, "F32", {6, 9}).bytes());
+  EXPECT_THAT(prepare(), IsEmpty());
+}
+
+struct DirectionRow {
+  const char* name;
+  const char* config;
+  std::vector<std::uint64_t> shape;
+  const char* parts;  // the shape of each; null where the tensor is refused, empty where an import cuts it
+};
+class FusedDirections : public FusedWeights, public testing::WithParamInterface<DirectionRow> {};
+TEST_P(FusedDirections, AreKnownOrRefused) {
+  const DirectionRow& row = GetParam();
+  config(row.config);
+  write("model.safetensors", SafetensorsBuilder().tensor(kFused, "F32", row.shape).bytes());
+  if (row.parts == nullptr) {
+    std::string shape;
+    for (const std::uint64_t extent : row.shape)
+      shape += (shape.empty() ? "[" : ", ") + std::to_string(extent);
+    expectRefused(shape + "]");
+    return;
+  }
+  prepare();
+  const std::string parts = row.parts;
+  if (parts.empty()) {
+    EXPECT_TRUE(std::filesystem::is_symlink(out() + "/model.safetensors"));
+    return;
+  }
+  EXPECT_THAT(tensorsIn("model.safetensors"),
+              ElementsAre("blk.0.attn_k.weight F32 " + parts, "blk.0.attn_q.weight F32 " + parts,
+                          "blk.0.attn_v.weight F32 " + parts));
+}
+constexpr char kGpt2[] = R"({"model_type":"gpt2","n_embd":6})";
+INSTANTIATE_TEST_SUITE_P(
+    All, FusedDirections,
+    testing::Values(
+        DirectionRow{"Gpt2", kGpt2, {6, 18}, "[6,6]"}, DirectionRow{"Gpt2Turned", kGpt2, {18, 6}, nullptr},
+        DirectionRow{"Gpt2OneColumnMore", kGpt2, {6, 10}, nullptr},
+        DirectionRow{"Gpt2OneRowMore", kGpt2, {7, 9}, nullptr},
+        DirectionRow{
+            "Gpt2ByItsClass", R"({"architectures":["GPT2LMHeadModel"],"hidden_size":6})", {6, 9}, "[6,3]"},
+        DirectionRow{"Gpt2OfUnknownWidth", R"({"model_type":"gpt2"})", {6, 9}, "[6,3]"},
+        DirectionRow{"Gpt2OfUnknownWidthMaybeTurned", R"({"model_type":"gpt2"})", {9, 3}, nullptr},
+        DirectionRow{"Gpt2ThreeExtents", kGpt2, {6, 9, 1}, nullptr},
+        DirectionRow{"FirstGpt", R"({"model_type":"openai-gpt","n_embd":6})", {6, 9}, "[6,3]"},
+        DirectionRow{"ImageGpt", R"({"model_type":"imagegpt","n_embd":6})", {6, 9}, "[6,3]"},
+        DirectionRow{"OtherByColumns", R"({"model_type":"x"})", {3, 9}, "[3,3]"},
+        DirectionRow{"OtherByRows", R"({"model_type":"x"})", {9, 3}, ""},
+        DirectionRow{"OtherByRowsThatColumnsCannotBe", R"({"model_type":"x"})", {6, 8}, ""},
+        DirectionRow{"OtherOfEither", R"({"model_type":"x"})", {6, 9}, nullptr}),
+    [](const auto& row) { return row.param.name; });
+
 constexpr char kMultiQuery[] = R"({"model_type":"gpt_bigcode","n_head":2,"multi_query":true})";
 constexpr char kMultiHead[] = R"({"model_type":"gpt_bigcode","n_head":2,"multi_query":false})";
 

@@ -206,23 +206,23 @@ const std::vector<std::string> kTwoNorms = {"model.layers.7.post_attention_layer
                                             "model.layers.7.pre_feedforward_layernorm.weight"};
 
 TEST(TensorNames, GiveGemmasNormTheContainersNameInsideAnotherModel) {
-  const ModelKind kind{"paligemma", {"paligemma", "gemma2"}, 0, true};
+  const ModelKind kind{"paligemma", {"paligemma", "gemma2"}, 0, true, 0};
   EXPECT_THAT(namesOf(kTwoNorms, kind), ElementsAre("blk.7.post_attention_norm.weight", kTwoNorms[1]));
   EXPECT_THAT(reasonsOf(kTwoNorms, kind), ElementsAre(NameReason::Own, NameReason::Same));
   EXPECT_EQ(adapter::toOkvName("paligemma", "blk.7.post_attention_norm.weight").name,
             "blk.7.post_attention_norm.weight");
 }
 TEST(TensorNames, LeaveGemmasNormToTheMappingOfAGemma) {
-  EXPECT_THAT(namesOf(kTwoNorms, {"gemma3", {"gemma3", "gemma3_text"}, 0, true}),
+  EXPECT_THAT(namesOf(kTwoNorms, {"gemma3", {"gemma3", "gemma3_text"}, 0, true, 0}),
               testing::ElementsAreArray(kTwoNorms));
 }
 TEST(TensorNames, LeaveTheNormAloneOfATextModelThatIsNoGemma) {
-  EXPECT_THAT(namesOf(kTwoNorms, {"llava", {"llava", "llama"}, 0, true}),
+  EXPECT_THAT(namesOf(kTwoNorms, {"llava", {"llava", "llama"}, 0, true, 0}),
               testing::ElementsAreArray(kTwoNorms));
 }
 TEST(TensorNames, LeaveTheOnlyNormBeforeTheFeedForwardAlone) {
   // The first Gemma: the norm that is called so stands where everybody else's does.
-  const ModelKind kind{"paligemma", {"paligemma", "gemma"}, 0, true};
+  const ModelKind kind{"paligemma", {"paligemma", "gemma"}, 0, true, 0};
   EXPECT_THAT(namesOf({kTwoNorms[0], "model.layers.8.pre_feedforward_layernorm.weight"}, kind),
               ElementsAre(kTwoNorms[0], "model.layers.8.pre_feedforward_layernorm.weight"));
 }

@@ -16,6 +16,13 @@ constexpr std::uint64_t kBlockRows = 256;
 // (embed_dim, 2 * kv_dim) with multi_query, and into (head_dim, 2 * head_dim) a head without.
 constexpr std::string_view kBigCode[] = {"gpt_bigcode", "GPTBigCode"};
 
+// transformers, modeling_gpt2.py, modeling_openai.py and modeling_imagegpt.py: c_attn is a Conv1D layer,
+// whose weight is [in, out]. Heads that are pruned take columns with them, rows never.
+constexpr std::string_view kConv1d[] = {"gpt2", "GPT2", "openai-gpt", "OpenAIGPT", "imagegpt", "ImageGPT"};
+
+// Qwen/Qwen-7B, modeling_qwen.py, QWenAttention: c_attn is a Linear layer, whose weight is [out, in].
+constexpr std::string_view kLinear[] = {"qwen", "QWenLMHeadModel"};
+
 struct Strides {
   std::uint64_t row;
   std::uint64_t column;
@@ -41,6 +48,16 @@ FusedForm bigCodeForm(const OutputTensor& tensor, const ModelKind& kind) {
   const std::uint64_t queryRows = rows / heads * kind.heads;  // no more than `rows`
   if (tensor.shape.size() == 2 && tensor.shape[1] != queryRows) return FusedForm::Unknown;
   return kind.multiQuery ? FusedForm::MultiQuery : FusedForm::Interleaved;
+}
+
+FusedForm conv1dForm(const OutputTensor& tensor, const ModelKind& kind) {
+  const std::vector<std::uint64_t>& shape = tensor.shape;
+  if (tensor.elementBytes == 0) return FusedForm::Unknown;  // blocks lie across columns
+  if (shape.size() == 1) return shape[0] % kParts == 0 ? FusedForm::EqualRows : FusedForm::Unknown;
+  if (shape.size() != 2 || shape[1] % kParts != 0) return FusedForm::Unknown;
+  // A file that somebody has turned to [out, in] has the width in its columns.
+  const bool isTurned = kind.width != 0 ? shape[0] != kind.width : shape[0] / kParts == shape[1];
+  return isTurned ? FusedForm::Unknown : FusedForm::Columns;
 }
 
 FusedPart rowsOf(const OutputTensor& fused, std::uint64_t first, std::uint64_t count) {
@@ -79,12 +96,18 @@ FusedPart headsOf(const OutputTensor& fused, std::uint64_t heads, std::uint64_t 
 
 FusedForm fusedFormOf(const OutputTensor& tensor, const ModelKind& kind) {
   if (kind.isOneOf(kBigCode)) return bigCodeForm(tensor, kind);
+  if (kind.isOneOf(kConv1d)) return conv1dForm(tensor, kind);
   const std::vector<std::uint64_t>& shape = tensor.shape;
-  if (shape.size() == 2 && shape[1] % kParts == 0 && shape[1] / kParts == shape[0]) {
+  const bool isMatrix = shape.size() == 2;
+  if (isMatrix && shape[1] % kParts == 0 && shape[1] / kParts == shape[0]) {
     return tensor.elementBytes == 0 ? FusedForm::Unknown : FusedForm::Columns;  // blocks lie across columns
   }
   const std::uint64_t unit = tensor.elementBytes == 0 ? kParts * kBlockRows : kParts;
-  return !shape.empty() && shape[0] % unit == 0 ? FusedForm::EqualRows : FusedForm::Unknown;
+  if (shape.empty() || shape[0] % unit != 0) return FusedForm::Unknown;
+  // Of pruned heads both extents may be multiples of three; then only the class tells which one is cut.
+  const bool mayBeColumns = isMatrix && tensor.elementBytes != 0 && shape[1] % kParts == 0;
+  const bool isSquare = isMatrix && shape[0] / kParts == shape[1];
+  return !mayBeColumns || isSquare || kind.isExactly(kLinear) ? FusedForm::EqualRows : FusedForm::Unknown;
 }
 
 std::vector<FusedPart> cutFused(const OutputTensor& fused, const std::vector<adapter::Slice>& slices,

@@ -13,7 +13,7 @@ namespace zel::tool::prepare {
 
 enum class FusedForm : std::uint8_t {
   EqualRows,    // an import cuts it rightly
-  Columns,      // [in, 3 in]: the parts lie side by side
+  Columns,      // [in, out]: the parts lie side by side
   MultiQuery,   // rows of the queries of all heads, then one key head and one value head
   Interleaved,  // rows of query, key and value of the first head, then of the second
   Unknown,      // no cut is known to be right

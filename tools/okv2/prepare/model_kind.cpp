@@ -65,6 +65,8 @@ ModelKind readModelKind(const std::string& dir) {
   if (const json::Value* text = textConfigOf(model.config); text != nullptr) addTypes(*text, kind.types);
   kind.heads = sizeAt(model.config, "n_head");
   if (kind.heads == 0) kind.heads = sizeAt(model.config, "num_attention_heads");
+  kind.width = sizeAt(model.config, "n_embd");
+  if (kind.width == 0) kind.width = sizeAt(model.config, "hidden_size");
   if (const json::Value* multiQuery = model.config.get("multi_query");
       multiQuery != nullptr && multiQuery->isBool()) {
     kind.multiQuery = multiQuery->boolean;

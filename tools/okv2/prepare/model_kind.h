@@ -14,6 +14,7 @@ struct ModelKind {
   std::vector<std::string> types;  // model types and classes, of the whole and of its text model
   std::uint64_t heads = 0;         // of attention; 0 when not given
   bool multiQuery = true;          // of GPTBigCode, whose GPTBigCodeConfig has this default
+  std::uint64_t width = 0;         // of the hidden states; 0 when not given
 
   // Whether a type begins with one of `families`.
   [[nodiscard]] bool isOneOf(std::span<const std::string_view> families) const;
