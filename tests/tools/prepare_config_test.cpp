@@ -351,6 +351,28 @@ TEST(MendGemma4, DerivesThePatternFromItsPeriod) {
   EXPECT_THAT(directory.model.swaPattern, ElementsAre(1, 1, 0, 1, 1, 0));
 }
 
+TEST(MendGemma4, NamesAListOfLayersThatHasAnotherLengthThanTheModel) {
+  const auto directoryWith = [](const std::string& types) {
+    return PreparedDirectory(withConfig(R"({"model_type":"gemma4",)" + std::string(kAllSizes) +
+                                        R"(,"text_config":{"num_hidden_layers":2,"layer_types":[)" + types +
+                                        "]}}"));
+  };
+  const std::string full = R"("full_attention")";
+  const PreparedDirectory whole = directoryWith(full + "," + full);
+  EXPECT_THAT(whole.model.swaPattern, ElementsAre(0, 0));
+  EXPECT_THAT(whole.remaining(), IsEmpty());
+  const std::pair<std::string, const char*> others[] = {{full, "1"}, {full + "," + full + "," + full, "3"}};
+  for (const auto& [types, count] : others) {
+    const PreparedDirectory directory = directoryWith(types);
+    EXPECT_THAT(directory.model.swaPattern, IsEmpty());
+    EXPECT_EQ(Json::parse(directory.text("prepare.json"))["remaining"],
+              (Json::array({{{"finding", "config.not-carried"},
+                             {"subject", "layer_types"},
+                             {"detail", std::string("config.json: $.text_config.layer_types names ") + count +
+                                            " layers, and $.text_config.num_hidden_layers is 2"}}})));
+  }
+}
+
 TEST(MendGemma4, DerivesNoPatternThatEndsInASlidingWindow) {
   const PreparedDirectory directory(
       withConfig(R"({"model_type":"gemma4",)" + std::string(kAllSizes) + R"(,"sliding_window_pattern":3})"));

@@ -242,12 +242,25 @@ class ConfigMender {
     mendSoftcap();
   }
 
+  // A list that is shorter or longer leaves open which layers it is about: Gemma4TextConfig refuses it.
+  bool countsEveryLayer(const Json& types, const std::string& where) {
+    std::string layersAt;
+    const Json* layers = gemma4Member("num_hidden_layers", layersAt);
+    const std::optional<std::int64_t> count = layers == nullptr ? std::nullopt : wholeNumber(*layers);
+    if (!count || static_cast<std::uint64_t>(*count) == types.size()) return true;
+    texts_.losses.push_back({Id::ConfigNotCarried, "layer_types",
+                             fmt::format("config.json: {} names {} layers, and {} is {}", where, types.size(),
+                                         layersAt, *count)});
+    return false;
+  }
+
   // 1 for a layer with a sliding window, 0 for one with full attention.
   void mendPattern() {
     if (config_.find("swa_pattern") != nullptr) return;
     std::string where;
     Json pattern = Json::array();
     if (const Json* types = gemma4Member("layer_types", where); types != nullptr && types->is_array()) {
+      if (!countsEveryLayer(*types, where)) return;
       for (const Json& type : *types) {
         if (type != "sliding_attention" && type != "full_attention") return;  // of a kind that cannot be said
         pattern.push_back(type == "sliding_attention" ? 1 : 0);

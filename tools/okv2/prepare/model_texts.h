@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "okv2/explain/explanation.h"
 #include "okv2/prepare/json_tree.h"
 #include "okv2/prepare/outcome.h"
 #include "okv2/prepare/vocabulary.h"
@@ -61,6 +62,8 @@ class JsonFile {
 };
 
 struct ModelTexts {
+  // What could not be mended, where the prepared directory does not show it.
+  std::vector<explain::Finding> losses;
   JsonFile config{"config.json"};
   JsonFile tokenizerConfig{"tokenizer_config.json"};
   JsonFile specialTokensMap{"special_tokens_map.json"};

@@ -4,9 +4,13 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "okv2/escape.h"
 #include "okv2/exit_codes.h"
@@ -103,6 +107,15 @@ void writeTexts(const std::string& out, const ModelTexts& texts, const Tokenizer
   if (!tokenizer.file.empty()) writeFile(out, tokenizer.file, tokenizer.bytes);
 }
 
+// Behind those that are there already, before the notes.
+void addLosses(std::vector<explain::Finding> losses, explain::Explanation& explanation) {
+  std::vector<explain::Finding>& all = explanation.findings;
+  const auto firstNote = std::find_if(all.begin(), all.end(), [](const explain::Finding& finding) {
+    return explain::rowOf(finding.id).severity == explain::Severity::Note;
+  });
+  all.insert(firstNote, std::make_move_iterator(losses.begin()), std::make_move_iterator(losses.end()));
+}
+
 // Names and texts may hold any byte; JSON holds UTF-8 only.
 std::string documentText(const Json& document) {
   return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -137,6 +150,7 @@ Prepared prepareDirectory(const std::string& directory, const std::string& out,
                           const WeightOptions& options) {
   refuseDisguises(directory);
   Prepared prepared;
+  std::vector<explain::Finding> losses;
   {  // the trees go before the result is read again
     ModelTexts texts = readModelTexts(directory, prepared.changes);
     Tokenizer tokenizer = mendTokenizer(directory, texts, prepared.changes);
@@ -144,9 +158,11 @@ Prepared prepareDirectory(const std::string& directory, const std::string& out,
     mendConfig(texts, prepared.changes);
     mendChatTemplate(directory, texts, prepared.changes);
     writeTexts(out, texts, tokenizer);
+    losses = std::move(texts.losses);
   }
   prepareWeights(directory, out, options, prepared.changes);
   prepared.explanation = explain::explainDirectory(out);
+  addLosses(std::move(losses), prepared.explanation);
   const Json document = {{"schema", kSchema},
                          {"changes", changesJson(prepared.changes)},
                          {"remaining", remainingJson(prepared.explanation)}};
