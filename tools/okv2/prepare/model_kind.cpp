@@ -37,6 +37,11 @@ std::uint64_t sizeAt(const json::Value& config, const char* key) {
   return static_cast<std::uint64_t>(size);
 }
 
+// Leaves `out` as it is where the configuration does not say.
+void readBool(const json::Value& config, const char* key, bool& out) {
+  if (const json::Value* value = config.get(key); value != nullptr && value->isBool()) out = value->boolean;
+}
+
 }  // namespace
 
 bool ModelKind::isOneOf(std::span<const std::string_view> families) const {
@@ -62,15 +67,15 @@ ModelKind readModelKind(const std::string& dir) {
   if (status.code() == Code::Corrupted) return kind;
   if (status.ok()) kind.architecture = model.arch;
   addTypes(model.config, kind.types);
-  if (const json::Value* text = textConfigOf(model.config); text != nullptr) addTypes(*text, kind.types);
+  const json::Value* const text = textConfigOf(model.config);
+  if (text != nullptr) addTypes(*text, kind.types);
   kind.heads = sizeAt(model.config, "n_head");
   if (kind.heads == 0) kind.heads = sizeAt(model.config, "num_attention_heads");
   kind.width = sizeAt(model.config, "n_embd");
   if (kind.width == 0) kind.width = sizeAt(model.config, "hidden_size");
-  if (const json::Value* multiQuery = model.config.get("multi_query");
-      multiQuery != nullptr && multiQuery->isBool()) {
-    kind.multiQuery = multiQuery->boolean;
-  }
+  readBool(model.config, "multi_query", kind.multiQuery);
+  readBool(model.config, "do_layer_norm_before", kind.normsFirst);
+  if (text != nullptr) readBool(*text, "do_layer_norm_before", kind.normsFirst);
   return kind;
 }
 

@@ -16,6 +16,8 @@ struct ModelKind {
   bool multiQuery = true;          // of GPTBigCode, whose GPTBigCodeConfig has this default
   std::uint64_t width = 0;         // of the hidden states; 0 when not given
 
+  bool normsFirst = true;  // of OPT, whose OPTConfig has this default
+
   // Whether a type begins with one of `families`.
   [[nodiscard]] bool isOneOf(std::span<const std::string_view> families) const;
   // Whether a type is one of `names`, to the letter.
