@@ -72,6 +72,63 @@ TEST(OkvPrepare, NamesWhatIsLeft) {
             "not mended: rope_scaling: The scaling of rotary positions is not read. [config.rope-scaling]\n");
 }
 
+// GPT-NeoX lays query, key and value head by head.
+ModelDirBuilder neoX() {
+  return ModelDirBuilder()
+      .tokenizer()
+      .config(R"({"model_type":"gpt_neox","hidden_size":2,"num_hidden_layers":1,"num_attention_heads":1,)"
+              R"("num_key_value_heads":1,"intermediate_size":8,"vocab_size":4})")
+      .shard("model.safetensors",
+             test::SafetensorsBuilder()
+                 .tensor("gpt_neox.layers.0.attention.dense.bias", "F32", {2})
+                 .tensor("gpt_neox.layers.0.attention.dense.weight", "F32", {2, 2})
+                 .tensor("gpt_neox.layers.0.attention.query_key_value.weight", "F32", {6, 2})
+                 .tensor("gpt_neox.layers.0.input_layernorm.weight", "F32", {2}));
+}
+
+TEST(OkvPrepare, CountsTheNamesThatNobodyKnows) {
+  const TempDir dir;
+  const CommandResult result = okv2Run({"prepare", neoX().write(dir), dir / "out"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_THAT(result.err,
+              testing::EndsWith(
+                  "not mended: 1 fused projection, left whole: Tensors keep a name, or the end of one, that "
+                  "is in no table. [tensor.unmapped]\n"
+                  "not mended: 1 tensor: Tensors keep a name, or the end of one, that is in no table. "
+                  "[tensor.unmapped]\n"));
+  const json remaining = json::parse(test::readWholeFile(dir / "out/prepare.json"))["remaining"];
+  ASSERT_EQ(remaining.size(), 2U);
+  EXPECT_EQ(remaining[0], (json{{"finding", "tensor.unmapped"},
+                                {"subject", "1 fused projection, left whole"},
+                                {"detail",
+                                 "model.layers.0.attention.query_key_value.weight becomes "
+                                 "blk.0.attention.query_key_value.weight"}}));
+  EXPECT_EQ(remaining[1], (json{{"finding", "tensor.unmapped"},
+                                {"subject", "1 tensor"},
+                                {"detail",
+                                 "model.layers.0.attention.dense.bias becomes "
+                                 "blk.0.attention.dense.bias"}}));
+}
+
+TEST(OkvPrepare, CountsNoNameOfTheContainersOwn) {
+  const TempDir dir;
+  const std::string model =
+      ModelDirBuilder()
+          .tokenizer()
+          .config(R"({"model_type":"gpt2","hidden_size":2,"num_hidden_layers":1,"num_attention_heads":1,)"
+                  R"("num_key_value_heads":1,"intermediate_size":8,"vocab_size":4})")
+          .shard("model.safetensors",
+                 test::SafetensorsBuilder().tensor("transformer.h.0.attn.c_attn.weight", "F32", {2, 6}))
+          .write(dir);
+  const CommandResult result = okv2Run({"prepare", model, dir / "out"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err,
+            "model.safetensors: transformer.h.0.attn.c_attn.weight: transformer.h.0.attn.c_attn.weight -> "
+            "blk.0.attn_q.weight, blk.0.attn_k.weight, blk.0.attn_v.weight: An import would cut the fused "
+            "projection along its other extent; the parts stay [in, out]. [tensor.fused-columns]\n");
+  EXPECT_EQ(json::parse(test::readWholeFile(dir / "out/prepare.json"))["remaining"], json::array());
+}
+
 TEST(OkvPrepare, AnswersInJson) {
   const TempDir dir;
   const std::string model = twoChanges().write(dir);

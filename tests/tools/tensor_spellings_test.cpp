@@ -8,12 +8,17 @@
 
 #include "convert/name_mapping.h"
 #include "okv2/prepare/tensor_names.h"
+#include "okv2/prepare/weights.h"
+#include "prepare_weights.h"
+#include "support/safetensors_builder.h"
 
 namespace zel::tool::prepare {
 namespace {
 
+using test::SafetensorsBuilder;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
+using testing::IsEmpty;
 
 struct NamePair {
   const char* published;
@@ -271,6 +276,140 @@ TEST(TensorSpellings, OfOptLeaveNormsAloneThatStandBehind) {
   EXPECT_THAT(storedAs("opt", names, false),
               ElementsAre("blk.7.self_attn_layer_norm.weight", "blk.7.final_layer_norm.weight",
                           "blk.7.attn_output.weight", "blk.7.attn_q.weight"));
+}
+
+// ---- the container's own names
+
+TEST(ContainerNames, AreThoseThatTheMappingGives) {
+  for (const char* name : {"model.embed_tokens.weight",
+                           "lm_head.weight",
+                           "model.norm.weight",
+                           "model.rope_freqs.weight",
+                           "model.per_layer_token_embd.weight",
+                           "model.per_layer_model_proj.weight",
+                           "model.per_layer_proj_norm.weight",
+                           "model.layers.12.self_attn.q_proj.weight",
+                           "model.layers.12.self_attn.k_proj.weight",
+                           "model.layers.12.self_attn.v_proj.weight",
+                           "model.layers.12.self_attn.o_proj.weight",
+                           "model.layers.12.self_attn.q_norm.weight",
+                           "model.layers.12.self_attn.k_norm.weight",
+                           "model.layers.12.mlp.gate_proj.weight",
+                           "model.layers.12.mlp.up_proj.weight",
+                           "model.layers.12.mlp.down_proj.weight",
+                           "model.layers.12.input_layernorm.weight",
+                           "model.layers.12.post_attention_layernorm.weight",
+                           "model.layers.12.post_feedforward_layernorm.weight",
+                           "model.layers.12.inp_gate_proj.weight",
+                           "model.layers.12.proj.weight",
+                           "model.layers.12.post_norm.weight",
+                           "model.layers.12.layer_output_scale.weight"}) {
+    for (const char* architecture : {"llama", "gemma2"})
+      EXPECT_TRUE(isContainerName(adapter::toOkvName(architecture, name).name)) << name;
+  }
+  for (const char* name : {"model.layers.0.self_attn.c_attn.weight", "model.layers.0.attn.c_attn.bias"}) {
+    for (const adapter::Slice& slice : adapter::toOkvName("", name).slices)
+      EXPECT_TRUE(isContainerName(slice.name)) << slice.name;
+  }
+}
+
+TEST(ContainerNames, AreNoOthers) {
+  for (const char* name : {"", "blk.", "blk.7", "blk..attn_q.weight", "blk.7x.attn_q.weight", "blk.7.attn_q",
+                           "blk.7.attn_q.weight.x", "7.attn_q.weight", "attn_q.weight", "lm_head.weight",
+                           "token_embd", "blk.7.token_embd.weight", "blk.7.attn_output.bias"})
+    EXPECT_FALSE(isContainerName(name)) << name;
+}
+
+TEST(FusedNames, AreToldByOneOfTheirParts) {
+  for (const char* name :
+       {"gpt_neox.layers.0.attention.query_key_value.weight", "query_key_value",
+        "model.layers.0.attention.wqkv.weight", "transformer.blocks.0.attn.Wqkv.bias",
+        "model.layers.0.self_attn.qkv_proj.weight", "model.layers.0.mlp.gate_up_proj.weight"})
+    EXPECT_TRUE(isFusedName(name)) << name;
+  for (const char* name : {"", ".", "model.layers.0.query_key_values.weight", "model.layers.0.xwqkv.weight",
+                           "model.layers.0.self_attn.q_proj.weight"})
+    EXPECT_FALSE(isFusedName(name)) << name;
+}
+
+// ---- what is left
+
+class UnmappedNames : public WeightsTest {
+ protected:
+  // "FINDING: SUBJECT: DETAIL" of each that is left.
+  [[nodiscard]] std::vector<std::string> left() const {
+    Changes changes;
+    std::vector<std::string> texts;
+    for (const explain::Finding& finding : prepareWeights(in(), out(), {}, changes)) {
+      texts.push_back(std::string(explain::rowOf(finding.id).name) + ": " + finding.subject + ": " +
+                      finding.detail);
+    }
+    return texts;
+  }
+};
+
+TEST_F(UnmappedNames, AreCountedAndTheFirstAreNamed) {
+  SafetensorsBuilder shard;
+  for (const char* name : {"a", "b", "model.layers.0.c", "d", "model.norm.weight"})
+    shard.tensor(name, "F32", {2});
+  write("model.safetensors", shard.bytes());
+  EXPECT_THAT(left(),
+              ElementsAre("tensor.unmapped: 4 tensors: a; b; model.layers.0.c becomes blk.0.c; 1 more"));
+}
+
+TEST_F(UnmappedNames, AreToldWithTheNameThatIsStored) {
+  write("model.safetensors", SafetensorsBuilder().tensor("model.layers.0.c", "F32", {2}).bytes());
+  EXPECT_THAT(left(), ElementsAre("tensor.unmapped: 1 tensor: model.layers.0.c becomes blk.0.c"));
+}
+
+TEST_F(UnmappedNames, AreNotThoseThatTheContainerHasAMeaningFor) {
+  write("config.json", R"({"model_type":"gpt2","n_embd":2})");
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensor("transformer.h.0.attn.c_attn.weight", "F32", {2, 6})
+                                 .tensor("transformer.h.0.attn.c_attn.bias", "F32", {6})
+                                 .tensor("transformer.h.0.mlp.c_fc.weight", "F32", {2, 8})
+                                 .bytes());
+  EXPECT_THAT(left(), IsEmpty());
+}
+
+TEST_F(UnmappedNames, OfFusedProjectionsAreCountedApart) {
+  write("config.json", R"({"model_type":"gpt_neox"})");
+  const std::string layer = "gpt_neox.layers.0.";
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensor(layer + "attention.dense.bias", "F32", {2})
+                                 .tensor(layer + "attention.query_key_value.bias", "F32", {6})
+                                 .tensor(layer + "attention.query_key_value.weight", "F32", {6, 2})
+                                 .tensor(layer + "input_layernorm.weight", "F32", {2})
+                                 .bytes());
+  EXPECT_THAT(
+      left(),
+      ElementsAre(
+          "tensor.unmapped: 2 fused projections, left whole: model.layers.0.attention.query_key_value.bias "
+          "becomes blk.0.attention.query_key_value.bias; model.layers.0.attention.query_key_value.weight "
+          "becomes blk.0.attention.query_key_value.weight",
+          "tensor.unmapped: 1 tensor: model.layers.0.attention.dense.bias becomes "
+          "blk.0.attention.dense.bias"));
+  EXPECT_THAT(tensorsIn("model.safetensors"),
+              testing::Contains("model.layers.0.attention.query_key_value.weight F32 [6,2]"));
+}
+
+TEST_F(UnmappedNames, OfOptFollowTheOrderOfItsNorms) {
+  const auto leftWith = [this](const std::string& setting) {
+    write("config.json", R"({"model_type":"opt")" + setting + "}");
+    write("model.safetensors", SafetensorsBuilder()
+                                   .tensor("model.decoder.layers.0.self_attn.q_proj.weight", "F32", {2, 2})
+                                   .tensor("model.decoder.layers.0.self_attn_layer_norm.weight", "F32", {2})
+                                   .bytes());
+    std::vector<std::string> texts = left();
+    std::filesystem::remove(out() + "/model.safetensors");
+    return texts;
+  };
+  EXPECT_THAT(leftWith(""), IsEmpty());
+  EXPECT_THAT(leftWith(R"(,"do_layer_norm_before":true)"), IsEmpty());
+  const auto isLeft = ElementsAre(
+      "tensor.unmapped: 1 tensor: model.layers.0.self_attn_layer_norm.weight becomes "
+      "blk.0.self_attn_layer_norm.weight");
+  EXPECT_THAT(leftWith(R"(,"do_layer_norm_before":false)"), isLeft);
+  EXPECT_THAT(leftWith(R"(,"text_config":{"do_layer_norm_before":false})"), isLeft);
 }
 
 }  // namespace

@@ -26,8 +26,8 @@ void printPrepared(const prepare::Prepared& prepared) {
         change.finding.empty() ? "" : " [" + change.finding + "]");
   }
   for (const explain::Finding& finding : prepared.explanation.findings) {
+    if (!prepare::isNotMended(finding)) continue;
     const explain::FindingRow& row = explain::rowOf(finding.id);
-    if (row.severity == explain::Severity::Note) continue;
     say("not mended: {}: {} [{}]\n", escapedCut(finding.subject, kShownBytes), row.what, row.name);
   }
 }

@@ -116,6 +116,14 @@ void addLosses(std::vector<explain::Finding> losses, explain::Explanation& expla
   all.insert(firstNote, std::make_move_iterator(losses.begin()), std::make_move_iterator(losses.end()));
 }
 
+// Names that are the container's own pass an import unchanged, and are not among `unmapped`.
+void replaceUnmapped(std::vector<explain::Finding> unmapped, explain::Explanation& explanation) {
+  std::vector<explain::Finding>& all = explanation.findings;
+  const auto isUnmapped = [](const explain::Finding& finding) { return finding.id == Id::TensorUnmapped; };
+  all.erase(std::remove_if(all.begin(), all.end(), isUnmapped), all.end());
+  std::move(unmapped.begin(), unmapped.end(), std::back_inserter(all));
+}
+
 // Names and texts may hold any byte; JSON holds UTF-8 only.
 std::string documentText(const Json& document) {
   return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
@@ -136,11 +144,15 @@ Json changesJson(const Changes& changes) {
   return out;
 }
 
+bool isNotMended(const explain::Finding& finding) {
+  return finding.id == Id::TensorUnmapped || explain::rowOf(finding.id).severity != explain::Severity::Note;
+}
+
 Json remainingJson(const explain::Explanation& explanation) {
   Json out = Json::array();
   for (const explain::Finding& finding : explanation.findings) {
+    if (!isNotMended(finding)) continue;
     const explain::FindingRow& row = explain::rowOf(finding.id);
-    if (row.severity == explain::Severity::Note) continue;
     out.push_back({{"finding", row.name}, {"subject", finding.subject}, {"detail", finding.detail}});
   }
   return out;
@@ -160,9 +172,10 @@ Prepared prepareDirectory(const std::string& directory, const std::string& out,
     writeTexts(out, texts, tokenizer);
     losses = std::move(texts.losses);
   }
-  prepareWeights(directory, out, options, prepared.changes);
+  std::vector<explain::Finding> unmapped = prepareWeights(directory, out, options, prepared.changes);
   prepared.explanation = explain::explainDirectory(out);
   addLosses(std::move(losses), prepared.explanation);
+  replaceUnmapped(std::move(unmapped), prepared.explanation);
   const Json document = {{"schema", kSchema},
                          {"changes", changesJson(prepared.changes)},
                          {"remaining", remainingJson(prepared.explanation)}};

@@ -12,7 +12,7 @@ namespace zel::tool::prepare {
 
 struct Prepared {
   Changes changes;
-  explain::Explanation explanation;  // of the prepared directory: losses in it could not be mended
+  explain::Explanation explanation;  // of the prepared directory, and what does not show in it any more
 };
 
 // Writes into the directory `out`, which exists and is empty, what an import of `directory` shall read, and
@@ -23,7 +23,11 @@ struct Prepared {
 [[nodiscard]] Prepared prepareDirectory(const std::string& directory, const std::string& out,
                                         const WeightOptions& options);
 
-// A list of changes, and of findings that are losses or worse, as documents show them.
+// Whether a finding about the prepared directory is told as one that could not be mended: a loss or worse, or
+// names that no reader of the container knows.
+[[nodiscard]] bool isNotMended(const explain::Finding& finding);
+
+// A list of changes, and of findings that could not be mended, as documents show them.
 [[nodiscard]] Json changesJson(const Changes& changes);
 [[nodiscard]] Json remainingJson(const explain::Explanation& explanation);
 

@@ -141,6 +141,27 @@ bool mappingKnows(const std::string& name) {
   return std::find(std::begin(kSameSuffixes), std::end(kSameSuffixes), suffix) != std::end(kSameSuffixes);
 }
 
+bool isContainerName(std::string_view stored) {
+  constexpr std::string_view kLayer = "blk.";
+  if (!startsWith(stored, kLayer)) {
+    return std::find(std::begin(kContainerNames), std::end(kContainerNames), stored) !=
+           std::end(kContainerNames);
+  }
+  const std::size_t end = stored.find_first_not_of("0123456789", kLayer.size());
+  if (end == std::string_view::npos || end == kLayer.size() || stored[end] != '.') return false;
+  return std::find(std::begin(kContainerSuffixes), std::end(kContainerSuffixes), stored.substr(end + 1)) !=
+         std::end(kContainerSuffixes);
+}
+
+bool isFusedName(std::string_view name) {
+  while (!name.empty()) {
+    const std::string_view part = name.substr(0, name.find('.'));
+    if (std::find(std::begin(kFusedParts), std::end(kFusedParts), part) != std::end(kFusedParts)) return true;
+    name.remove_prefix(std::min(part.size() + 1, name.size()));
+  }
+  return false;
+}
+
 std::vector<KnownName> bringToKnownNames(const std::vector<std::string>& published, const ModelKind& kind) {
   std::vector<std::string> names = published;
   removeWrappers(names);

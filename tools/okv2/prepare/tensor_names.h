@@ -14,6 +14,12 @@ namespace zel::tool::prepare {
 // Whether the mapping gives the name a meaning of its own, and does not just pass it, or its end, unchanged.
 [[nodiscard]] bool mappingKnows(const std::string& name);
 
+// Whether a name in the container is one that it has a meaning for, and not just what was published.
+[[nodiscard]] bool isContainerName(std::string_view stored);
+
+// Whether the name is that of a fused projection, of attention or feed-forward, that no import cuts.
+[[nodiscard]] bool isFusedName(std::string_view name);
+
 enum class NameReason : std::uint8_t {
   Same,     // it is as published
   Known,    // the mapping knows it

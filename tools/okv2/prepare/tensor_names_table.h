@@ -87,9 +87,48 @@ inline constexpr std::string_view kOtherTowers[] = {
 };
 inline constexpr std::string_view kInnerPrefixes[] = {"", "model.", "thinker.", "model.model."};
 
-// Suffixes of layer tensors that are the container's own already (convert/name_mapping.cpp).
+// The container's own names (convert/name_mapping.cpp), and those of a layer's tensors behind "blk.N.".
+inline constexpr std::string_view kContainerNames[] = {
+    "token_embd.weight",           "output.weight",
+    "output_norm.weight",          "rope_freqs.weight",
+    "per_layer_token_embd.weight", "per_layer_model_proj.weight",
+    "per_layer_proj_norm.weight",
+};
+inline constexpr std::string_view kContainerSuffixes[] = {
+    "attn_q.weight",
+    "attn_k.weight",
+    "attn_v.weight",
+    "attn_q.bias",
+    "attn_k.bias",
+    "attn_v.bias",
+    "attn_output.weight",
+    "attn_q_norm.weight",
+    "attn_k_norm.weight",
+    "ffn_gate.weight",
+    "ffn_up.weight",
+    "ffn_down.weight",
+    "attn_norm.weight",
+    "ffn_norm.weight",
+    "post_attention_norm.weight",
+    "post_ffw_norm.weight",
+    "post_norm.weight",
+    "inp_gate.weight",
+    "proj.weight",
+    "layer_output_scale.weight",
+};
+// Those that the mapping knows under the same spelling.
 inline constexpr std::string_view kSameSuffixes[] = {"post_norm.weight", "inp_gate.weight", "proj.weight",
                                                      "layer_output_scale.weight"};
+
+// Parts of the names of fused projections that no mapping cuts: each class lays query, key and value, or gate
+// and up, in a way of its own.
+inline constexpr std::string_view kFusedParts[] = {
+    "query_key_value",  // transformers, modeling_gpt_neox.py, modeling_bloom.py, modeling_falcon.py
+    "wqkv",             // internlm/internlm2-7b, modeling_internlm2.py
+    "Wqkv",             // mosaicml/mpt-7b, attention.py
+    "qkv_proj",         // transformers, modeling_phi3.py, modeling_codegen.py
+    "gate_up_proj",     // transformers, modeling_phi3.py
+};
 
 struct Spelling {
   std::string_view from;

@@ -70,8 +70,8 @@ void writeShard(const PlannedShard& shard, const std::string& out) {
 
 }  // namespace
 
-void prepareWeights(const std::string& dir, const std::string& out, const WeightOptions& options,
-                    Changes& changes) {
+std::vector<explain::Finding> prepareWeights(const std::string& dir, const std::string& out,
+                                             const WeightOptions& options, Changes& changes) {
   WeightsPlan plan;
   // As an import will read it, where it is prepared already.
   std::error_code ignored;
@@ -84,6 +84,7 @@ void prepareWeights(const std::string& dir, const std::string& out, const Weight
   }
   for (const PlannedShard& shard : plan.shards())
     shard.link ? linkShard(dir, shard, out) : writeShard(shard, out);
+  return plan.unmappedNames();
 }
 
 }  // namespace zel::tool::prepare

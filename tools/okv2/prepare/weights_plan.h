@@ -8,6 +8,7 @@
 #include "okv2/prepare/model_kind.h"
 #include "okv2/prepare/outcome.h"
 #include "okv2/prepare/tensor_plan.h"
+#include "okv2/prepare/unmapped_names.h"
 #include "okv2/prepare/weight_file.h"
 #include "okv2/prepare/weights.h"
 
@@ -24,6 +25,10 @@ class WeightsPlan {
   // As HfImporter names it; empty when the configuration does not tell.
   [[nodiscard]] const std::string& architecture() const noexcept { return kind_.architecture; }
   [[nodiscard]] std::vector<PlannedShard>& shards() noexcept { return shards_; }
+  // What an import of the shards would leave under names that nobody knows.
+  [[nodiscard]] std::vector<explain::Finding> unmappedNames() const {
+    return findUnmappedNames(shards_, kind_);
+  }
 
   // Settles where the bytes of the shard's tensors lie; deflated ones are unpacked to a file without a name
   // in the directory `scratch`. Throws Refused when they are damaged.
