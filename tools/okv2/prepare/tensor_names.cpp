@@ -6,6 +6,7 @@
 #include <iterator>
 #include <set>
 #include <span>
+#include <utility>
 
 #include "container/okv2_format.h"
 #include "convert/name_mapping.h"
@@ -60,19 +61,55 @@ std::string_view suffixOf(std::string_view name) {
   return {};
 }
 
-bool ruleHolds(const PrefixRule& rule, const ModelKind& kind, const std::vector<std::string>& names) {
+// Null when the table has no row for it.
+const Spelling* findSpelling(std::span<const Spelling> table, std::string_view name) {
+  const auto row =
+      std::find_if(table.begin(), table.end(), [&](const Spelling& s) { return s.from == name; });
+  return row == table.end() ? nullptr : &*row;
+}
+
+// The tables that hold for models of one kind.
+class Spellings {
+ public:
+  explicit Spellings(const ModelKind& kind) {
+    for (const SpellingTable& table : kSpellings) {
+      if (!kind.isOneOf(table.families) && !kind.isExactly(table.types)) continue;
+      if (!table.normsFirst || kind.normsFirst) tables_.push_back(&table);
+    }
+  }
+
+  [[nodiscard]] std::string spell(std::string name) const {
+    for (const SpellingTable* table : tables_) {
+      const std::string_view suffix = suffixOf(name);
+      if (const Spelling* row = findSpelling(table->wholeNames, name); row != nullptr) {
+        name = row->to;
+      } else if (row = findSpelling(table->suffixes, suffix); row != nullptr) {
+        name.replace(name.size() - suffix.size(), suffix.size(), row->to);
+      }
+    }
+    return name;
+  }
+
+ private:
+  std::vector<const SpellingTable*> tables_;
+};
+
+bool ruleHolds(const PrefixRule& rule, const ModelKind& kind, const Spellings& spellings,
+               const std::vector<std::string>& names) {
   if (!rule.types.empty() && !kind.isExactly(rule.types)) return false;
   const PrefixChange& first = rule.changes[0];
   return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-    return startsWith(name, first.from) && !mappingKnows(name) && mappingKnows(replaced(name, first));
+    return startsWith(name, first.from) && !mappingKnows(name) &&
+           mappingKnows(spellings.spell(replaced(name, first)));
   });
 }
 
 // Whether each name was changed.
-std::vector<bool> changePrefixes(const ModelKind& kind, std::vector<std::string>& names) {
+std::vector<bool> changePrefixes(const ModelKind& kind, const Spellings& spellings,
+                                 std::vector<std::string>& names) {
   std::vector<bool> changed(names.size(), false);
   for (const PrefixRule& rule : kPrefixRules) {
-    if (!ruleHolds(rule, kind, names)) continue;
+    if (!ruleHolds(rule, kind, spellings, names)) continue;
     for (std::size_t k = 0; k < names.size(); ++k) {
       for (const PrefixChange& change : rule.changes) {
         if (change.from.empty() || !startsWith(names[k], change.from)) continue;
@@ -83,28 +120,6 @@ std::vector<bool> changePrefixes(const ModelKind& kind, std::vector<std::string>
     }
   }
   return changed;
-}
-
-// Null when the table has no row for it.
-const Spelling* findSpelling(std::span<const Spelling> table, std::string_view name) {
-  const auto row =
-      std::find_if(table.begin(), table.end(), [&](const Spelling& s) { return s.from == name; });
-  return row == table.end() ? nullptr : &*row;
-}
-
-void spellAsKnown(const ModelKind& kind, std::vector<std::string>& names) {
-  for (const SpellingTable& table : kSpellings) {
-    if (!kind.isOneOf(table.families) && !kind.isExactly(table.types)) continue;
-    if (table.normsFirst && !kind.normsFirst) continue;
-    for (std::string& name : names) {
-      const std::string_view suffix = suffixOf(name);
-      if (const Spelling* row = findSpelling(table.wholeNames, name); row != nullptr) {
-        name = row->to;
-      } else if (row = findSpelling(table.suffixes, suffix); row != nullptr) {
-        name.replace(name.size() - suffix.size(), suffix.size(), row->to);
-      }
-    }
-  }
 }
 
 // Whether each name was changed.
@@ -165,8 +180,10 @@ bool isFusedName(std::string_view name) {
 std::vector<KnownName> bringToKnownNames(const std::vector<std::string>& published, const ModelKind& kind) {
   std::vector<std::string> names = published;
   removeWrappers(names);
-  const std::vector<bool> inGroup = changePrefixes(kind, names);
-  spellAsKnown(kind, names);
+  const Spellings spellings(kind);
+  const std::vector<bool> inGroup = changePrefixes(kind, spellings, names);
+  for (std::string& name : names)
+    name = spellings.spell(std::move(name));
   const std::vector<bool> isOwn = nameGemmaNorms(kind, names);
   std::vector<KnownName> out(names.size());
   for (std::size_t k = 0; k < names.size(); ++k) {

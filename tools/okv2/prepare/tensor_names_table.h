@@ -22,8 +22,8 @@ struct PrefixChange {
   std::string_view from;
   std::string_view to;
 };
-// The first change decides: the rule holds where it makes the mapping know a name. All of its changes are
-// then made.
+// The first change decides: the rule holds where it makes the mapping know a name, as the model's class
+// spells it. All of its changes are then made.
 struct PrefixRule {
   PrefixChange changes[3];
   std::string_view source;
@@ -31,6 +31,9 @@ struct PrefixRule {
 };
 // transformers, modeling_opt.py. Encoders and decoders in one model have the same prefix.
 inline constexpr std::string_view kOptTypes[] = {"opt", "OPTForCausalLM", "OPTModel"};
+
+// transformers, modeling_mpt.py; mosaicml/mpt-7b, modeling_mpt.py.
+inline constexpr std::string_view kMptTypes[] = {"mpt", "MPTForCausalLM", "MptForCausalLM"};
 
 inline constexpr PrefixRule kPrefixRules[] = {
     {{{"model.language_model.", "model."}, {}, {}},
@@ -57,6 +60,9 @@ inline constexpr PrefixRule kPrefixRules[] = {
     {{{"language_model.model.decoder.", "model."}, {"language_model.lm_head.", "lm_head."}, {}},
      "transformers, modeling_blip_2.py: Blip2ForConditionalGeneration.language_model",
      kOptTypes},
+    {{{"transformer.blocks.", "transformer.h."}, {"transformer.norm_f.", "transformer.ln_f."}, {}},
+     "transformers, modeling_mpt.py: MptModel.blocks",
+     kMptTypes},
     {{{"h.", "transformer.h."}, {"wte.", "transformer.wte."}, {"ln_f.", "transformer.ln_f."}},
      "transformers, modeling_gpt2.py: GPT2Model saved without its head"},
     {{{"layers.", "model.layers."}, {"embed_tokens.", "model.embed_tokens."}, {"norm.", "model.norm."}},
@@ -279,6 +285,13 @@ inline constexpr Spelling kOptNormSuffixes[] = {
     {"final_layer_norm.weight", "post_attention_layernorm.weight"},
 };
 
+// transformers, modeling_mpt.py: MptBlock, MptAttention and MptMLP; mosaicml/mpt-7b, blocks.py, has the same.
+inline constexpr Spelling kMptSuffixes[] = {
+    {"norm_1.weight", "input_layernorm.weight"},          {"attn.out_proj.weight", "self_attn.o_proj.weight"},
+    {"norm_2.weight", "post_attention_layernorm.weight"}, {"ffn.up_proj.weight", "mlp.up_proj.weight"},
+    {"ffn.down_proj.weight", "mlp.down_proj.weight"},
+};
+
 // transformers, modeling_starcoder2.py: Starcoder2MLP.
 inline constexpr std::string_view kStarcoder2Families[] = {"starcoder2", "Starcoder2"};
 inline constexpr Spelling kStarcoder2Suffixes[] = {
@@ -305,6 +318,7 @@ inline constexpr SpellingTable kSpellings[] = {
     {{}, kPhiTypes, kPhiNames, kPhiSuffixes},
     {{}, kOptTypes, {}, kOptSuffixes},
     {{}, kOptTypes, kOptNormNames, kOptNormSuffixes, true},
+    {{}, kMptTypes, {}, kMptSuffixes},
     {kStarcoder2Families, {}, {}, kStarcoder2Suffixes},
     {kBaichuanFamilies, {}, {}, kBaichuanSuffixes},
 };
