@@ -177,6 +177,48 @@ TEST(OkvPrepare, EscapesTextsFromTheDirectory) {
   EXPECT_EQ(result.err.find('\x1B'), std::string::npos);
 }
 
+// ---- a standard error that cannot be written
+
+// A full one, and a closed one, whose number the next file to be opened would get.
+class WithoutStandardError : public testing::TestWithParam<std::string> {
+ protected:
+  static CommandResult run(const std::string& arguments) {
+    return test::runCommand(
+        {"/bin/sh", "-c", "exec " + std::string(OKV2_COMMAND) + " " + arguments + " " + GetParam()});
+  }
+};
+
+TEST_P(WithoutStandardError, ADirectoryIsPrepared) {
+  const TempDir dir;
+  const std::string model = twoChanges().write(dir);
+  ASSERT_EQ(okv2Run({"prepare", model, dir / "expected"}).err, kTwoChanges);
+  EXPECT_EQ(run("prepare " + model + " " + dir / "out").exitCode, 0);
+  EXPECT_EQ(namesIn(dir / "out"), namesIn(dir / "expected"));
+  for (const char* name : {"config.json", "tokenizer.json", "prepare.json"})
+    EXPECT_EQ(test::readWholeFile(dir / "out/" + name), test::readWholeFile(dir / "expected/" + name));
+}
+
+TEST_P(WithoutStandardError, ADirectoryIsImported) {
+  const TempDir dir;
+  const std::string model = twoChanges().write(dir);
+  ASSERT_EQ(okv2Run({"import", "--prepare", model, "-o", dir / "expected.okv2"}).exitCode, 0);
+  EXPECT_EQ(run("import --prepare " + model + " -o " + dir / "a.okv2").exitCode, 0);
+  EXPECT_EQ(test::readWholeFile(dir / "a.okv2"), test::readWholeFile(dir / "expected.okv2"));
+  EXPECT_EQ(run("import --prepare --skip-verified " + model + " -o " + dir / "a.okv2").exitCode, 0);
+  EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"model", "a.okv2", "expected.okv2"}));
+}
+
+TEST_P(WithoutStandardError, ARefusalKeepsItsExitCode) {
+  const TempDir dir;
+  const std::string model = ModelDirBuilder().file("tokenizer.json", "<html>").write(dir);
+  EXPECT_EQ(run("prepare " + model + " " + dir / "out").exitCode, 7);
+  EXPECT_EQ(run("import --prepare " + model + " -o " + dir / "a.okv2").exitCode, 7);
+  EXPECT_EQ(namesIn(dir.path()), std::set<std::string>{"model"});
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, WithoutStandardError, testing::Values("2>/dev/full", "2>&-"),
+                         [](const auto& row) { return row.param == "2>&-" ? "Closed" : "Full"; });
+
 // ---- where the output may lie
 
 TEST(OkvPrepare, FillsAnEmptyDirectory) {
