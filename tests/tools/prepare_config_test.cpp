@@ -297,6 +297,58 @@ TEST(MendConfig, LeavesAListThatTheGenerationConfigurationContradicts) {
   EXPECT_THAT(directory.remaining(), ElementsAre("config.eos-list"));
 }
 
+TEST(MendConfig, TakesTheFirstEndIdThatIsNotNegative) {
+  const PreparedDirectory directory(withConfig(completeConfig(R"("eos_token_id":[-1,2])")));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("generation_config.json | $.eos_token_id |  | [-1,2] | config.eos-list",
+                          "config.json | $.eos_token_id | [-1,2] | 2 | config.eos-list"));
+}
+
+TEST(MendConfig, LeavesAListThatHasNoEndId) {
+  const std::string text = completeConfig(R"("eos_token_id":[-1])");
+  const PreparedDirectory directory(withConfig(text));
+  EXPECT_EQ(directory.text("config.json"), text);
+  EXPECT_FALSE(directory.has("generation_config.json"));
+}
+
+TEST(MendConfig, MovesANestedListOfEndIdsToo) {
+  const PreparedDirectory directory(withConfig(completeConfig(R"("text_config":{"eos_token_id":[3,1]})")));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 3);
+  EXPECT_EQ(Json::parse(directory.text("generation_config.json")), Json::parse(R"({"eos_token_id":[3,1]})"));
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("config.json | $.eos_token_id |  | 3 | tokenizer.special-id-outside",
+                          "generation_config.json | $.eos_token_id |  | [3,1] | config.eos-list"));
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(MendConfig, MovesNoNestedListOfTheIdThatIsKept) {
+  const PreparedDirectory directory(withConfig(completeConfig(R"("text_config":{"eos_token_id":[3]})")));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 3);
+  EXPECT_FALSE(directory.has("generation_config.json"));
+}
+
+TEST(MendConfig, MovesNoNestedListThatTheTopLevelOverrules) {
+  const PreparedDirectory directory(
+      withConfig(completeConfig(R"("eos_token_id":2,"text_config":{"eos_token_id":[3,1]})")));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+  EXPECT_FALSE(directory.has("generation_config.json"));
+  EXPECT_THAT(directory.changes(), IsEmpty());
+}
+
+TEST(MendConfig, NamesANestedListThatTheGenerationConfigurationContradicts) {
+  const auto lossesBeside = [](const std::string& generation) {
+    return PreparedDirectory(withConfig(completeConfig(R"("text_config":{"eos_token_id":[3,1]})"))
+                                 .file("generation_config.json", generation))
+        .losses();
+  };
+  EXPECT_THAT(lossesBeside(R"({"eos_token_id":[3,2]})"),
+              ElementsAre("config.eos-list | text_config.eos_token_id | config.json: "
+                          "$.text_config.eos_token_id is [3,1]; generation_config.json has [3,2]"));
+  EXPECT_THAT(lossesBeside(R"({"eos_token_id":[1,2,3]})"), IsEmpty());
+  EXPECT_THAT(lossesBeside(R"({"eos_token_id":null})"), IsEmpty());
+}
+
 // ---- Gemma 4
 
 constexpr char kGemma4[] =

@@ -41,6 +41,16 @@ class PreparedDirectory {
     return test::readWholeFile(out + "/" + name);
   }
   [[nodiscard]] bool has(const std::string& name) const { return std::filesystem::exists(out + "/" + name); }
+  // One line a loss: finding, subject, detail.
+  [[nodiscard]] std::vector<std::string> losses() const {
+    std::vector<std::string> lines;
+    for (const explain::Finding& finding : prepared.explanation.findings) {
+      const explain::FindingRow& row = explain::rowOf(finding.id);
+      if (row.severity == explain::Severity::Note) continue;
+      lines.push_back(std::string(row.name) + " | " + finding.subject + " | " + finding.detail);
+    }
+    return lines;
+  }
   // Names of the findings that are losses or worse.
   [[nodiscard]] std::vector<std::string> remaining() const {
     std::vector<std::string> names;

@@ -99,9 +99,47 @@ TEST(SettleSpecialIds, TakesTheNestedConfigurationLast) {
   EXPECT_EQ(directory.model.tokenizer.eosId, 1);
 }
 
-TEST(SettleSpecialIds, NamesNoTokenThatTheVocabularyDoesNotHold) {
-  const PreparedDirectory directory(withTokens().file("tokenizer_config.json", R"({"bos_token":"Z"})"));
-  EXPECT_EQ(directory.model.tokenizer.bosId, -1);
+// Tokens with the names that an import knows, and a configuration that names them as well.
+ModelDirBuilder withFamiliarTokens(const std::string& ids) {
+  return ModelDirBuilder()
+      .config(completeConfig(ids))
+      .tokenizer(R"({"model":{"vocab":{"a":0,"<s>":1,"</s>":2,"<pad>":3}},"added_tokens":[)"
+                 R"({"id":1,"content":"<s>"},{"id":2,"content":"</s>"},{"id":3,"content":"<pad>"}]})")
+      .file("tokenizer_config.json", R"({"bos_token":"<s>","eos_token":"</s>","pad_token":"<pad>"})");
+}
+
+TEST(SettleSpecialIds, LetsNoNegativeIdOutrankAFamiliarToken) {
+  const PreparedDirectory directory(
+      withFamiliarTokens(R"("bos_token_id":-1,"eos_token_id":-1,"pad_token_id":-2)"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 1);
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+  EXPECT_EQ(directory.model.tokenizer.padId, 3);
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("config.json | $.bos_token_id | -1 | 1 | tokenizer.special-id-outside",
+                          "config.json | $.eos_token_id | -1 | 2 | tokenizer.special-id-outside",
+                          "config.json | $.pad_token_id | -2 | 3 | tokenizer.special-id-outside"));
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(SettleSpecialIds, LeavesAFamiliarTokenThatNothingOutranks) {
+  const PreparedDirectory directory(
+      withFamiliarTokens(R"("bos_token_id":null,"eos_token_id":[],"pad_token_id":0)"));
+  EXPECT_EQ(directory.model.tokenizer.bosId, 1);
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+  EXPECT_EQ(directory.model.tokenizer.padId, 0);
+  EXPECT_THAT(directory.changes(), IsEmpty());
+}
+
+TEST(SettleSpecialIds, TakesAListOfNegativeIdsForNone) {
+  const PreparedDirectory directory(withFamiliarTokens(R"("eos_token_id":[-1])"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("config.json | $.eos_token_id | [-1] | 2 | tokenizer.special-id-outside"));
+}
+
+TEST(SettleSpecialIds, LeavesAnIdBeyondTheVocabularyAndNamesIt) {
+  const PreparedDirectory directory(withFamiliarTokens(R"("eos_token_id":4)"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 4);
   EXPECT_THAT(directory.changes(), IsEmpty());
 }
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -295,20 +296,48 @@ class ConfigMender {
   }
 
   void mendEosList() {
-    const Json* list = config_.find("eos_token_id");
-    if (list == nullptr || !list->is_array() || list->empty() || !wholeNumber(list->front())) return;
-    const Json all = *list;
-    const Json* kept = texts_.generationConfig.find("eos_token_id");
-    // Another list that is there already would be lost for this one.
-    if (kept != nullptr && !kept->is_null() && *kept != all) return;
-    if (kept == nullptr || kept->is_null()) {
-      changes_.push_back({"generation_config.json", "$.eos_token_id", "", all.dump(),
-                          "the container keeps this file as text, and room for one id otherwise",
-                          explain::rowOf(Id::ConfigEosList).name});
-      texts_.generationConfig.set("eos_token_id", all);
+    if (const Json* list = config_.find("eos_token_id"); list != nullptr) {
+      if (const Json* first = firstTokenId(*list); first != nullptr) {
+        const Json id = *first;
+        if (keepEosList(Json(*list)))
+          set("eos_token_id", id, "the first is taken; generation_config.json keeps them all",
+              Id::ConfigEosList);
+        return;
+      }
     }
-    set("eos_token_id", Json(all.front()), "the first is taken; generation_config.json keeps them all",
-        Id::ConfigEosList);
+    mendNestedEosList();
+  }
+
+  // That of the nested description holds where the top level gave no id; one that is there now was settled.
+  void mendNestedEosList() {
+    const Json* list = nested_.find("eos_token_id");
+    if (list == nullptr || firstTokenId(*list) == nullptr) return;
+    const Json* given = findMember(config_.published(), "eos_token_id");
+    if (given != nullptr && wholeNumber(*given).value_or(-1) >= 0) return;
+    const Json* settled = config_.find("eos_token_id");
+    if (list->size() == 1 && settled != nullptr && *settled == list->front()) return;
+    if (keepEosList(*list) || holdsAll(*texts_.generationConfig.find("eos_token_id"), *list)) return;
+    texts_.losses.push_back(
+        {Id::ConfigEosList, nested_.path().substr(2) + ".eos_token_id",
+         fmt::format("config.json: {}.eos_token_id is {}; generation_config.json has {}", nested_.path(),
+                     list->dump(), texts_.generationConfig.find("eos_token_id")->dump())});
+  }
+
+  static bool holdsAll(const Json& kept, const Json& list) {
+    return std::all_of(list.begin(), list.end(), [&kept](const Json& id) {
+      return kept.is_array() ? std::find(kept.begin(), kept.end(), id) != kept.end() : kept == id;
+    });
+  }
+
+  // Whether generation_config.json has the list, or has it now. Another one that is there would be lost.
+  bool keepEosList(const Json& all) {
+    const Json* kept = texts_.generationConfig.find("eos_token_id");
+    if (kept != nullptr && !kept->is_null()) return *kept == all;
+    changes_.push_back({"generation_config.json", "$.eos_token_id", "", all.dump(),
+                        "the container keeps this file as text, and room for one id otherwise",
+                        explain::rowOf(Id::ConfigEosList).name});
+    texts_.generationConfig.set("eos_token_id", all);
+    return true;
   }
 
   ModelTexts& texts_;

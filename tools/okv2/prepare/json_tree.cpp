@@ -180,6 +180,14 @@ std::optional<std::int64_t> wholeMember(const Json& object, std::string_view key
   return member == nullptr ? std::nullopt : wholeNumber(*member);
 }
 
+const Json* firstTokenId(const Json& list) {
+  if (!list.is_array()) return nullptr;
+  for (const Json& item : list) {
+    if (wholeNumber(item).value_or(-1) >= 0) return &item;
+  }
+  return nullptr;
+}
+
 const std::string* textMember(const Json& object, std::string_view key) {
   const Json* member = findMember(object, key);
   return member != nullptr && member->is_string() ? &member->get_ref<const std::string&>() : nullptr;

@@ -58,6 +58,10 @@ void setMember(Json& object, std::string_view key, Json value);
 [[nodiscard]] std::optional<std::int64_t> wholeNumber(const Json& value);
 [[nodiscard]] std::optional<std::int64_t> wholeMember(const Json& object, std::string_view key);
 
+// The first of a list that can be a token's id, a whole number of at least 0; null when there is none, or
+// `list` is none.
+[[nodiscard]] const Json* firstTokenId(const Json& list);
+
 // The text of a member; null when it is absent or no text.
 [[nodiscard]] const std::string* textMember(const Json& object, std::string_view key);
 

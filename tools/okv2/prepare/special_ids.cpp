@@ -28,12 +28,25 @@ struct Settled {
   std::string why;
 };
 
-// An id; the end-of-sequence id may be a list, of which the first counts.
+// The id that a member gives, if it is a possible one: a negative one stands for none, as null does. The
+// end-of-sequence id may be a list, of which the first possible one counts.
 std::optional<std::int64_t> idIn(const Json* member, std::string_view key) {
   if (member == nullptr) return std::nullopt;
-  if (member->is_array() && key == "eos_token_id")
-    return member->empty() ? std::nullopt : wholeNumber(member->front());
-  return wholeNumber(*member);
+  if (member->is_array() && key == "eos_token_id") {
+    const Json* first = firstTokenId(*member);
+    return first == nullptr ? std::nullopt : wholeNumber(*first);
+  }
+  const std::optional<std::int64_t> id = wholeNumber(*member);
+  return id && *id >= 0 ? id : std::nullopt;
+}
+
+// What an import would store: a whole number in config.json, even a negative one, outranks what the tokenizer
+// says of itself.
+std::int64_t storedId(const Json* given, std::string_view key, std::int64_t own) {
+  if (given == nullptr) return own;
+  if (given->is_array() && key == "eos_token_id")
+    return given->empty() ? own : wholeNumber(given->front()).value_or(own);
+  return wholeNumber(*given).value_or(own);
 }
 
 class Settler {
@@ -59,7 +72,7 @@ class Settler {
 
   bool byId(const Json* member, const std::string& where, const Role& role, Settled& out) const {
     const std::optional<std::int64_t> id = idIn(member, role.id);
-    if (!id || *id < 0 || *id >= tokenizer_.size) return false;
+    if (!id || *id >= tokenizer_.size) return false;
     out = {*id, fmt::format("{} has {}", where, role.id)};
     return true;
   }
@@ -81,16 +94,15 @@ class Settler {
 
 void settleForJson(ModelTexts& texts, const Tokenizer& tokenizer, Changes& changes) {
   for (const Role& role : kRoles) {
-    // A negative one stands for none, as does null.
-    if (idIn(texts.config.find(role.id), role.id).value_or(-1) >= 0) continue;  // given
+    const Json* given = texts.config.find(role.id);
+    if (idIn(given, role.id)) continue;
+    const std::int64_t before = storedId(given, role.id, tokenizer.ids.*role.field);
     const Settler settler(texts, tokenizer);
     Settled settled;
     const bool found = settler.byText(role, settled) || settler.byModel(role, settled) ||
                        settler.byFile(texts.generationConfig, role, settled) ||
-                       (tokenizer.ids.*role.field < 0 && settler.byNestedConfig(role, settled));
-    const std::int64_t before = tokenizer.ids.*role.field;
+                       (before < 0 && settler.byNestedConfig(role, settled));
     if (!found || settled.id == before) continue;
-    const Json* given = texts.config.find(role.id);
     const std::string from = given != nullptr ? given->dump() : before < 0 ? "" : std::to_string(before);
     changes.push_back({"config.json", fmt::format("$.{}", role.id), from, std::to_string(settled.id),
                        settled.why, explain::rowOf(explain::Id::TokenizerSpecialIdOutside).name});
