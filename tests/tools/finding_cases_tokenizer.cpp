@@ -209,7 +209,7 @@ std::vector<FindingCase> vocabularyCases() {
   1 of 1 added tokens lie outside the 1 tokens of $.model.vocab, the first is "<x>" with id 1
   Added tokens lie beyond the vocabulary.
   Why: They are never appended to it, so their texts do not reach the container.
-  Do:  Run okv2 prepare DIR OUT: it moves them into the vocabulary.
+  Do:  Run okv2 prepare DIR OUT: it moves them into the vocabulary. Give one that it leaves a whole number of at least 0 as its id.
 )",
        withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"<x>"}]})")},
       {Id::TokenizerAddedElsewhere, "OtherText",
@@ -226,7 +226,7 @@ std::vector<FindingCase> vocabularyCases() {
   pad id 4 with 4 tokens
   A special id points outside the vocabulary.
   Why: Ids are taken as they are given, also where no such token is stored.
-  Do:  Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary.
+  Do:  Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary, and settles an id below 0 by the texts that the tokenizer's files name. One that no token has stays: correct it in config.json.
 )",
        withConfig(R"("pad_token_id":3)")},
       {Id::TokenizerSpecialIdOutside, "BelowNone", withConfig(R"("bos_token_id":-2)"),
@@ -234,7 +234,7 @@ std::vector<FindingCase> vocabularyCases() {
   bos id -2 with 4 tokens
   A special id points outside the vocabulary.
   Why: Ids are taken as they are given, also where no such token is stored.
-  Do:  Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary.
+  Do:  Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary, and settles an id below 0 by the texts that the tokenizer's files name. One that no token has stays: correct it in config.json.
 )",
        withConfig(R"("bos_token_id":-1)")},
       {Id::TokenizerScoreCount, "OneOfTwo",

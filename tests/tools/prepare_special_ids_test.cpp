@@ -2,6 +2,7 @@
 #include <string>
 #include <string_view>
 
+#include "okv2/prepare/vocabulary.h"
 #include "prepare_directory_support.h"
 #include "support/proto_builder.h"
 
@@ -141,6 +142,7 @@ TEST(SettleSpecialIds, LeavesAnIdBeyondTheVocabularyAndNamesIt) {
   const PreparedDirectory directory(withFamiliarTokens(R"("eos_token_id":4)"));
   EXPECT_EQ(directory.model.tokenizer.eosId, 4);
   EXPECT_THAT(directory.changes(), IsEmpty());
+  EXPECT_THAT(directory.remaining(), ElementsAre("tokenizer.special-id-outside"));
 }
 
 // ---- tokenizer.model
@@ -180,9 +182,9 @@ TEST(SettleSpecialIdsOfAModel, NamesAnIdOfTheConfigurationThatDiffers) {
   EXPECT_THAT(remainingWith(R"("eos_token_id":null)"), IsEmpty());
 }
 
-TEST(SettleSpecialIdsOfAModel, KeepsTheModelsIdWhenTheVocabularyLacksTheText) {
+TEST(SettleSpecialIdsOfAModel, KeepsTheModelsIdWhenNoTextIsNamed) {
   const PreparedDirectory directory(
-      withModel(R"({"model_type":"x"})").file("tokenizer_config.json", R"({"eos_token":"<|im_end|>"})"));
+      withModel(R"({"model_type":"x"})").file("tokenizer_config.json", R"({"eos_token":null})"));
   EXPECT_EQ(directory.model.tokenizer.eosId, 2);
 }
 
@@ -256,6 +258,102 @@ TEST(AddedTokens, ThatHaveTheIdOfAnotherPieceAreNamed) {
   };
   EXPECT_THAT(remainingFor("a"), IsEmpty());
   EXPECT_THAT(remainingFor("b"), ElementsAre("tokenizer.added-elsewhere"));
+}
+
+TEST(AddedTokensFile, NamesATokenThatHasTheIdOfAnotherPiece) {
+  const PreparedDirectory directory(
+      withModel(completeConfig()).file("added_tokens.json", R"({"<|im_end|>":3,"</s>":2})"));
+  EXPECT_THAT(directory.model.tokenizer.tokens, ElementsAre("<unk>", "<s>", "</s>", "a"));
+  EXPECT_THAT(directory.losses(),
+              ElementsAre("tokenizer.added-elsewhere | added_tokens.json[\"<|im_end|>\"] | "
+                          "added_tokens.json: \"<|im_end|>\" has id 3, which is \"a\""));
+}
+
+TEST(AddedTokensFile, NamesTokensWhoseIdsAreNone) {
+  const PreparedDirectory directory(
+      withModel(completeConfig())
+          .file("added_tokens.json", R"({"n":-1,"h":1.5,"t":"q","g":9223372036854775808,"z":4})"));
+  EXPECT_THAT(directory.model.tokenizer.tokens, ElementsAre("<unk>", "<s>", "</s>", "a", "z"));
+  EXPECT_THAT(
+      directory.losses(),
+      ElementsAre(
+          "tokenizer.added-outside | added_tokens.json[\"n\"] | added_tokens.json: the id of \"n\" is -1",
+          "tokenizer.added-outside | added_tokens.json[\"h\"] | added_tokens.json: the id of \"h\" is 1.5",
+          "tokenizer.added-outside | added_tokens.json[\"t\"] | added_tokens.json: the id of \"t\" is \"q\"",
+          "tokenizer.added-outside | added_tokens.json[\"g\"] | "
+          "added_tokens.json: the id of \"g\" is 9223372036854775808"));
+}
+
+TEST(AddedTokens, WhoseKeysAreNoIdsAreNamed) {
+  const PreparedDirectory directory(
+      withModel(completeConfig())
+          .file("tokenizer_config.json",
+                R"({"added_tokens_decoder":{"-1":{"content":"n"},"4":{"content":"z"},"x":{}}})"));
+  EXPECT_THAT(directory.model.tokenizer.tokens, ElementsAre("<unk>", "<s>", "</s>", "a", "z"));
+  EXPECT_THAT(directory.losses(), ElementsAre("tokenizer.added-outside | tokenizer_config.json[\"n\"] | "
+                                              "tokenizer_config.json: the id of \"n\" is \"-1\""));
+}
+
+TEST(AddedTokens, AreRefusedWhereTheyAreTooMany) {
+  const auto manyOf = [](std::size_t count) {
+    std::string tokens = "{\"z\":4";
+    for (std::size_t k = 1; k < count; ++k)
+      tokens += ",\"\":4";
+    return withModel(completeConfig()).file("added_tokens.json", tokens + "}");
+  };
+  EXPECT_EQ(PreparedDirectory(manyOf(kMaxAddedTokens)).model.tokenizer.tokens.size(), 5U);
+  EXPECT_EQ(refusalOfDirectory(manyOf(kMaxAddedTokens + 1)),
+            (Refusal{3, "tokenizer.added-outside",
+                     "added_tokens.json: 262145 added tokens are more than the 262144 of any vocabulary",
+                     "Use the tokenizer files that belong to the model."}));
+}
+
+// ---- tokens that are known by their texts only
+
+TEST(NamedTokens, JoinAModelBehindItsLastPiece) {
+  const PreparedDirectory directory(
+      withModel(completeConfig())
+          .file("special_tokens_map.json", R"({"pad_token":"[PAD]","additional_special_tokens":["<x>","a"]})")
+          .file("tokenizer_config.json", R"({"pad_token":"[OTHER]"})"));
+  const TokenizerData& data = directory.model.tokenizer;
+  EXPECT_THAT(data.tokens, ElementsAre("<unk>", "<s>", "</s>", "a", "[PAD]", "<x>"));
+  EXPECT_THAT(data.types, ElementsAre(2, 3, 3, 1, 3, 3));
+  EXPECT_EQ(data.padId, 4);
+  EXPECT_EQ(directory.model.vocabSize, 4);  // that of the embedding, which gets no row
+  EXPECT_THAT(
+      directory.changes(),
+      ElementsAre(testing::HasSubstr("the numbering of its fields"),
+                  "tokenizer.model | pieces[\"[PAD]\"] |  | 4 | tokenizer.added-outside",
+                  "tokenizer.model | pieces[\"<x>\"] |  | 5 | tokenizer.added-outside",
+                  "tokenizer.model | pad_token_id in the settings |  | 4 | tokenizer.model-field-numbers"));
+  EXPECT_EQ(directory.prepared.changes[1].why,
+            "special_tokens_map.json names the token, which is added behind the last one when the tokenizer "
+            "is loaded");
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(NamedTokens, JoinTheVocabularyOfTokenizerJson) {
+  const PreparedDirectory directory(
+      withTokens(completeConfig())
+          .file("tokenizer_config.json",
+                R"({"bos_token":"A","pad_token":"[PAD]","additional_special_tokens":["<x>","[PAD]"]})"));
+  const TokenizerData& data = directory.model.tokenizer;
+  EXPECT_THAT(data.tokens, ElementsAre("A", "B", "C", "D", "[PAD]", "<x>"));
+  EXPECT_THAT(data.types, ElementsAre(1, 1, 1, 1, 3, 3));
+  EXPECT_EQ(data.padId, 4);
+  EXPECT_EQ(directory.model.vocabSize, 4);
+  EXPECT_THAT(directory.remaining(), IsEmpty());
+}
+
+TEST(NamedTokens, StandBehindThoseThatHaveAnId) {
+  const PreparedDirectory directory(
+      withTokens(completeConfig())
+          .file("tokenizer_config.json",
+                R"({"pad_token":"[PAD]","added_tokens_decoder":{"5":{"content":"<y>"}}})")
+          .file("special_tokens_map.json", R"({"additional_special_tokens":["<not read>"]})"));
+  EXPECT_THAT(directory.model.tokenizer.tokens,
+              ElementsAre("A", "B", "C", "D", "<|reserved_4|>", "<y>", "[PAD]"));
+  EXPECT_EQ(directory.model.tokenizer.padId, 6);
 }
 
 }  // namespace

@@ -167,10 +167,36 @@ TEST(MendTokenizerJson, FillsGapsWithSpecialTokens) {
 }
 
 TEST(MendTokenizerJson, AddsTheTokensThatTheTokenizersConfigurationAdds) {
-  const Mended mended =
-      mend(R"({"model":{"vocab":{"a":0,"<s>":1}}})", {{1, "<s>", true}, {2, "<tool>", false}});
+  const Mended mended = mend(R"({"model":{"vocab":{"a":0,"<s>":1}}})",
+                             {{1, "<s>", true, "f.json"}, {2, "<tool>", false, "f.json"}});
   EXPECT_THAT(mended.data.tokens, ElementsAre("a", "<s>", "<tool>"));
   EXPECT_THAT(mended.data.types, ElementsAre(1, 3, 1));
+}
+
+TEST(MendTokenizerJson, SaysWhichFileAddsAToken) {
+  Changes changes;
+  (void)mendTokenizerJson(R"({"model":{"vocab":{"a":0}}})",
+                          {{0, "a", true, "added_tokens.json"}, {1, "<x>", false, "added_tokens.json"}},
+                          changes);
+  EXPECT_THAT(linesOf(changes),
+              ElementsAre("tokenizer.json | $.added_tokens[\"a\"] |  | special | tokenizer.added-outside",
+                          "tokenizer.json | $.model.vocab[\"<x>\"] |  | 1 | tokenizer.added-outside"));
+  for (const Change& change : changes)
+    EXPECT_EQ(change.why, "added_tokens.json adds the token when the tokenizer is loaded");
+}
+
+TEST(MendTokenizerJson, TakesAsManyAddedTokensAsTheLargestHave) {
+  const auto withMany = [](std::size_t count) {
+    std::string list = "1";  // an element that an import skips
+    for (std::size_t k = 1; k < count; ++k)
+      list += ",1";
+    return R"({"model":{"vocab":{"a":0}},"added_tokens":[)" + list + "]}";
+  };
+  EXPECT_THAT(mend(withMany(kMaxAddedTokens)).changes, IsEmpty());
+  EXPECT_EQ(refusal(withMany(kMaxAddedTokens + 1)),
+            (Refusal{3, "tokenizer.added-outside",
+                     "tokenizer.json: 262145 added tokens are more than the 262144 of any vocabulary",
+                     "Use the tokenizer files that belong to the model."}));
 }
 
 TEST(MendTokenizerJson, PrefersTheFilesOwnWordOnAnAddedToken) {

@@ -124,6 +124,45 @@ TEST(JoinVocabulary, RefusesTheHighestIdThatThereIs) {
                "Use the tokenizer files that belong to the model, complete."}));
 }
 
+TEST(JoinVocabulary, CountsNoTokenUpFromTheHighestIdThatThereIs) {
+  EXPECT_EQ(
+      refusalOf([] {
+        Changes changes;
+        return joinVocabulary({}, {{INT64_MAX, "a", true}, {-1, "b", true}}, kPlace, changes);
+      }),
+      (Refusal{3, "ids",
+               "file: 1 tokens lie on ids up to 9223372036854775807; at most 262144 ids without a token "
+               "are filled",
+               "Use the tokenizer files that belong to the model, complete."}));
+}
+
+TEST(JoinVocabulary, PutsATokenWithoutAnIdBehindTheLastUnlessItIsThere) {
+  Changes changes;
+  const JoinedVocabulary joined = joinVocabulary(
+      {{0, "a"}}, {{-1, "<x>", true, "f", false}, {-1, "a", true, "f", false}, {1, "<y>", true}}, kPlace,
+      changes);
+  EXPECT_THAT(joined.addedIds, ElementsAre(2, 0, 1));
+  EXPECT_EQ(joined.size, 3);
+  EXPECT_EQ(changes.size(), 2U);  // neither has an id that moves
+}
+
+TEST(JoinVocabulary, TakesAsManyAddedTokensAsTheLargestHave) {
+  Changes changes;
+  const std::vector<AddedToken> added(kMaxAddedTokens, {0, "a", true});
+  EXPECT_EQ(joinVocabulary({{0, "a"}}, added, kPlace, changes).size, 1);
+}
+
+TEST(JoinVocabulary, RefusesOneAddedTokenMore) {
+  EXPECT_EQ(refusalOf([] {
+              Changes changes;
+              const std::vector<AddedToken> added(kMaxAddedTokens + 1, {0, "a", true});
+              return joinVocabulary({{0, "a"}}, added, kPlace, changes);
+            }),
+            (Refusal{3, "tokenizer.added-outside",
+                     "file: 262145 added tokens are more than the 262144 of any vocabulary",
+                     "Use the tokenizer files that belong to the model."}));
+}
+
 // Ids a multiple of a hash table's buckets apart: hundreds of thousands of steps each, were there one.
 TEST(JoinVocabulary, TakesAsLongForIdsThatShareABucket) {
   constexpr std::int64_t kTokens = 200'000, kBuckets = 351'061;  // of libstdc++ for so many elements

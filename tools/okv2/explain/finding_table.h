@@ -236,7 +236,8 @@ inline constexpr FindingRow kFindings[] = {
     {Id::TokenizerAddedOutside, "tokenizer.added-outside", Severity::Loss,
      "Added tokens lie beyond the vocabulary.",
      "They are never appended to it, so their texts do not reach the container.",
-     "Run okv2 prepare DIR OUT: it moves them into the vocabulary."},
+     "Run okv2 prepare DIR OUT: it moves them into the vocabulary. Give one that it leaves a whole number of "
+     "at least 0 as its id."},
     {Id::TokenizerAddedElsewhere, "tokenizer.added-elsewhere", Severity::Loss,
      "An added token has the id of another token.",
      "The vocabulary's own text stays at that id, and the public tokenizer would put the added one there.",
@@ -244,7 +245,8 @@ inline constexpr FindingRow kFindings[] = {
     {Id::TokenizerSpecialIdOutside, "tokenizer.special-id-outside", Severity::Loss,
      "A special id points outside the vocabulary.",
      "Ids are taken as they are given, also where no such token is stored.",
-     "Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary."},
+     "Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary, and settles an id below 0 by the "
+     "texts that the tokenizer's files name. One that no token has stays: correct it in config.json."},
     {Id::TokenizerScoreCount, "tokenizer.score-count", Severity::Note,
      "The number of scores is not the number of tokens.",
      "Scores are stored as they are read, tied to nothing.", "Correct \"scores\" in tokenizer.json."},

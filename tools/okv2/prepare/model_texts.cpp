@@ -44,36 +44,79 @@ bool readJson(const std::string& directory, JsonFile& file, Id badJson, Id notOb
   return true;
 }
 
-std::vector<AddedToken> tokensOfDecoder(const Json& decoder) {
-  std::vector<AddedToken> out;
-  if (!decoder.is_object()) return out;
-  for (const auto& [key, value] : decoder.items()) {
-    const bool isNumber =
-        !key.empty() && key.size() <= 10 && key.find_first_not_of("0123456789") == std::string::npos;
-    const std::string* content = textMember(value, "content");
-    if (!isNumber || content == nullptr) continue;  // nothing that would be added
-    const Json* special = findMember(value, "special");
-    out.push_back({std::strtoll(key.c_str(), nullptr, 10), *content,
-                   special != nullptr && special->is_boolean() && special->get<bool>()});
-  }
-  return out;
+bool isAlone(const ModelTexts& texts) {
+  return texts.tokenizerConfig.find("added_tokens_decoder") != nullptr;
 }
 
-std::set<std::string> specialTexts(const ModelTexts& texts) {
-  std::set<std::string> out;
+// A text that has a part, and the file that says so.
+struct SpecialText {
+  std::string text;
+  const char* source;
+};
+
+// In the order in which the public library adds them.
+std::vector<SpecialText> specialTexts(const ModelTexts& texts) {
+  std::vector<SpecialText> out;
   for (const char* member : kTokenMembers) {
     if (const JsonFile* file = fileThatNames(texts, member); file != nullptr)
-      out.insert(*tokenText(*file, member));
+      out.push_back({*tokenText(*file, member), file->name});
   }
   for (const JsonFile* file : {&texts.specialTokensMap, &texts.tokenizerConfig}) {
+    if (file == &texts.specialTokensMap && isAlone(texts)) continue;
     const Json* more = file->find("additional_special_tokens");
     if (more == nullptr || !more->is_array()) continue;
     for (const Json& token : *more) {
       const std::string* text =
           token.is_string() ? &token.get_ref<const std::string&>() : textMember(token, "content");
-      if (text != nullptr) out.insert(*text);
+      if (text != nullptr) out.push_back({*text, file->name});
     }
     break;  // the list of the first file replaces the other
+  }
+  return out;
+}
+
+void refuseTooMany(const char* file, std::size_t tokens) {
+  if (tokens <= kMaxAddedTokens) return;
+  throw Refused(kExitUnsupported, explain::rowOf(Id::TokenizerAddedOutside).name,
+                fmt::format("{}: {} added tokens are more than the {} of any vocabulary", file, tokens,
+                            kMaxAddedTokens),
+                "Use the tokenizer files that belong to the model.");
+}
+
+void loseForItsId(ModelTexts& texts, const char* file, const std::string& text, const std::string& id) {
+  texts.losses.push_back({Id::TokenizerAddedOutside, fmt::format("{}[\"{}\"]", file, text),
+                          fmt::format("{}: the id of \"{}\" is {}", file, text, id)});
+}
+
+std::vector<AddedToken> tokensOfDecoder(ModelTexts& texts, const Json& decoder) {
+  std::vector<AddedToken> out;
+  if (!decoder.is_object()) return out;
+  const char* file = texts.tokenizerConfig.name;
+  refuseTooMany(file, decoder.size());
+  for (const auto& [key, value] : decoder.items()) {
+    const std::string* content = textMember(value, "content");
+    if (content == nullptr) continue;  // nothing that would be added
+    if (key.empty() || key.size() > 10 || key.find_first_not_of("0123456789") != std::string::npos) {
+      loseForItsId(texts, file, *content, Json(key).dump());
+      continue;
+    }
+    const Json* special = findMember(value, "special");
+    out.push_back({std::strtoll(key.c_str(), nullptr, 10), *content,
+                   special != nullptr && special->is_boolean() && special->get<bool>(), file});
+  }
+  return out;
+}
+
+std::vector<AddedToken> tokensOfFile(ModelTexts& texts, const std::set<std::string>& special) {
+  std::vector<AddedToken> out;
+  const char* file = texts.addedTokens.name;
+  refuseTooMany(file, texts.addedTokens.published().size());
+  for (const auto& [text, value] : texts.addedTokens.published().items()) {
+    if (const std::int64_t id = wholeNumber(value).value_or(-1); id >= 0) {
+      out.push_back({id, text, special.count(text) != 0, file});
+    } else {
+      loseForItsId(texts, file, text, value.dump());
+    }
   }
   return out;
 }
@@ -190,20 +233,20 @@ const std::string* tokenText(const JsonFile& file, std::string_view member) {
 }
 
 const JsonFile* fileThatNames(const ModelTexts& texts, std::string_view member) {
-  const bool isAlone = texts.tokenizerConfig.find("added_tokens_decoder") != nullptr;
-  if (!isAlone && tokenText(texts.specialTokensMap, member) != nullptr) return &texts.specialTokensMap;
+  if (!isAlone(texts) && tokenText(texts.specialTokensMap, member) != nullptr) return &texts.specialTokensMap;
   return tokenText(texts.tokenizerConfig, member) != nullptr ? &texts.tokenizerConfig : nullptr;
 }
 
-std::vector<AddedToken> addedTokensOf(const ModelTexts& texts) {
-  if (const Json* decoder = texts.tokenizerConfig.find("added_tokens_decoder"); decoder != nullptr)
-    return tokensOfDecoder(*decoder);
-  const std::set<std::string> special = specialTexts(texts);
-  std::vector<AddedToken> out;
-  for (const auto& [text, value] : texts.addedTokens.published().items()) {
-    if (const std::optional<std::int64_t> id = wholeNumber(value); id && *id >= 0)
-      out.push_back({*id, text, special.count(text) != 0});
-  }
+std::vector<AddedToken> addedTokensOf(ModelTexts& texts) {
+  const std::vector<SpecialText> named = specialTexts(texts);
+  std::set<std::string> special;
+  for (const SpecialText& part : named)
+    special.insert(part.text);
+  const Json* decoder = texts.tokenizerConfig.find("added_tokens_decoder");
+  std::vector<AddedToken> out =
+      decoder != nullptr ? tokensOfDecoder(texts, *decoder) : tokensOfFile(texts, special);
+  for (const SpecialText& part : named)
+    out.push_back({-1, part.text, true, part.source, false});
   return out;
 }
 

@@ -27,7 +27,7 @@ inline constexpr std::uint64_t kMaxConfigBytes = std::uint64_t{8} << 20;
 // What is not changed is written as its own bytes, so numbers that no double holds stay what they are.
 class JsonFile {
  public:
-  explicit JsonFile(std::string fileName) : name(std::move(fileName)) {}
+  explicit JsonFile(const char* fileName) : name(fileName) {}
   JsonFile(JsonFile&&) = default;  // not copied: the index points into the tree
   JsonFile& operator=(JsonFile&&) = default;
 
@@ -44,7 +44,7 @@ class JsonFile {
   // What shall be in the file.
   [[nodiscard]] std::string bytes() const;
 
-  std::string name;
+  const char* name;     // a literal
   bool exists = false;  // in the directory, or made here
 
  private:
@@ -90,10 +90,13 @@ struct ModelTexts {
 // it.
 [[nodiscard]] const JsonFile* fileThatNames(const ModelTexts& texts, std::string_view member);
 
-// The tokens that are added when a tokenizer is loaded, in the order of the file, as the public
-// `transformers` library finds them: by tokenizer_config.json ("added_tokens_decoder"), or else by
-// added_tokens.json, of which those are special that have a part such as "pad_token".
-[[nodiscard]] std::vector<AddedToken> addedTokensOf(const ModelTexts& texts);
+// The tokens that are added when a tokenizer is loaded, as the public `transformers` library finds them. In
+// the order of the file those with an id: by tokenizer_config.json ("added_tokens_decoder"), or else by
+// added_tokens.json, of which those are special that have a part such as "pad_token". Behind them, without
+// an id, the texts that have a part; they are added only where the tokenizer does not know them.
+// A token whose id is none that any token could have becomes one of the losses. Throws Refused when there are
+// more than kMaxAddedTokens.
+[[nodiscard]] std::vector<AddedToken> addedTokensOf(ModelTexts& texts);
 
 // The description of the text model in config.json: the nested object that holds it, or null when config.json
 // itself is the description. `path` gets its JSON path.

@@ -64,7 +64,7 @@ void refuseDisguises(const std::string& directory) {
   }
 }
 
-Tokenizer mendTokenizer(const std::string& directory, const ModelTexts& texts, Changes& changes) {
+Tokenizer mendTokenizer(const std::string& directory, ModelTexts& texts, Changes& changes) {
   std::string bytes;
   if (readText(directory, kTokenizerJson, kMaxTextBytes, bytes)) {
     Tokenizer tokenizer = mendTokenizerJson(bytes, addedTokensOf(texts), changes);
@@ -76,20 +76,36 @@ Tokenizer mendTokenizer(const std::string& directory, const ModelTexts& texts, C
     return tokenizer;
   }
   if (readText(directory, kTokenizerModel, kMaxTextBytes, bytes)) {
-    return mendTokenizerModel(bytes, addedTokensOf(texts), changes);
+    Tokenizer tokenizer = mendTokenizerModel(bytes, addedTokensOf(texts), changes);
+    std::move(tokenizer.losses.begin(), tokenizer.losses.end(), std::back_inserter(texts.losses));
+    return tokenizer;
   }
   return {};
 }
 
-void writeFile(const std::string& out, const std::string& name, std::string_view bytes) {
-  const std::string path = out + "/" + name;
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  bool ok = fd >= 0;
-  while (ok && !bytes.empty()) {
-    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) bytes.remove_prefix(static_cast<std::size_t>(n));
+// A file of the prepared directory, written piece by piece.
+class OutputFile {
+ public:
+  OutputFile(const std::string& out, const std::string& name)
+      : name_(name), fd_(::open((out + "/" + name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)) {
+    if (fd_ < 0) refuse();
+  }
+  OutputFile(const OutputFile&) = delete;
+  OutputFile& operator=(const OutputFile&) = delete;
+  ~OutputFile() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+
+  void write(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t n = ::write(fd_, bytes.data(), bytes.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) refuse();
+      bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+  }
+  void close() {
+    if (::close(std::exchange(fd_, -1)) != 0) refuse();
   }
   const int error = errno;
   const bool closed = fd < 0 || ::close(fd) == 0;

@@ -83,6 +83,15 @@ std::int64_t idOfPiece(const sentencepiece::ModelProto& model, const TokenIds& i
   return model.pieces(static_cast<int>(known->second)).type() == type ? known->second : -1;
 }
 
+// The tokens of tokenizer_config.json are not named here: the file is in the prepared directory, where an
+// import's explanation compares them with the vocabulary.
+void loseToAnotherPiece(const AddedToken& token, const std::string& piece, Tokenizer& out) {
+  if (token.text.empty() || std::string_view(token.source) == "tokenizer_config.json") return;
+  out.losses.push_back(
+      {Id::TokenizerAddedElsewhere, fmt::format("{}[\"{}\"]", token.source, token.text),
+       fmt::format("{}: \"{}\" has id {}, which is \"{}\"", token.source, token.text, token.id, piece)});
+}
+
 Tokenizer encodeAnew(const sentencepiece::ModelProto& model, const std::vector<AddedToken>& added,
                      Changes& changes) {
   changes.push_back({kFile, "the numbering of its fields", "pieces in field 1, settings in field 2",
@@ -93,15 +102,20 @@ Tokenizer encodeAnew(const sentencepiece::ModelProto& model, const std::vector<A
   published.reserve(static_cast<std::size_t>(model.pieces_size()));
   for (const Piece& piece : model.pieces())
     published.push_back({static_cast<std::int64_t>(published.size()), piece.piece()});
+  Tokenizer out;
   // Wrappers around a model may number its pieces in another way; only what lies behind them is sure.
   std::vector<AddedToken> beyond;
   for (const AddedToken& token : added) {
-    if (token.id >= model.pieces_size()) beyond.push_back(token);
+    if (!token.hasId || token.id >= model.pieces_size()) {
+      beyond.push_back(token);
+    } else if (const std::string& piece = model.pieces(static_cast<int>(token.id)).piece();
+               piece != token.text) {
+      loseToAnotherPiece(token, piece, out);
+    }
   }
   const JoinedVocabulary joined = joinVocabulary(
       published, beyond, {kFile, "pieces", explain::rowOf(Id::TokenizerAddedOutside).name}, changes);
 
-  Tokenizer out;
   out.file = kFile;
   out.idOf = joined.idOf;
   out.size = joined.size;
@@ -138,7 +152,7 @@ bool readAsImported(std::string_view bytes, TokenizerData& data) {
   return readTokenizerModel(bytes, json::Value(), data).ok();
 }
 
-Tokenizer keep(std::string_view bytes, const TokenizerData& data) {
+Tokenizer keep(std::string_view bytes, const TokenizerData& data, const std::vector<AddedToken>& added) {
   Tokenizer out;
   out.file = kFile;
   out.bytes = bytes;
@@ -147,6 +161,16 @@ Tokenizer keep(std::string_view bytes, const TokenizerData& data) {
     out.idOf.emplace(data.tokens[k], static_cast<std::int64_t>(k));
   out.size = static_cast<std::int64_t>(data.tokens.size());
   out.ids = {data.bosId, data.eosId, data.unkId, data.padId};
+  for (const AddedToken& token : added) {
+    const bool isInside = token.hasId && token.id < out.size;
+    if (isInside && data.tokens[static_cast<std::size_t>(token.id)] != token.text) {
+      loseToAnotherPiece(token, data.tokens[static_cast<std::size_t>(token.id)], out);
+    } else if (!isInside && !token.text.empty() && out.idOf.count(token.text) == 0) {
+      out.losses.push_back(
+          {Id::TokenizerAddedOutside, fmt::format("{}[\"{}\"]", token.source, token.text),
+           fmt::format("{}: the {} pieces of {} stay as they are", token.source, out.size, kFile)});
+    }
+  }
   return out;
 }
 
@@ -170,7 +194,7 @@ Tokenizer mendTokenizerModel(std::string_view bytes, const std::vector<AddedToke
       return encodeAnew(model, added, changes);
     }
   } else if (TokenizerData data; readAsImported(bytes, data) && !data.tokens.empty()) {
-    return keep(bytes, data);
+    return keep(bytes, data, added);
   }
   if (explain::isTiktoken(bytes)) {
     refuse(kExitUnsupported, Id::TokenizerModelTiktoken, "it is a list of base64 tokens and ranks",

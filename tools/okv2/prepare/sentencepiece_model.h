@@ -19,9 +19,11 @@ inline constexpr std::size_t kMaxModelBytes = std::size_t{16} << 20;
 // the public sentencepiece_model.proto) is encoded anew as src/hf/tokenizer_model.cpp reads it: every piece
 // with its score and type, and the ids of the four special pieces as the public library finds them, by the
 // pieces that the trainer settings name. A file that is in that layout already is given back byte for byte.
-// `added` are tokens that lie beyond the model; they join it (vocabulary.h) as user-defined or control
-// pieces. Appends what it changed to `changes`.
-// Throws Refused when the file is neither, and when it is longer than kMaxModelBytes.
+// `added` are added tokens, each with its source. Those that lie beyond the model join it (vocabulary.h) as
+// user-defined or control pieces; one that has the id of another piece is among the losses, unless an
+// import's explanation finds it itself, and so is one that a file in the layout that is read lacks. Appends
+// what it changed to `changes`. Throws Refused when the file is neither, and when it is longer than
+// kMaxModelBytes.
 [[nodiscard]] Tokenizer mendTokenizerModel(std::string_view bytes, const std::vector<AddedToken>& added,
                                            Changes& changes);
 

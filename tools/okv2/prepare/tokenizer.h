@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "okv2/explain/explanation.h"
 #include "okv2/prepare/outcome.h"
 #include "okv2/prepare/vocabulary.h"
 
@@ -19,8 +21,9 @@ struct Tokenizer {
   bool isKept = false;  // a tokenizer.model that was in the layout that is read already
   TokenIds idOf;
   std::int64_t size = 0;
-  SpecialIds ids;              // as an import takes them from this file alone
-  std::int64_t modelUnk = -1;  // the unknown token that the file's own model names
+  SpecialIds ids;                        // as an import takes them from this file alone
+  std::int64_t modelUnk = -1;            // the unknown token that the file's own model names
+  std::vector<explain::Finding> losses;  // added tokens for which there is no place
 };
 
 }  // namespace zel::tool::prepare

@@ -40,7 +40,7 @@ class TokenizerJson {
     const std::size_t changesBefore = changes_.size();
     mendMerges();
     const std::vector<Token> published = readVocabulary();
-    gatherAdded(alsoAdded);
+    gatherAdded(alsoAdded, published);
     const JoinedVocabulary joined =
         joinVocabulary(published, added_, {kFile, "$.model.vocab", nameOf(Id::TokenizerJsonIdGap)}, changes_);
     const bool isChanged = changes_.size() != changesBefore;
@@ -52,7 +52,7 @@ class TokenizerJson {
   void mendMerges();
   std::vector<Token> readVocabulary();
   std::vector<Token> readUnigram(const Json& vocabulary);
-  void gatherAdded(const std::vector<AddedToken>& alsoAdded);
+  void gatherAdded(const std::vector<AddedToken>& alsoAdded, const std::vector<Token>& published);
   void write(const JoinedVocabulary& joined);
   Tokenizer resultOf(bool isChanged, const JoinedVocabulary& joined) const;
 
@@ -142,7 +142,8 @@ std::vector<Token> TokenizerJson::readVocabulary() {
   return tokens;
 }
 
-void TokenizerJson::gatherAdded(const std::vector<AddedToken>& alsoAdded) {
+void TokenizerJson::gatherAdded(const std::vector<AddedToken>& alsoAdded,
+                                const std::vector<Token>& published) {
   Json* elements = findMember(root_, "added_tokens");
   if (elements == nullptr) {
     elements = &appendMember(root_, "added_tokens", Json::array());
@@ -154,6 +155,12 @@ void TokenizerJson::gatherAdded(const std::vector<AddedToken>& alsoAdded) {
   } else if (!elements->is_array()) {
     refuse(kExitCorrupted, Id::TokenizerJsonBadAddedTokens, "$.added_tokens is no array");
   }
+  if (elements->size() > kMaxAddedTokens) {
+    refuse(kExitUnsupported, Id::TokenizerAddedOutside,
+           fmt::format("{} added tokens are more than the {} of any vocabulary", elements->size(),
+                       kMaxAddedTokens),
+           "Use the tokenizer files that belong to the model.");
+  }
   std::set<std::string> known;
   for (Json& element : *elements) {
     // Elements that an import skips are left as they are.
@@ -164,12 +171,18 @@ void TokenizerJson::gatherAdded(const std::vector<AddedToken>& alsoAdded) {
     addedElements_.push_back(&element);
     known.insert(added_.back().text);
   }
+  std::set<std::string_view> pieces;
+  for (const Token& token : published)
+    pieces.insert(token.text);
   for (const AddedToken& token : alsoAdded) {
-    if (token.text.empty() || !known.insert(token.text).second) continue;
+    const bool isPiece = pieces.count(token.text) != 0;
+    if (token.text.empty() || (!token.hasId && isPiece)) continue;
+    if (!known.insert(token.text).second) continue;
     added_.push_back(token);
+    if (!isPiece) continue;  // joining the vocabulary is a change that is listed
     changes_.push_back({kFile, fmt::format("$.added_tokens[\"{}\"]", token.text), "",
                         token.special ? "special" : "normal",
-                        "tokenizer_config.json adds the token when the tokenizer is loaded",
+                        fmt::format("{} adds the token when the tokenizer is loaded", token.source),
                         nameOf(Id::TokenizerAddedOutside)});
   }
 }

@@ -10,7 +10,8 @@
 namespace zel::tool::prepare {
 
 // `text` is the file as published, in the format that the public `tokenizers` library writes; `alsoAdded` are
-// added tokens that tokenizer_config.json knows, which that library's users add when they load the file.
+// added tokens that other files know, each with its source: users of that library add them when they load the
+// file. Those without an id are added only where the file does not know their text.
 //   - merges that are pairs become texts of two parts with a space between them
 //   - the list of a Unigram model becomes an object of ids, and its scores an array "scores" beside it
 //   - added tokens join the vocabulary, gaps are filled (vocabulary.h)

@@ -19,7 +19,9 @@ class Joiner {
   JoinedVocabulary run(const std::vector<Token>& vocabulary, const std::vector<AddedToken>& added) {
     for (const Token& token : vocabulary)
       takePublished(token);
+    refuseTooMany(added.size());
     placeAdded(added);
+    refuseGaps();
     fillGaps();
     out_.size = highest_ + 1;
     return std::move(out_);
@@ -46,18 +48,19 @@ class Joiner {
       if (token.text.empty()) continue;  // nothing could ever match it
       if (const auto known = out_.idOf.find(token.text); known != out_.idOf.end()) {
         moveTo(known->second, k, token, "the vocabulary has the token already, and its id holds");
-      } else if (token.id >= 0 && taken_.insert(token.id).second) {
-        join(token.id, token, "added tokens are kept apart and would be left out of the container");
+      } else if (token.hasId && token.id >= 0 && taken_.insert(token.id).second) {
+        join(token.id, token);
       } else {
         homeless.push_back(k);
         out_.idOf.emplace(token.text, kNoPlaceYet);  // the next one of this text is the same token
       }
     }
+    refuseGaps();  // before anything is counted up from the highest id
     for (const std::size_t k : homeless) {
       const std::int64_t id = highest_ + 1;
       taken_.insert(id);
       moveTo(id, k, added[k], "another token has the id, so it goes behind the last one");
-      join(id, added[k], "added tokens are kept apart and would be left out of the container");
+      join(id, added[k]);
     }
     // Repetitions of a token that had no place when they were met.
     for (std::size_t k = 0; k < added.size(); ++k) {
@@ -67,22 +70,38 @@ class Joiner {
 
   void moveTo(std::int64_t id, std::size_t k, const AddedToken& token, const char* why) {
     out_.addedIds[k] = id;
-    if (id == token.id || id == kNoPlaceYet) return;
+    if (!token.hasId || id == token.id || id == kNoPlaceYet) return;
     changes_.push_back({std::string(place_.file), fmt::format("id of the added token \"{}\"", token.text),
                         std::to_string(token.id), std::to_string(id), why,
                         explain::rowOf(explain::Id::TokenizerAddedOutside).name});
   }
 
-  void join(std::int64_t id, const AddedToken& token, const char* why) {
+  void join(std::int64_t id, const AddedToken& token) {
     highest_ = std::max(highest_, id);
     out_.idOf[token.text] = id;
     out_.joined.push_back({id, token.text});
     changes_.push_back({std::string(place_.file), fmt::format("{}[\"{}\"]", place_.vocabulary, token.text),
-                        "", std::to_string(id), why,
+                        "", std::to_string(id), whyJoined(token),
                         explain::rowOf(explain::Id::TokenizerAddedOutside).name});
   }
 
-  void fillGaps() {
+  static std::string whyJoined(const AddedToken& token) {
+    if (*token.source == '\0') return "added tokens are kept apart and would be left out of the container";
+    return fmt::format(
+        "{} {}", token.source,
+        token.hasId ? "adds the token when the tokenizer is loaded"
+                    : "names the token, which is added behind the last one when the tokenizer is loaded");
+  }
+
+  void refuseTooMany(std::size_t added) const {
+    if (added <= kMaxAddedTokens) return;
+    throw Refused(kExitUnsupported, explain::rowOf(explain::Id::TokenizerAddedOutside).name,
+                  fmt::format("{}: {} added tokens are more than the {} of any vocabulary", place_.file,
+                              added, kMaxAddedTokens),
+                  "Use the tokenizer files that belong to the model.");
+  }
+
+  void refuseGaps() const {
     const auto count = static_cast<std::int64_t>(taken_.size());
     if (highest_ > kMaxTokenId || highest_ + 1 - count > kMaxFilledIds) {
       throw Refused(
@@ -91,6 +110,9 @@ class Joiner {
                       place_.file, count, highest_, kMaxFilledIds),
           "Use the tokenizer files that belong to the model, complete.");
     }
+  }
+
+  void fillGaps() {
     for (std::int64_t id = 0; id <= highest_; ++id) {
       if (taken_.count(id) != 0) continue;
       const std::int64_t first = id;

@@ -22,7 +22,13 @@ struct AddedToken {
   std::int64_t id = 0;
   std::string text;
   bool special = false;
+  const char* source = "";  // the file that adds it, unless it is the tokenizer's own
+  bool hasId = true;        // else it is known by its text only, and `id` says nothing
 };
+
+// More added tokens than this are no vocabulary: the largest published ones have about as many tokens
+// altogether. A file may add as many, too.
+inline constexpr std::size_t kMaxAddedTokens = std::size_t{1} << 18;
 
 // More ids without a token than this are no vocabulary that somebody forgot to fill: the largest published
 // ones have about as many tokens altogether.
@@ -50,9 +56,10 @@ struct VocabularyPlace {
 
 // Gives every added token a place in the vocabulary. One whose text is there already has the id that it has
 // there; one whose id belongs to another text is put behind the last token, as the public `tokenizers`
-// library does; all others keep their id. Ids that are left below the highest get a name that no token has.
-// Appends what it did to `changes`. Throws Refused when two tokens of `vocabulary` have one id, or when there
-// are more ids to fill than kMaxFilledIds. Ids of `vocabulary` are not negative.
+// library does, and so is one that has no id of its own; all others keep their id. Ids that are left below
+// the highest get a name that no token has. Appends what it did to `changes`. Throws Refused when two tokens
+// of `vocabulary` have one id, or when there are more ids to fill than kMaxFilledIds, or more added tokens
+// than kMaxAddedTokens. Ids of `vocabulary` are not negative.
 [[nodiscard]] JoinedVocabulary joinVocabulary(const std::vector<Token>& vocabulary,
                                               const std::vector<AddedToken>& added,
                                               const VocabularyPlace& place, Changes& changes);
