@@ -65,7 +65,7 @@ TEST(ReadModelTexts, RefusesDescriptionsThatAreTooLong) {
 
 TEST(ReadModelTexts, ReadsDescriptionsAsLongAsTheLimit) {
   for (const std::string name : {"config.json", "tokenizer_config.json", "special_tokens_map.json",
-                                 "generation_config.json", "added_tokens.json"}) {
+                                 "generation_config.json", "added_tokens.json", "chat_template.json"}) {
     const std::string finding = name == "config.json" ? "config.bad-json" : "side.bad-json";
     EXPECT_EQ(refusalOfLength(name, kMaxConfigBytes),
               (Refusal{7, finding, name + ": byte 0: json: unexpected char",

@@ -70,6 +70,37 @@ TEST(MendChatTemplate, TakesTheTextOfAJsonFileLast) {
       "T");
 }
 
+TEST(MendChatTemplate, RefusesADamagedJsonFileThatItNeeds) {
+  const std::string text = R"({"chat_template": "hello)";
+  EXPECT_EQ(refusalOfDirectory(small().file("chat_template.json", text)),
+            (Refusal{7, "side.bad-json", "chat_template.json: byte 18: json: unterminated string",
+                     "Mend chat_template.json, or fetch it again."}));
+  EXPECT_EQ(refusalOfDirectory(small().file("chat_template.json", R"(["hello"])")),
+            (Refusal{7, "side.bad-json", "chat_template.json: $ is no object",
+                     "Mend chat_template.json, or fetch it again."}));
+  EXPECT_EQ(PreparedDirectory(small().file("chat_template.json", text).file("chat_template.jinja", "J"))
+                .model.tokenizer.chatTemplate,
+            "J");
+}
+
+TEST(MendChatTemplate, NamesWhatIsNoTemplateInAJsonFile) {
+  const auto lossesFor = [](const std::string& value) {
+    return PreparedDirectory(small().file("chat_template.json", R"({"chat_template":)" + value + "}"))
+        .losses();
+  };
+  EXPECT_THAT(lossesFor(R"([{"name":"tool","template":"x"}])"),
+              ElementsAre("template.list | chat_template.json | "
+                          "chat_template.json: $.chat_template is a list of 1 entries"));
+  EXPECT_THAT(lossesFor(R"({"tool":"x"})"),
+              ElementsAre("template.not-text | chat_template.json | "
+                          "chat_template.json: $.chat_template is an object of 1 entries"));
+  EXPECT_THAT(
+      lossesFor("5"),
+      ElementsAre("template.not-text | chat_template.json | chat_template.json: $.chat_template is 5"));
+  EXPECT_THAT(lossesFor("null"), IsEmpty());
+  EXPECT_THAT(lossesFor(R"([{"name":"default","template":"x"}])"), IsEmpty());
+}
+
 TEST(MendChatTemplate, RemovesATemplateThatAnImportWouldPrefer) {
   const PreparedDirectory directory(small()
                                         .config(completeConfig(R"("chat_template":"C")"))

@@ -60,21 +60,25 @@ std::optional<Template> fromTokenizerConfig(const ModelTexts& texts) {
   return Template{std::move(*text), "the entry named \"default\" is the one that is used", Id::TemplateList};
 }
 
-std::optional<Template> fromJsonFile(const std::string& directory) {
-  std::string text, reason;
-  Json root;
-  if (!readText(directory, kJson, kMaxConfigBytes, text) || !parseTree(text, root, reason))
-    return std::nullopt;
-  const Json* value = findMember(root, kKey);
-  std::optional<std::string> found = value == nullptr ? std::nullopt : defaultOf(*value);
-  if (!found) return std::nullopt;
-  return Template{std::move(*found), fmt::format("{} holds it", kJson), Id::TemplateJinjaFile};
-}
-
 std::string sizeOf(const Json* value) {
   if (value == nullptr || value->is_null()) return "";
   if (value->is_string()) return fmt::format("{} bytes", value->get_ref<const std::string&>().size());
   return fmt::format("{} of {} entries", value->is_array() ? "a list" : "an object", value->size());
+}
+
+// A template that cannot be taken is among the losses: the prepared directory does not have the file.
+std::optional<Template> fromJsonFile(const std::string& directory, ModelTexts& texts) {
+  JsonFile file(kJson);
+  Changes notWritten;
+  readSideFile(directory, file, notWritten);
+  const Json* value = file.find(kKey);
+  if (value == nullptr || value->is_null()) return std::nullopt;
+  std::optional<std::string> found = defaultOf(*value);
+  if (found) return Template{std::move(*found), fmt::format("{} holds it", kJson), Id::TemplateJinjaFile};
+  texts.losses.push_back({value->is_array() ? Id::TemplateList : Id::TemplateNotText, kJson,
+                          fmt::format("{}: $.chat_template is {}", kJson,
+                                      value->is_structured() ? sizeOf(value) : value->dump())});
+  return std::nullopt;
 }
 
 }  // namespace
@@ -82,7 +86,7 @@ std::string sizeOf(const Json* value) {
 void mendChatTemplate(const std::string& directory, ModelTexts& texts, Changes& changes) {
   std::optional<Template> found = fromJinja(directory);
   if (!found) found = fromTokenizerConfig(texts);
-  if (!found) found = fromJsonFile(directory);
+  if (!found) found = fromJsonFile(directory, texts);
   if (!found) return;
   const Json* now = texts.tokenizerConfig.find(kKey);
   if (now == nullptr || *now != found->text) {

@@ -217,12 +217,16 @@ ModelTexts readModelTexts(const std::string& directory, Changes& changes) {
                   "config.json: there is none that can be read", explain::rowOf(Id::ConfigMissing).todo);
   }
   for (JsonFile* file : {&texts.tokenizerConfig, &texts.specialTokensMap, &texts.generationConfig})
-    (void)readJson(directory, *file, Id::SideBadJson, Id::SideBadJson, changes);
+    readSideFile(directory, *file, changes);
   if (texts.tokenizerConfig.find("added_tokens_decoder") == nullptr) {
     Changes notWritten;
-    (void)readJson(directory, texts.addedTokens, Id::SideBadJson, Id::SideBadJson, notWritten);
+    readSideFile(directory, texts.addedTokens, notWritten);
   }
   return texts;
+}
+
+void readSideFile(const std::string& directory, JsonFile& file, Changes& changes) {
+  (void)readJson(directory, file, Id::SideBadJson, Id::SideBadJson, changes);
 }
 
 const std::string* tokenText(const JsonFile& file, std::string_view member) {

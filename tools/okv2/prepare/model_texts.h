@@ -81,6 +81,9 @@ struct ModelTexts {
 // tells. Throws Refused when one is no JSON object, or longer than kMaxConfigBytes.
 [[nodiscard]] ModelTexts readModelTexts(const std::string& directory, Changes& changes);
 
+// Reads another file of the directory, which need not exist. Throws as readModelTexts() does.
+void readSideFile(const std::string& directory, JsonFile& file, Changes& changes);
+
 // A token that tokenizer_config.json or special_tokens_map.json names, by the member "bos_token", say: a
 // text, or an object with the text as "content". Null when it is absent.
 [[nodiscard]] const std::string* tokenText(const JsonFile& file, std::string_view member);
