@@ -74,7 +74,37 @@ TEST(ReadModelTexts, ReadsDescriptionsAsLongAsTheLimit) {
   EXPECT_EQ(refusalOfLength("chat_template.jinja", kMaxConfigBytes),
             (Refusal{7, "template.jinja-file", "chat_template.jinja: it is not in UTF-8",
                      "Fetch chat_template.jinja again."}));
-  EXPECT_EQ(refusalOfLength("chat_template.json", kMaxConfigBytes), Refusal{});  // no template is in it
+}
+
+TEST(ReadModelTexts, RefusesTextsOfTooManyValues) {
+  const auto listOf = [](std::size_t count) {  // the list is a value itself
+    std::string text = "[0";
+    for (std::size_t k = 2; k < count; ++k)
+      text += ",0";
+    return text + "]";
+  };
+  const auto refusalFor = [](const std::string& text) {
+    return refusalOf([&] {
+      refuseManyValues("a.json", text);
+      return 0;
+    });
+  };
+  EXPECT_EQ(refusalFor(listOf(kMaxValues)), Refusal{});
+  EXPECT_EQ(
+      refusalFor(listOf(kMaxValues + 1)),
+      (Refusal{3, "file.not-regular", "a.json: 4194305 values are more than the 4194304 of any description",
+               "Put the model's own a.json there."}));
+  EXPECT_EQ(refusalFor("\"\\\"" + listOf(kMaxValues + 1) + "\""), Refusal{});  // one text
+}
+
+TEST(ReadModelTexts, RefusesATokenizerOfTooManyValues) {
+  std::string text = R"({"model":{"vocab":{"a":0}},"x":[0)";
+  for (std::size_t k = 0; k < kMaxValues; ++k)
+    text += ",0";
+  EXPECT_EQ(refusalOfDirectory(withConfig(completeConfig()).file("tokenizer.json", text + "]}")),
+            (Refusal{3, "file.not-regular",
+                     "tokenizer.json: 4194310 values are more than the 4194304 of any description",
+                     "Put the model's own tokenizer.json there."}));
 }
 
 TEST(JsonFile, WritesWhatIsNotChangedAsItWas) {

@@ -95,6 +95,22 @@ bool parseTree(std::string_view text, Json& out, std::string& reason) {
   return false;
 }
 
+std::size_t countValues(std::string_view text) {
+  std::size_t count = 1;  // the whole; each bracket and each comma brings one more
+  bool inText = false;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
+    if (inText && c == '\\') {
+      ++at;
+    } else if (c == '"') {
+      inText = !inText;
+    } else if (!inText && (c == ',' || c == '[' || c == '{')) {
+      ++count;
+    }
+  }
+  return count;
+}
+
 std::vector<LiftedNumber> liftPythonNumbers(std::string& text) {
   constexpr std::string_view kLiterals[] = {"NaN", "Infinity", "-Infinity"};
   const std::string_view all = text;

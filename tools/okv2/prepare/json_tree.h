@@ -12,6 +12,13 @@ namespace zel::tool::prepare {
 
 using Json = nlohmann::ordered_json;
 
+// A tree takes some sixty bytes a value, whatever its text takes. The largest published tokenizer.json has
+// two million values.
+inline constexpr std::size_t kMaxValues = std::size_t{1} << 22;
+
+// How many values `text` has when it is JSON, empty arrays and objects counted twice. Costs one pass.
+[[nodiscard]] std::size_t countValues(std::string_view text);
+
 // Parses `text`. Members keep their order and their repetitions, and find() gives the first of a key, as in
 // the plug-in's reader; a text that this reader refuses (nested deeper than its limit, say) is refused here
 // too, before anything is built. False with the reason, and where, in `reason`.

@@ -32,6 +32,7 @@ bool readJson(const std::string& directory, JsonFile& file, Id badJson, Id notOb
     changes.push_back({file.name, fmt::format("byte {}", number.offset), std::string(number.literal), "null",
                        "JSON has no such number", explain::rowOf(badJson).name});
   }
+  refuseManyValues(file.name, text);
   const std::string remedy = fmt::format("Mend {}, or fetch it again.", file.name);
   if (!file.read(std::move(text), reason)) {
     throw Refused(kExitCorrupted, explain::rowOf(badJson).name, fmt::format("{}: {}", file.name, reason),
@@ -188,6 +189,16 @@ std::string JsonFile::bytes() const {
     if (edit.value && written.count(&edit) == 0) add(edit.key, edit.value->dump(2));
   }
   return (out.empty() ? "{" : out) + "\n}\n";
+}
+
+void refuseManyValues(const char* file, std::string_view text) {
+  const std::size_t count = countValues(text);
+  if (count <= kMaxValues) return;
+  json::detail::Parser parser(text.data(), text.size());
+  if (!parser.skip(0) || !parser.finish()) return;  // parsing it will tell what is wrong
+  throw Refused(kExitUnsupported, explain::rowOf(Id::FileNotRegular).name,
+                fmt::format("{}: {} values are more than the {} of any description", file, count, kMaxValues),
+                fmt::format("Put the model's own {} there.", file));
 }
 
 bool readText(const std::string& directory, const std::string& name, std::uint64_t maxBytes,

@@ -23,6 +23,9 @@ inline constexpr std::uint64_t kMaxTextBytes = std::uint64_t{128} << 20;
 // The same of every other file here. The largest published ones list the settings of every packed matrix.
 inline constexpr std::uint64_t kMaxConfigBytes = std::uint64_t{8} << 20;
 
+// Throws Refused when a text is JSON and has more than kMaxValues values.
+void refuseManyValues(const char* file, std::string_view text);
+
 // One file, as read and as it shall be: a list of changed top-level members beside the tree as published.
 // What is not changed is written as its own bytes, so numbers that no double holds stay what they are.
 class JsonFile {

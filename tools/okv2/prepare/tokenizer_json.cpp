@@ -10,6 +10,7 @@
 #include "okv2/exit_codes.h"
 #include "okv2/explain/finding_table.h"
 #include "okv2/prepare/json_tree.h"
+#include "okv2/prepare/model_texts.h"
 
 namespace zel::tool::prepare {
 namespace {
@@ -29,6 +30,7 @@ const char* nameOf(Id id) { return explain::rowOf(id).name; }
 class TokenizerJson {
  public:
   TokenizerJson(std::string_view text, Changes& changes) : text_(text), changes_(changes) {
+    refuseManyValues(kFile, text);
     std::string reason;
     if (!parseTree(text, root_, reason)) refuse(kExitCorrupted, Id::TokenizerJsonBadJson, reason);
     model_ = findMember(root_, "model");
