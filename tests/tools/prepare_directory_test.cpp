@@ -50,6 +50,17 @@ TEST(PrepareDirectory, WritesWhatAnImportReadsAndTheListOfChanges) {
       "remaining": []})"));
 }
 
+TEST(PrepareDirectory, WritesItsListIndented) {
+  for (const char* more : {"", R"("rope_scaling":{"a":1})"}) {
+    for (const char* tokens :
+         {R"({"model":{"vocab":{"a":0}}})", R"({"model":{"vocab":{"a":3,"\u0009":5}}})"}) {
+      const PreparedDirectory directory(ModelDirBuilder().config(completeConfig(more)).tokenizer(tokens));
+      const std::string text = directory.text("prepare.json");
+      EXPECT_EQ(text, Json::parse(text).dump(2) + "\n");
+    }
+  }
+}
+
 TEST(PrepareDirectory, NamesWhatCouldNotBeMended) {
   const PreparedDirectory directory(
       ModelDirBuilder().config(completeConfig(R"("rope_scaling":{"type":"su"})")));

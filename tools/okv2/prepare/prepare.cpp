@@ -107,12 +107,21 @@ class OutputFile {
   void close() {
     if (::close(std::exchange(fd_, -1)) != 0) refuse();
   }
-  const int error = errno;
-  const bool closed = fd < 0 || ::close(fd) == 0;
-  if (ok && closed) return;
-  throw Refused(kExitNoOutput, "",
-                fmt::format("cannot write {}: {}", name, std::strerror(ok ? errno : error)),
-                "Make room, or choose another output.");
+
+ private:
+  [[noreturn]] void refuse() const {
+    throw Refused(kExitNoOutput, "", fmt::format("cannot write {}: {}", name_, std::strerror(errno)),
+                  "Make room, or choose another output.");
+  }
+
+  std::string name_;
+  int fd_;
+};
+
+void writeFile(const std::string& out, const std::string& name, std::string_view bytes) {
+  OutputFile file(out, name);
+  file.write(bytes);
+  file.close();
 }
 
 void writeTexts(const std::string& out, const ModelTexts& texts, const Tokenizer& tokenizer) {
@@ -140,23 +149,68 @@ void replaceUnmapped(std::vector<explain::Finding> unmapped, explain::Explanatio
   std::move(unmapped.begin(), unmapped.end(), std::back_inserter(all));
 }
 
-// Names and texts may hold any byte; JSON holds UTF-8 only.
-std::string documentText(const Json& document) {
-  return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+Json changeJson(const Change& change) {
+  return {{"file", change.file}, {"what", change.what}, {"from", change.from},
+          {"to", change.to},     {"why", change.why},   {"finding", change.finding}};
+}
+
+Json lossJson(const explain::Finding& finding) {
+  return {
+      {"finding", explain::rowOf(finding.id).name}, {"subject", finding.subject}, {"detail", finding.detail}};
+}
+
+// A member of the document's top level that is an array of objects, one after another: all of them as a tree
+// would take several times the room of the changes themselves.
+class ArrayMember {
+ public:
+  ArrayMember(OutputFile& file, const char* key) : file_(file) { text_ = fmt::format(",\n  \"{}\": [", key); }
+  void add(const Json& object) {
+    text_ += isEmpty_ ? "\n    " : ",\n    ";
+    isEmpty_ = false;
+    // Names and texts may hold any byte; JSON holds UTF-8 only.
+    for (const char c : object.dump(2, ' ', false, Json::error_handler_t::replace)) {
+      text_ += c;
+      if (c == '\n') text_ += "    ";  // between members: texts have no newline in JSON
+    }
+    if (text_.size() < kFlushedBytes) return;
+    file_.write(text_);
+    text_.clear();
+  }
+  void end() {
+    text_ += isEmpty_ ? "]" : "\n  ]";
+    file_.write(text_);
+  }
+
+ private:
+  static constexpr std::size_t kFlushedBytes = std::size_t{1} << 20;
+
+  OutputFile& file_;
+  std::string text_;
+  bool isEmpty_ = true;
+};
+
+void writeDocument(const std::string& out, const Prepared& prepared) {
+  OutputFile file(out, "prepare.json");
+  file.write(fmt::format("{{\n  \"schema\": {}", kSchema));
+  ArrayMember changes(file, "changes");
+  for (const Change& change : prepared.changes)
+    changes.add(changeJson(change));
+  changes.end();
+  ArrayMember remaining(file, "remaining");
+  for (const explain::Finding& finding : prepared.explanation.findings) {
+    if (isNotMended(finding)) remaining.add(lossJson(finding));
+  }
+  remaining.end();
+  file.write("\n}\n");
+  file.close();
 }
 
 }  // namespace
 
 Json changesJson(const Changes& changes) {
   Json out = Json::array();
-  for (const Change& change : changes) {
-    out.push_back({{"file", change.file},
-                   {"what", change.what},
-                   {"from", change.from},
-                   {"to", change.to},
-                   {"why", change.why},
-                   {"finding", change.finding}});
-  }
+  for (const Change& change : changes)
+    out.push_back(changeJson(change));
   return out;
 }
 
@@ -167,9 +221,7 @@ bool isNotMended(const explain::Finding& finding) {
 Json remainingJson(const explain::Explanation& explanation) {
   Json out = Json::array();
   for (const explain::Finding& finding : explanation.findings) {
-    if (!isNotMended(finding)) continue;
-    const explain::FindingRow& row = explain::rowOf(finding.id);
-    out.push_back({{"finding", row.name}, {"subject", finding.subject}, {"detail", finding.detail}});
+    if (isNotMended(finding)) out.push_back(lossJson(finding));
   }
   return out;
 }
@@ -192,10 +244,7 @@ Prepared prepareDirectory(const std::string& directory, const std::string& out,
   prepared.explanation = explain::explainDirectory(out);
   addLosses(std::move(losses), prepared.explanation);
   replaceUnmapped(std::move(unmapped), prepared.explanation);
-  const Json document = {{"schema", kSchema},
-                         {"changes", changesJson(prepared.changes)},
-                         {"remaining", remainingJson(prepared.explanation)}};
-  writeFile(out, "prepare.json", documentText(document));
+  writeDocument(out, prepared);
   return prepared;
 }
 
