@@ -157,6 +157,30 @@ TEST(MendTokenizerModel, KeepsAFileInTheLayoutThatIsRead) {
   EXPECT_THAT(mended.changes, IsEmpty());
 }
 
+TEST(MendTokenizerModel, NamesTheAddedTokensThatAKeptFileLacks) {
+  const std::string bytes = ProtoBuilder()
+                                .message(3, piece("<s>", 0, kControl))
+                                .message(3, piece("a", -1, kNormal))
+                                .message(1, ProtoBuilder().varint(5, 0))
+                                .str();
+  const char* file = "added_tokens.json";
+  const Mended mended = mend(bytes, {{0, "<s>", true, file},
+                                     {1, "b", true, file},
+                                     {1, "c", true, "tokenizer_config.json"},  // explain names it
+                                     {2, "d", true, file},
+                                     {-1, "a", true, file, false},
+                                     {-1, "e", true, file, false}});
+  std::vector<std::string> losses;
+  for (const explain::Finding& loss : mended.tokenizer.losses)
+    losses.push_back(loss.subject + " | " + loss.detail);
+  EXPECT_THAT(
+      losses,
+      ElementsAre(
+          R"(added_tokens.json["b"] | added_tokens.json: "b" has id 1, which is "a")",
+          R"(added_tokens.json["d"] | added_tokens.json: the 2 pieces of tokenizer.model stay as they are)",
+          R"(added_tokens.json["e"] | added_tokens.json: the 2 pieces of tokenizer.model stay as they are)"));
+}
+
 TEST(MendTokenizerModel, AddsSettledIdsToTheSettings) {
   Mended mended = mend(smallModel().bytes());
   SpecialIds ids;

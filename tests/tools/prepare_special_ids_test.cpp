@@ -308,7 +308,31 @@ TEST(AddedTokens, AreRefusedWhereTheyAreTooMany) {
                      "Use the tokenizer files that belong to the model."}));
 }
 
+TEST(AddedTokensFile, GivesNoSecondPlaceToATokenThatHasTheIdOfAnotherPiece) {
+  const PreparedDirectory directory(withModel(completeConfig())
+                                        .file("added_tokens.json", R"({"<|im_end|>":3})")
+                                        .file("special_tokens_map.json", R"({"eos_token":"<|im_end|>"})"));
+  EXPECT_THAT(directory.model.tokenizer.tokens, ElementsAre("<unk>", "<s>", "</s>", "a"));
+  EXPECT_EQ(directory.model.tokenizer.eosId, 2);
+  EXPECT_THAT(directory.remaining(), ElementsAre("tokenizer.added-elsewhere"));
+}
+
 // ---- tokens that are known by their texts only
+
+TEST(NamedTokens, AreJoinedWhereTheirIdIsNone) {
+  for (const char* file : {"added_tokens.json", "tokenizer_config.json"}) {
+    const bool isList = file == std::string("added_tokens.json");
+    const PreparedDirectory directory(
+        isList
+            ? withModel(completeConfig())
+                  .file(file, R"({"[PAD]":-1})")
+                  .file("special_tokens_map.json", R"({"pad_token":"[PAD]"})")
+            : withModel(completeConfig())
+                  .file(file, R"({"pad_token":"[PAD]","added_tokens_decoder":{"-1":{"content":"[PAD]"}}})"));
+    EXPECT_EQ(directory.model.tokenizer.padId, 4);
+    EXPECT_THAT(directory.remaining(), IsEmpty());
+  }
+}
 
 TEST(NamedTokens, JoinAModelBehindItsLastPiece) {
   const PreparedDirectory directory(

@@ -89,7 +89,8 @@ void loseForItsId(ModelTexts& texts, const char* file, const std::string& text, 
                           fmt::format("{}: the id of \"{}\" is {}", file, text, id)});
 }
 
-std::vector<AddedToken> tokensOfDecoder(ModelTexts& texts, const Json& decoder) {
+std::vector<AddedToken> tokensOfDecoder(ModelTexts& texts, const Json& decoder,
+                                        const std::set<std::string>& named) {
   std::vector<AddedToken> out;
   if (!decoder.is_object()) return out;
   const char* file = texts.tokenizerConfig.name;
@@ -98,7 +99,7 @@ std::vector<AddedToken> tokensOfDecoder(ModelTexts& texts, const Json& decoder) 
     const std::string* content = textMember(value, "content");
     if (content == nullptr) continue;  // nothing that would be added
     if (key.empty() || key.size() > 10 || key.find_first_not_of("0123456789") != std::string::npos) {
-      loseForItsId(texts, file, *content, Json(key).dump());
+      if (named.count(*content) == 0) loseForItsId(texts, file, *content, Json(key).dump());
       continue;
     }
     const Json* special = findMember(value, "special");
@@ -115,7 +116,7 @@ std::vector<AddedToken> tokensOfFile(ModelTexts& texts, const std::set<std::stri
   for (const auto& [text, value] : texts.addedTokens.published().items()) {
     if (const std::int64_t id = wholeNumber(value).value_or(-1); id >= 0) {
       out.push_back({id, text, special.count(text) != 0, file});
-    } else {
+    } else if (special.count(text) == 0) {
       loseForItsId(texts, file, text, value.dump());
     }
   }
@@ -259,7 +260,7 @@ std::vector<AddedToken> addedTokensOf(ModelTexts& texts) {
     special.insert(part.text);
   const Json* decoder = texts.tokenizerConfig.find("added_tokens_decoder");
   std::vector<AddedToken> out =
-      decoder != nullptr ? tokensOfDecoder(texts, *decoder) : tokensOfFile(texts, special);
+      decoder != nullptr ? tokensOfDecoder(texts, *decoder, special) : tokensOfFile(texts, special);
   for (const SpecialText& part : named)
     out.push_back({-1, part.text, true, part.source, false});
   return out;

@@ -100,8 +100,8 @@ void readSideFile(const std::string& directory, JsonFile& file, Changes& changes
 // the order of the file those with an id: by tokenizer_config.json ("added_tokens_decoder"), or else by
 // added_tokens.json, of which those are special that have a part such as "pad_token". Behind them, without
 // an id, the texts that have a part; they are added only where the tokenizer does not know them.
-// A token whose id is none that any token could have becomes one of the losses. Throws Refused when there are
-// more than kMaxAddedTokens.
+// A token whose id is none that any token could have becomes one of the losses, unless its text has a part.
+// Throws Refused when there are more than kMaxAddedTokens.
 [[nodiscard]] std::vector<AddedToken> addedTokensOf(ModelTexts& texts);
 
 // The description of the text model in config.json: the nested object that holds it, or null when config.json

@@ -5,7 +5,9 @@
 #include <bit>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "hf/hf_importer.h"
@@ -105,12 +107,15 @@ Tokenizer encodeAnew(const sentencepiece::ModelProto& model, const std::vector<A
   Tokenizer out;
   // Wrappers around a model may number its pieces in another way; only what lies behind them is sure.
   std::vector<AddedToken> beyond;
+  std::set<std::string_view> lost;
   for (const AddedToken& token : added) {
     if (!token.hasId || token.id >= model.pieces_size()) {
-      beyond.push_back(token);
+      // What is known by its text only gets no second place when another piece has its own.
+      if (token.hasId || lost.count(token.text) == 0) beyond.push_back(token);
     } else if (const std::string& piece = model.pieces(static_cast<int>(token.id)).piece();
                piece != token.text) {
       loseToAnotherPiece(token, piece, out);
+      lost.insert(token.text);
     }
   }
   const JoinedVocabulary joined = joinVocabulary(
