@@ -436,8 +436,8 @@ TEST(ImportedFunctions, OfFilesAreExactlyThoseThatTheShimMakesFail) {
       "fwrite",         "sysconf"};
   // The language's runtime, and what sanitizers and coverage put in.
   static constexpr std::string_view kRuntime[] = {
-      "_Z",      "__cxa_",   "_Unwind_",     "_ITM_",   "__gmon_start__", "__gxx_",
-      "__asan_", "__ubsan_", "__sanitizer_", "__tsan_", "__lsan_",        "__gcov"};
+      "_Z",       "__cxa_",       "_Unwind_",  "_ITM_",   "__gmon_start__", "__gxx_", "__asan_",
+      "__ubsan_", "__sanitizer_", "__sancov_", "__tsan_", "__lsan_",        "__gcov"};
   std::vector<std::string> files;
   for (const std::string& name : test::ElfModule(OKV2_MODULE).imports()) {
     const auto begins = [&](std::string_view prefix) {
