@@ -96,6 +96,110 @@ TEST(ExplainConfig, NamesAHeadDimensionThatIsReplaced) {
               ElementsAre("head_dim: config.json: $.head_dim is 64, and $.key_length replaces it by 128"));
 }
 
+// What the explanation says that a key becomes; "absent" when it does not list the key.
+std::string becomes(const ModelDirBuilder& builder, const std::string& key) {
+  const Explanation explanation = explained(builder);
+  for (const ConfigUse& use : explanation.config) {
+    if (use.key == key) return use.field;
+  }
+  return "absent";
+}
+
+struct ChangedValue {
+  const char* name;
+  const char* modelType;
+  const char* key;
+  const char* value;  // as it stands in config.json, and as it is shown
+  const char* becomes;
+  const char* changed;  // what the finding says after the value; empty when there is none
+};
+
+class ExplainValue : public testing::TestWithParam<ChangedValue> {};
+
+TEST_P(ExplainValue, SaysWhatAnImportWrites) {
+  const ChangedValue& row = GetParam();
+  const ModelDirBuilder model = ModelDirBuilder().tokenizer().config(
+      std::string(R"({"model_type":")") + row.modelType + R"(",")" + row.key + "\":" + row.value + "}");
+  EXPECT_EQ(becomes(model, row.key), row.becomes);
+  const std::string finding =
+      std::string(row.key) + ": config.json: $." + row.key + " is " + row.value + ", and " + row.changed;
+  EXPECT_THAT(found(model, Id::ConfigValueChanged),
+              *row.changed == 0 ? std::vector<std::string>{} : std::vector<std::string>{finding});
+}
+
+// Two to the power of 64, 33, 32 and 8 by hand: 18446744073709551616, 8589934592, 4294967296 and 256.
+INSTANTIATE_TEST_SUITE_P(
+    Edges, ExplainValue,
+    testing::Values(
+        ChangedValue{"Size", "llama", "hidden_size", "1", "model.hidden_size", ""},
+        ChangedValue{"SizeOfZero", "llama", "hidden_size", "0", "not written", ""},
+        ChangedValue{"SizeOfAWrongKind", "llama", "hidden_size", R"("8")", "not written", ""},
+        ChangedValue{"SizeWithAFraction", "llama", "hidden_size", "8.5", "not written", ""},
+        ChangedValue{"NegativeSize", "llama", "hidden_size", "-8",
+                     "model.hidden_size as 18446744073709551608",
+                     "model.hidden_size is written as 18446744073709551608"},
+        ChangedValue{"LargeSize", "llama", "hidden_size", "8589934592", "model.hidden_size", ""},
+        ChangedValue{"LargestOfTheHeader", "llama", "num_hidden_layers", "4294967295", "model.num_layers",
+                     ""},
+        ChangedValue{"OneMoreThanTheHeaderHolds", "llama", "num_hidden_layers", "4294967296",
+                     "model.num_layers, the header's number of layers as 0",
+                     "the header's number of layers is written as 0"},
+        ChangedValue{"Vocabulary", "llama", "vocab_size", "0", "not written: the number of tokens is, 4", ""},
+        ChangedValue{"RopeBase", "llama", "rope_theta", "10000", "model.rope_theta", ""},
+        ChangedValue{"RoundedFloat", "llama", "rms_norm_eps", "1e-05", "model.rms_norm_eps", ""},
+        ChangedValue{"RopeBaseOfZero", "llama", "rope_theta", "0", "not written", ""},
+        ChangedValue{"NegativeRopeBase", "llama", "rope_theta", "-1", "not written",
+                     "model.rope_theta is left out"},
+        ChangedValue{"TooSmallAFloat", "llama", "rms_norm_eps", "1e-60", "not written",
+                     "model.rms_norm_eps is left out"},
+        ChangedValue{"TooLargeAFloat", "llama", "rope_theta", "1e+60", "model.rope_theta as inf",
+                     "model.rope_theta is written as inf"},
+        ChangedValue{"Gemma4Size", "gemma4", "hidden_size", "4294967295",
+                     "model.hidden_size, gemma4.embedding_length", ""},
+        ChangedValue{"Gemma4SizeOfZero", "gemma4", "hidden_size", "0", "gemma4.embedding_length", ""},
+        ChangedValue{"Gemma4LargeSize", "gemma4", "hidden_size", "8589934592",
+                     "model.hidden_size, gemma4.embedding_length as 0",
+                     "gemma4.embedding_length is written as 0"},
+        ChangedValue{"Gemma4NegativeSize", "gemma4", "hidden_size", "-8",
+                     "model.hidden_size as 18446744073709551608, gemma4.embedding_length as 4294967288",
+                     "model.hidden_size is written as 18446744073709551608, gemma4.embedding_length as "
+                     "4294967288"},
+        ChangedValue{"Gemma4ShortContext", "gemma4", "max_position_embeddings", "256", "model.context_length",
+                     ""},
+        ChangedValue{"Gemma4Context", "gemma4", "max_position_embeddings", "257",
+                     "model.context_length, gemma4.context_length", ""},
+        ChangedValue{"Gemma4RopeBase", "gemma4", "rope_theta", "-1", "not written",
+                     "model.rope_theta is left out, gemma4.rope.freq_base is left out"},
+        ChangedValue{"Gemma4NoWindow", "gemma4", "sliding_window", "0", "not written", ""},
+        ChangedValue{"Gemma4NegativeWindow", "gemma4", "sliding_window", "-1",
+                     "gemma4.attention.sliding_window as 4294967295",
+                     "gemma4.attention.sliding_window is written as 4294967295"},
+        ChangedValue{"Gemma4Cap", "gemma4", "final_logit_softcapping", "30", "gemma4.final_logit_softcapping",
+                     ""},
+        ChangedValue{"Gemma4Pattern", "gemma4", "swa_pattern", "[1, 0, 255]", "gemma4.swa_pattern", ""},
+        ChangedValue{"Gemma4NoPattern", "gemma4", "swa_pattern", "[]", "not written", ""},
+        ChangedValue{"Gemma4CutPattern", "gemma4", "swa_pattern", R"([1, "x", 300])",
+                     "gemma4.swa_pattern as [1, 0, 44]", "gemma4.swa_pattern is written as [1, 0, 44]"}),
+    [](const auto& row) { return row.param.name; });
+
+TEST(ExplainConfig, SaysThatAReplacedKeyIsNotWritten) {
+  const ModelDirBuilder both = ModelDirBuilder().config(
+      R"({"model_type":"gemma4","head_dim":-64,"key_length":128,"final_logit_softcapping":30})");
+  EXPECT_EQ(becomes(both, "head_dim"), "not written: key_length replaces it");
+  EXPECT_EQ(becomes(both, "key_length"), "gemma4.attention.key_length");
+  EXPECT_EQ(becomes(both, "final_logit_softcapping"), "gemma4.final_logit_softcapping");
+  EXPECT_THAT(found(both, Id::ConfigValueChanged), IsEmpty());
+}
+
+TEST(ExplainConfig, SaysThatATextOfAWrongKindIsNotWritten) {
+  const ModelDirBuilder model =
+      ModelDirBuilder().config(R"({"model_type":7,"architectures":["x"],"_name_or_path":""})");
+  EXPECT_EQ(becomes(model, "model_type"), "not written");
+  EXPECT_EQ(becomes(model, "architectures"), "general.architecture");
+  EXPECT_EQ(becomes(model, "_name_or_path"), "not written");
+  EXPECT_EQ(becomes(withConfig(R"("_name_or_path":"a/b")"), "_name_or_path"), "general.name");
+}
+
 TEST(ExplainConfig, NamesASizeThatIsGivenNowhere) {
   EXPECT_THAT(found(withConfig(kSizes), Id::ConfigSizeMissing), IsEmpty());
   EXPECT_THAT(found(withConfig(std::string(kSizes) + R"(,"num_key_value_heads":0)"), Id::ConfigSizeMissing),

@@ -143,6 +143,14 @@ std::vector<FindingCase> configCases() {
   Do:  Correct the value in config.json.
 )",
        llamaWith(R"("pad_token_id":3)")},
+      {Id::ConfigValueChanged, "Negative", llamaWith(R"("hidden_size":-1)"),
+       R"(loss config.value-changed: hidden_size
+  config.json: $.hidden_size is -1, and model.hidden_size is written as 18446744073709551615
+  A number of config.json does not reach the container as it is.
+  Why: Items hold unsigned numbers of 64 or 32 bits, single-precision floats above 0, or lists of bytes; what does not fit is cut or left out.
+  Do:  Correct the value in config.json.
+)",
+       llamaWith(R"("hidden_size":0)")},
       {Id::ConfigIdNotKept, "BesideATokenizerModel",
        llamaWith(R"("bos_token_id":0)")
            .without("tokenizer.json")

@@ -195,14 +195,17 @@ std::vector<FindingCase> vocabularyCases() {
   Do:  Nothing, if the embedding has vocab_size rows.
 )",
        withConfig(R"("vocab_size":4)")},
-      {Id::TokenizerVocabSize, "Negative", withConfig(R"("vocab_size":-4)"),
+      {Id::TokenizerVocabSize,
+       "Negative",
+       withConfig(R"("vocab_size":-4)"),
        R"(note tokenizer.vocab-size: vocab_size
   vocab_size is -4, the vocabulary has 4 tokens
   The vocabulary and vocab_size differ.
   Why: Both are stored as they are; models often round vocab_size up.
   Do:  Nothing, if the embedding has vocab_size rows.
 )",
-       withConfig(R"("vocab_size":0)")},  // counts as not given
+       withConfig(R"("vocab_size":0)"),  // counts as not given
+       {"config.value-changed"}},
       {Id::TokenizerAddedOutside, "FirstIdBeyond",
        withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":1,"content":"<x>"}]})"),
        R"(loss tokenizer.added-outside: tokenizer.json

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "hf/read_file.h"
+#include "okv2/explain/config_values.h"
 #include "okv2/explain/steps.h"
 #include "okv2/explain/tokenizer_walk.h"
 
@@ -16,37 +17,6 @@ namespace {
 
 using json::Kind;
 using json::Value;
-
-enum class Use { Everywhere, Gemma4Only };
-
-struct ReadKey {
-  const char* key;
-  Kind kind;
-  bool integral;
-  Use use;
-  const char* field;  // the metadata item
-};
-constexpr ReadKey kReadKeys[] = {
-    {"hidden_size", Kind::Number, true, Use::Everywhere, "model.hidden_size"},
-    {"num_hidden_layers", Kind::Number, true, Use::Everywhere, "model.num_layers"},
-    {"num_attention_heads", Kind::Number, true, Use::Everywhere, "model.num_heads"},
-    {"num_key_value_heads", Kind::Number, true, Use::Everywhere, "model.num_kv_heads"},
-    {"intermediate_size", Kind::Number, true, Use::Everywhere, "model.intermediate_size"},
-    {"vocab_size", Kind::Number, true, Use::Everywhere, "model.vocab_size"},
-    {"max_position_embeddings", Kind::Number, true, Use::Everywhere, "model.context_length"},
-    {"rope_theta", Kind::Number, false, Use::Everywhere, "model.rope_theta"},
-    {"rms_norm_eps", Kind::Number, false, Use::Everywhere, "model.rms_norm_eps"},
-    {"final_logit_softcapping", Kind::Number, false, Use::Gemma4Only, "gemma4.final_logit_softcapping"},
-    {"attn_logit_softcapping", Kind::Number, false, Use::Gemma4Only, "gemma4.final_logit_softcapping"},
-    {"head_dim", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.key_length"},
-    {"key_length", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.key_length"},
-    {"key_length_swa", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.key_length_swa"},
-    {"embedding_length_per_layer_input", Kind::Number, true, Use::Gemma4Only,
-     "gemma4.embedding_length_per_layer_input"},
-    {"shared_kv_layers", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.shared_kv_layers"},
-    {"sliding_window", Kind::Number, true, Use::Gemma4Only, "gemma4.attention.sliding_window"},
-    {"swa_pattern", Kind::Array, false, Use::Gemma4Only, "gemma4.swa_pattern"},
-};
 
 // Spellings of other architectures and the key that is read instead.
 struct OtherSpelling {
@@ -106,35 +76,6 @@ bool isGiven(const Value* value) { return value != nullptr && value->kind != Kin
 bool fillsField(const Value& config, std::string_view key) {
   const Value* value = config.get(std::string(key).c_str());
   return value != nullptr && value->isNumber() && value->number != 0;
-}
-
-void usedKeys(const Value& config, bool isGemma4, Explanation& out) {
-  const auto text = [&](const char* key, const char* field) {
-    if (const Value* value = config.get(key); isGiven(value)) {
-      out.config.push_back({key, shortJson(*value), field});
-    }
-  };
-  text("model_type", "general.architecture");
-  if (const Value* type = config.get("model_type"); type == nullptr || !type->isString()) {
-    text("architectures", "general.architecture");
-  }
-  text("_name_or_path", "general.name");
-  for (const ReadKey& row : kReadKeys) {
-    const Value* value = config.get(row.key);
-    if (!isGiven(value)) continue;
-    std::int64_t integer = 0;
-    const bool good = value->kind == row.kind && (!row.integral || json::toInt64(value->number, integer));
-    if (!good) {
-      out.add(Id::ConfigWrongKind, row.key,
-              fmt::format("config.json: $.{} is {}", row.key, shortJson(*value)));
-    }
-    const bool written = row.use == Use::Everywhere || isGemma4;
-    out.config.push_back({row.key, shortJson(*value), written ? row.field : "not written"});
-    if (good && !written) {
-      out.add(Id::ConfigReadNotWritten, row.key,
-              fmt::format("config.json: $.{} is {}", row.key, shortJson(*value)));
-    }
-  }
 }
 
 // What a field that `key` does not fill ends up with. Only vocab_size gets a value from elsewhere.
@@ -299,7 +240,7 @@ void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Exp
   if (!plan.model.hasConfig) return;
   out.architecture = plan.model.arch;
   out.vocabSize = plan.model.vocabSize;
-  usedKeys(plan.model.config, plan.model.arch == "gemma4", out);
+  explainConfigValues(plan.model, out);
   otherSpellings(plan.model.config, out);
   nestedObjects(plan.model.config, out);
   unreadSettings(plan.model.config, out);

@@ -23,6 +23,7 @@ enum class Id : std::uint8_t {
   ConfigRopeScaling,
   ConfigQuantization,
   ConfigWrongKind,
+  ConfigValueChanged,
   ConfigSoftcapOverwritten,
   ConfigHeadDimOverwritten,
   ConfigReadNotWritten,
@@ -144,6 +145,11 @@ inline constexpr FindingRow kFindings[] = {
      "A key that is read holds a value of the wrong kind.",
      "Integers must be whole numbers of at most 64 bits and other settings must be of their kind; anything "
      "else is not taken.",
+     "Correct the value in config.json."},
+    {Id::ConfigValueChanged, "config.value-changed", Severity::Loss,
+     "A number of config.json does not reach the container as it is.",
+     "Items hold unsigned numbers of 64 or 32 bits, single-precision floats above 0, or lists of bytes; what "
+     "does not fit is cut or left out.",
      "Correct the value in config.json."},
     {Id::ConfigSoftcapOverwritten, "config.softcap-overwritten", Severity::Loss,
      "Two soft caps are given and one is kept.",
