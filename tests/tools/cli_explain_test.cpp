@@ -68,7 +68,8 @@ TEST(OkvExplainJson, HasTheSchemaOfThePage) {
   const std::string model =
       ModelDirBuilder()
           .config(R"({"model_type":"llama","hidden_size":8,"num_hidden_layers":2,"num_attention_heads":2,)"
-                  R"("num_key_value_heads":1,"intermediate_size":16,"vocab_size":4})")
+                  R"("num_key_value_heads":1,"intermediate_size":16,"vocab_size":4,)"
+                  R"("max_position_embeddings":64,"rope_theta":10000.0,"rms_norm_eps":1e-05})")
           .write(dir);
   const Answer answer = okv2Answer({"explain", model, "--strict"});
   EXPECT_EQ(answer.exitCode, 9);

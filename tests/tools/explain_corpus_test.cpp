@@ -180,6 +180,17 @@ TEST(ExplainCorpus, NamesTheSizesOfNestedConfigurations) {
   }
 }
 
+TEST(ExplainCorpus, NamesRotaryPositionsOfANestedConfiguration) {
+  OKV2_REQUIRE_CORPUS();
+  const Explanation explanation = explainDirectory(test::corpusPath("configs/qwen3_5-nested-text_config"));
+  const Finding* base = find(explanation, Id::ConfigNested, "text_config");
+  ASSERT_NE(base, nullptr) << namesOf(explanation);
+  EXPECT_NE(base->detail.find("$.text_config.rope_parameters.rope_theta is 10000000"), std::string::npos)
+      << base->detail;
+  EXPECT_NE(find(explanation, Id::ConfigRopeScaling, "text_config.rope_parameters"), nullptr)
+      << namesOf(explanation);
+}
+
 // A directory with `file` of the corpus under the name by which the plug-in meets it.
 std::string placed(const TempDir& dir, const std::string& file, const std::string& name) {
   fs::copy_file(test::corpusPath(file), dir.path() + "/" + name);

@@ -223,6 +223,93 @@ TEST(ExplainConfig, NamesNoSizeAsMissingThatLiesElsewhere) {
       ElementsAre("intermediate_size: config.json: $.intermediate_size gives no number, and stays 0"));
 }
 
+std::vector<std::string> subjects(const ModelDirBuilder& builder, Id id) {
+  std::vector<std::string> out;
+  for (const Finding& finding : explained(builder).findings) {
+    if (finding.id == id) out.push_back(finding.subject);
+  }
+  return out;
+}
+
+TEST(ExplainConfig, NamesSettingsThatAreGivenNowhere) {
+  EXPECT_THAT(
+      found(withConfig(R"("rms_norm_eps":0,"rope_theta":null)"), Id::ConfigSettingMissing),
+      ElementsAre("max_position_embeddings: config.json: $.max_position_embeddings gives no number, and "
+                  "model.context_length is left out",
+                  "rope_theta: config.json: $.rope_theta gives no number, and model.rope_theta is left out",
+                  "rms_norm_eps: config.json: $.rms_norm_eps gives no number, and model.rms_norm_eps is "
+                  "left out"));
+  EXPECT_THAT(subjects(withConfig(R"("max_position_embeddings":1,"rope_theta":1,"rms_norm_eps":1)"),
+                       Id::ConfigSettingMissing),
+              IsEmpty());
+}
+
+TEST(ExplainConfig, NamesNoSettingAsMissingThatLiesElsewhere) {
+  EXPECT_THAT(subjects(withConfig(R"("n_positions":8,"layer_norm_eps":1e-5,)"
+                                  R"("text_config":{"rope_parameters":{"rope_theta":10000}})"),
+                       Id::ConfigSettingMissing),
+              IsEmpty());
+  // These have findings of their own.
+  EXPECT_THAT(subjects(withConfig(R"("max_position_embeddings":"8","rope_theta":-1,"rms_norm_eps":1e-60)"),
+                       Id::ConfigSettingMissing),
+              IsEmpty());
+}
+
+TEST(ExplainConfig, NamesTheBaseOfRotaryPositionsInAnObject) {
+  EXPECT_THAT(
+      found(withConfig(R"("rope_parameters":{"rope_theta":10000,"rope_type":"default"})"),
+            Id::ConfigKeyNotRead),
+      ElementsAre(
+          "rope_parameters.rope_theta: config.json: $.rope_parameters.rope_theta is 10000; $.rope_theta "
+          "is read, and stays 0"));
+  EXPECT_THAT(
+      found(withConfig(R"("rope_theta":10000,"rope_parameters":{"rope_theta":10000})"), Id::ConfigKeyNotRead),
+      IsEmpty());
+}
+
+TEST(ExplainConfig, TakesNoPlainRotaryPositionsForScaling) {
+  const auto scaling = [](const std::string& parameters) {
+    return subjects(withConfig(R"("rope_theta":10000,"rope_parameters":)" + parameters),
+                    Id::ConfigRopeScaling);
+  };
+  EXPECT_THAT(scaling(R"({"rope_theta":10000,"rope_type":"default"})"), IsEmpty());
+  EXPECT_THAT(scaling(R"({"full_attention":{"rope_theta":10000,"rope_type":"default"}})"), IsEmpty());
+  EXPECT_THAT(scaling(R"({"rope_theta":20000,"rope_type":"default"})"), ElementsAre("rope_parameters"));
+  EXPECT_THAT(scaling(R"({"rope_theta":10000,"rope_type":"yarn"})"), ElementsAre("rope_parameters"));
+  EXPECT_THAT(scaling(R"({"rope_theta":10000,"mrope_section":[1]})"), ElementsAre("rope_parameters"));
+  EXPECT_THAT(scaling(R"({"full_attention":{"full_attention":{}}})"), ElementsAre("rope_parameters"));
+  EXPECT_THAT(scaling(R"({"sliding_attention":{"rope_theta":10000}})"), ElementsAre("rope_parameters"));
+}
+
+TEST(ExplainConfig, KnowsWhenTheBaseOfRotaryPositionsIsOfNoUse) {
+  EXPECT_THAT(
+      found(withConfig(R"("attn_config":{"rope_theta":10000})"), Id::ConfigKeyNotRead),
+      ElementsAre("attn_config.rope_theta: config.json: $.attn_config.rope_theta is 10000; $.rope_theta is "
+                  "read, and stays 0"));
+  EXPECT_THAT(found(withConfig(R"("attn_config":{"rope":false,"rope_theta":10000})"), Id::ConfigKeyNotRead),
+              IsEmpty());
+}
+
+TEST(ExplainConfig, NamesOtherSpellingsInANestedTextModel) {
+  EXPECT_THAT(found(withConfig(R"("decoder":{"n_embd":8},"encoder":{"n_layer":2})"), Id::ConfigNested),
+              ElementsAre("decoder: config.json: $.decoder.n_embd is 8"));
+  EXPECT_THAT(found(withConfig(R"("hidden_size":8,"decoder":{"n_embd":8})"), Id::ConfigNested), IsEmpty());
+}
+
+TEST(ExplainConfig, NamesASettingTwoObjectsDeep) {
+  EXPECT_THAT(
+      found(withConfig(R"("thinker_config":{"text_config":{"hidden_size":8}})"), Id::ConfigNested),
+      ElementsAre("thinker_config.text_config: config.json: $.thinker_config.text_config.hidden_size is 8"));
+}
+
+TEST(ExplainConfig, NamesSpecialIdsThatOnlyANestedTextModelGives) {
+  EXPECT_THAT(found(withConfig(R"("text_config":{"bos_token_id":0,"pad_token_id":2,"unk_token_id":-1})"),
+                    Id::ConfigNested),
+              ElementsAre("text_config: config.json: $.text_config.pad_token_id is 2"));  // <s> is 0 already
+  EXPECT_THAT(found(withConfig(R"("pad_token_id":3,"text_config":{"pad_token_id":2})"), Id::ConfigNested),
+              IsEmpty());
+}
+
 ModelDirBuilder gemma4(const std::string& members) {
   return ModelDirBuilder().config(R"({"model_type":"gemma4",)" + members + "}").tokenizer();
 }

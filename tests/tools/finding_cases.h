@@ -17,8 +17,8 @@ struct FindingCase {
   test::ModelDirBuilder has;    // has the finding once
   std::string told;             // the finding as the command prints it, "DIR" for the directory's path
   test::ModelDirBuilder lacks;  // the other side of the edge
-  // The ids of what cannot but be found beside it in `has`, in the order of the explanation. Sizes that its
-  // config.json lacks are not among them: most cases' are as short as can be.
+  // The ids of what cannot but be found beside it in `has`, in the order of the explanation. Sizes and
+  // settings that its config.json lacks are not among them: most cases' are as short as can be.
   std::vector<std::string> company = {};
 };
 
@@ -39,7 +39,8 @@ std::vector<FindingCase> tensorCases();
 inline test::ModelDirBuilder goodModel() {
   return test::ModelDirBuilder()
       .config(R"({"model_type":"llama","hidden_size":8,"num_hidden_layers":2,"num_attention_heads":2,)"
-              R"("num_key_value_heads":1,"intermediate_size":16})")
+              R"("num_key_value_heads":1,"intermediate_size":16,"max_position_embeddings":64,)"
+              R"("rope_theta":10000.0,"rms_norm_eps":1e-05})")
       .tokenizer();
 }
 

@@ -111,6 +111,40 @@ std::vector<FindingCase> configCases() {
   Do:  Run okv2 prepare DIR OUT: it brings the settings to the top level.
 )",
        llamaWith(R"("text_config":{"hidden_size":9},"hidden_size":9)")},
+      {Id::ConfigNested, "BaseOfRotaryPositions",
+       llamaWith(R"("text_config":{"rope_parameters":{"rope_theta":1000000,"rope_type":"default"}})"),
+       R"(loss config.nested: text_config
+  config.json: $.text_config.rope_parameters.rope_theta is 1000000
+  Settings lie in a nested object.
+  Why: Only the top level of config.json is read, so the fields stay 0; vocab_size alone becomes the number of tokens.
+  Do:  Run okv2 prepare DIR OUT: it brings the settings to the top level.
+)",
+       llamaWith(
+           R"("rope_theta":1000000,"text_config":{"rope_parameters":{"rope_theta":1000000,"rope_type":"default"}})")},
+      {Id::ConfigRopeScaling, "Nested", llamaWith(R"("text_config":{"rope_scaling":{"factor":2}})"),
+       R"(loss config.rope-scaling: text_config.rope_scaling
+  config.json: $.text_config.rope_scaling is {"factor": 2}
+  The scaling of rotary positions is not read.
+  Why: The container has no item for it, and a model that needs it will be wrong at long contexts.
+  Do:  Configure it in the consumer of the container.
+)",
+       llamaWith(R"("text_config":{"rope_scaling":null})")},
+      {Id::ConfigQuantization, "Nested", llamaWith(R"("text_config":{"quantization_config":{"bits":4}})"),
+       R"(loss config.quantization: text_config.quantization_config
+  config.json: $.text_config.quantization_config is {"bits": 4}
+  The quantisation settings are not read.
+  Why: Packed weights pass through as plain tensors without what is needed to unpack them.
+  Do:  Import the model before quantisation.
+)",
+       llamaWith(R"("vision_config":{"quantization_config":{"bits":4}})")},
+      {Id::ConfigEosList, "Nested", llamaWith(R"("text_config":{"eos_token_id":[1,2]})"),
+       R"(loss config.eos-list: text_config.eos_token_id
+  config.json: $.text_config.eos_token_id is [1, 2]
+  Of several end-of-sequence ids at most the first is kept.
+  Why: The container has room for one id.
+  Do:  Run okv2 prepare DIR OUT: it moves the list to generation_config.json, which is kept as text.
+)",
+       llamaWith(R"("eos_token_id":1,"text_config":{"eos_token_id":[1,2]})")},
       {Id::ConfigRopeScaling, "Given", llamaWith(R"("rope_scaling":{"type":"linear","factor":2.5})"),
        R"(loss config.rope-scaling: rope_scaling
   config.json: $.rope_scaling is {"type": "linear", "factor": 2.5}
@@ -180,6 +214,15 @@ std::vector<FindingCase> configCases() {
   A size is given nowhere.
   Why: Configurations leave out what is their class's default, and the metadata item is left out with it.
   Do:  Add it to config.json, as the model's class or its tensors have it.
+)",
+       goodModel()},
+      {Id::ConfigSettingMissing, "RopeBase",
+       withConfig(R"({"model_type":"llama","max_position_embeddings":64,"rms_norm_eps":1e-05})"),
+       R"(note config.setting-missing: rope_theta
+  config.json: $.rope_theta gives no number, and model.rope_theta is left out
+  A setting beside the sizes is given nowhere.
+  Why: The directory has no value that could be lost: the default of the model's class holds, and is never filled in, or the model has no such setting; a consumer that assumes another value computes wrongly.
+  Do:  Look the default of the model's class up, and add it to config.json.
 )",
        goodModel()},
       {Id::ConfigSwaRope, "NoHundredth",

@@ -285,7 +285,7 @@ const DirectoryRow kDirectories[] = {
      std::vector<std::string>{kNotWritten, "config.rope-scaling"} + kNoTokenizer},
     {"configs/qwen-7b", 256, 2, 2, 2, 512, 151936, 2048, 1e4F, 1e-6F, kNoTokenizer},
     {"configs/qwen3_5-nested-text_config", 5120, 64, 24, 4, 17408, 248320, 262144, 1e7F, 1e-6F,
-     std::vector{kNotWritten} + kNoTokenizer},
+     std::vector<std::string>{kNotWritten, "config.rope-scaling"} + kNoTokenizer},
     {"configs/t5-like-summarization", 768, 12, 12, 12, 3072, 96103, 16384, 0, 0, kNoTokenizer},
     {"configs/t5-v1_1-xxl", 4096, 24, 64, 64, 10240, 32128, 0, 0, 1e-6F, kNoTokenizer},
     {"configs/tinyllama", 2048, 22, 32, 4, 5632, 32000, 2048, 1e4F, 1e-5F, kNoTokenizer},

@@ -18,8 +18,6 @@ using json::Value;
 
 constexpr char kNotWritten[] = "not written";
 
-bool isGiven(const Value* value) { return value != nullptr && value->kind != Kind::Null; }
-
 // What becomes of one value.
 class Fate {
  public:

@@ -60,6 +60,11 @@ inline constexpr ReadKey kReadKeys[] = {
      nullptr},
 };
 
+// Null is how configurations write that they say nothing.
+[[nodiscard]] inline bool isGiven(const json::Value* value) {
+  return value != nullptr && value->kind != json::Kind::Null;
+}
+
 // Lists the keys of `model.config` that are used, and names the values that an import does not take as they
 // are. `out.vocabSize` is set.
 void explainConfigValues(const HfImporter& model, Explanation& out);

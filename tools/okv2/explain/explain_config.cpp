@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cmath>
 #include <initializer_list>
-#include <iterator>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "hf/read_file.h"
+#include "okv2/explain/config_places.h"
 #include "okv2/explain/config_values.h"
 #include "okv2/explain/steps.h"
 #include "okv2/explain/tokenizer_walk.h"
@@ -18,118 +20,56 @@ namespace {
 using json::Kind;
 using json::Value;
 
-// Spellings of other architectures and the key that is read instead.
-struct OtherSpelling {
-  const char* key;
-  const char* read;
-};
-constexpr OtherSpelling kOtherSpellings[] = {
-    {"n_embd", "hidden_size"},
-    {"n_embed", "hidden_size"},
-    {"d_model", "hidden_size"},
-    {"dim", "hidden_size"},
-    {"hidden_dim", "hidden_size"},
-    {"n_layer", "num_hidden_layers"},
-    {"n_layers", "num_hidden_layers"},
-    {"num_layers", "num_hidden_layers"},
-    {"n_head", "num_attention_heads"},
-    {"n_heads", "num_attention_heads"},
-    {"num_heads", "num_attention_heads"},
-    {"decoder_attention_heads", "num_attention_heads"},
-    {"encoder_attention_heads", "num_attention_heads"},
-    {"n_head_kv", "num_key_value_heads"},
-    {"n_kv_heads", "num_key_value_heads"},
-    {"num_kv_heads", "num_key_value_heads"},
-    {"multi_query_group_num", "num_key_value_heads"},
-    {"n_inner", "intermediate_size"},
-    {"d_ff", "intermediate_size"},
-    {"ffn_dim", "intermediate_size"},
-    {"ffn_hidden_size", "intermediate_size"},
-    {"decoder_ffn_dim", "intermediate_size"},
-    {"encoder_ffn_dim", "intermediate_size"},
-    {"n_positions", "max_position_embeddings"},
-    {"n_ctx", "max_position_embeddings"},
-    {"seq_length", "max_position_embeddings"},
-    {"max_seq_len", "max_position_embeddings"},
-    {"max_sequence_length", "max_position_embeddings"},
-    {"padded_vocab_size", "vocab_size"},
-    {"n_vocab", "vocab_size"},
-    {"rotary_emb_base", "rope_theta"},
-    {"rope_base", "rope_theta"},
-    {"layer_norm_eps", "rms_norm_eps"},
-    {"layer_norm_epsilon", "rms_norm_eps"},
-    {"layernorm_epsilon", "rms_norm_eps"},
-    {"norm_epsilon", "rms_norm_eps"},
-    {"norm_eps", "rms_norm_eps"},
-};
-
-constexpr const char* kNestedObjects[] = {
-    "text_config",    "text_config_dict", "llm_config",    "language_config", "decoder",
-    "thinker_config", "encoder",          "vision_config", "audio_config",
-};
-// The first of them describe the text model.
-constexpr std::size_t kTextModels = 6;
-
-bool isGiven(const Value* value) { return value != nullptr && value->kind != Kind::Null; }
-
-// Whether the field that `key` fills ends up with something in it.
-bool fillsField(const Value& config, std::string_view key) {
-  const Value* value = config.get(std::string(key).c_str());
-  return value != nullptr && value->isNumber() && value->number != 0;
+// Whether rotary positions are as a model has them without this object: no scaling of any kind, and the base
+// that is kept, or else one that is named as a key that is not read.
+bool isPlainRope(const Value& value, const HfImporter& model, bool isOneKind) {
+  return value.isObject() && std::all_of(value.members.begin(), value.members.end(), [&](const auto& member) {
+           const auto& [key, setting] = member;
+           if (key == "rope_theta") {
+             return setting.isNumber() && (model.ropeTheta == 0 || float(setting.number) == model.ropeTheta);
+           }
+           if (key == "rope_type" || key == "type") return setting.isString() && setting.text == "default";
+           if (isOneKind || !setting.isObject()) return false;
+           if (key == "full_attention") return isPlainRope(setting, model, true);
+           // The base of these layers is compared with the one that an import derives.
+           return key == "sliding_attention" && model.arch == "gemma4" &&
+                  std::all_of(setting.members.begin(), setting.members.end(), [](const auto& each) {
+                    return each.first == "rope_theta" ||
+                           (each.first == "rope_type" && each.second.str() == "default");
+                  });
+         });
 }
 
-// What a field that `key` does not fill ends up with. Only vocab_size gets a value from elsewhere.
-struct Unfilled {
-  std::string becomes;  // "stays 0"
-  bool isLost;
-};
-Unfilled unfilled(const char* key, const Value& given, const Explanation& out) {
-  if (std::string_view(key) != "vocab_size" || out.vocabSize == 0) return {"stays 0", true};
-  return {fmt::format("becomes the number of tokens, {}", out.vocabSize),
-          !given.isNumber() || given.number != static_cast<double>(out.vocabSize)};
+bool isSeveralIds(const Value& eos) {
+  return eos.isArray() && (eos.items.size() != 1 || !eos.items[0].isNumber());
 }
 
-void otherSpellings(const Value& config, Explanation& out) {
-  for (const OtherSpelling& row : kOtherSpellings) {
-    const Value* value = config.get(row.key);
-    if (!isGiven(value) || fillsField(config, row.read)) continue;
-    const Unfilled field = unfilled(row.read, *value, out);
-    if (!field.isLost) continue;
-    out.add(Id::ConfigKeyNotRead, row.key,
-            fmt::format("config.json: $.{} is {}; $.{} is read, and {}", row.key, shortJson(*value), row.read,
-                        field.becomes));
-  }
-}
-
-void nestedObjects(const Value& config, Explanation& out) {
-  for (const char* name : kNestedObjects) {
-    const Value* nested = config.get(name);
-    if (nested == nullptr || !nested->isObject()) continue;
-    std::string lost;
-    for (const ReadKey& row : kReadKeys) {
-      const Value* value = nested->get(row.key);
-      if (!isGiven(value) || fillsField(config, row.key) || !unfilled(row.key, *value, out).isLost) continue;
-      lost += fmt::format("{}$.{}.{} is {}", lost.empty() ? "" : ", ", name, row.key, shortJson(*value));
+// Settings without an item in the container, at the top level or, when they stand only there, in the
+// description of the text model.
+void unreadSettings(const HfImporter& model, Explanation& out) {
+  std::vector<TextModel> places = nestedTextModels(model.config);
+  places.insert(places.begin(), TextModel{"", &model.config});
+  const auto first = [&](Id id, const char* key, const auto& isLost) {
+    for (const TextModel& place : places) {
+      const Value* value = place.config->get(key);
+      if (!isGiven(value)) continue;
+      if (isLost(*value)) {
+        out.add(id, place.path + key,
+                fmt::format("config.json: $.{}{} is {}", place.path, key, shortJson(*value)));
+      }
+      return;
     }
-    if (!lost.empty()) out.add(Id::ConfigNested, name, "config.json: " + lost);
-  }
+  };
+  const auto always = [](const Value&) { return true; };
+  first(Id::ConfigRopeScaling, "rope_scaling", always);
+  first(Id::ConfigRopeScaling, "rope_parameters",
+        [&](const Value& value) { return !isPlainRope(value, model, false); });
+  first(Id::ConfigQuantization, "quantization_config", always);
+  first(Id::ConfigQuantization, "compression_config", always);
+  first(Id::ConfigEosList, "eos_token_id", isSeveralIds);
 }
 
-void unreadSettings(const Value& config, Explanation& out) {
-  for (const char* key : {"rope_scaling", "rope_parameters"}) {
-    if (const Value* value = config.get(key); isGiven(value)) {
-      out.add(Id::ConfigRopeScaling, key, fmt::format("config.json: $.{} is {}", key, shortJson(*value)));
-    }
-  }
-  for (const char* key : {"quantization_config", "compression_config"}) {
-    if (const Value* value = config.get(key); isGiven(value)) {
-      out.add(Id::ConfigQuantization, key, fmt::format("config.json: $.{} is {}", key, shortJson(*value)));
-    }
-  }
-  if (const Value* eos = config.get("eos_token_id");
-      eos != nullptr && eos->isArray() && (eos->items.size() != 1 || !eos->items[0].isNumber())) {
-    out.add(Id::ConfigEosList, "eos_token_id", "config.json: $.eos_token_id is " + shortJson(*eos));
-  }
+void overwrittenSettings(const Value& config, Explanation& out) {
   const auto both = [&](Id id, const char* lost, const char* kept) {
     const Value* first = config.get(lost);
     const Value* second = config.get(kept);
@@ -158,22 +98,28 @@ constexpr Size kSizes[] = {
     {"vocab_size", &HfImporter::vocabSize},
 };
 
-// Whether some other finding tells already that the value is there, where it is not read.
-bool isGivenElsewhere(const Value& config, std::string_view key) {
-  for (const OtherSpelling& row : kOtherSpellings) {
-    if (row.read == key && isGiven(config.get(row.key))) return true;
-  }
-  return std::any_of(kNestedObjects, kNestedObjects + kTextModels, [&](const char* name) {
-    const Value* nested = config.get(name);
-    return nested != nullptr && isGiven(nested->get(std::string(key).c_str()));
-  });
-}
-
 void missingSizes(const HfImporter& model, Explanation& out) {
   for (const Size& size : kSizes) {
     if (model.*size.field != 0 || isGivenElsewhere(model.config, size.key)) continue;
     out.add(Id::ConfigSizeMissing, size.key,
             fmt::format("config.json: $.{} gives no number, and stays 0", size.key));
+  }
+}
+
+// What a reader can do without, for some models.
+constexpr std::pair<const char*, const char*> kSettings[] = {
+    {"max_position_embeddings", "model.context_length"},
+    {"rope_theta", "model.rope_theta"},
+    {"rms_norm_eps", "model.rms_norm_eps"},
+};
+
+void missingSettings(const Value& config, Explanation& out) {
+  for (const auto& [key, item] : kSettings) {
+    const Value* value = config.get(key);
+    const bool isAbsent = !isGiven(value) || (value->isNumber() && value->number == 0);
+    if (!isAbsent || isGivenElsewhere(config, key)) continue;
+    out.add(Id::ConfigSettingMissing, key,
+            fmt::format("config.json: $.{} gives no number, and {} is left out", key, item));
   }
 }
 
@@ -241,10 +187,11 @@ void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Exp
   out.architecture = plan.model.arch;
   out.vocabSize = plan.model.vocabSize;
   explainConfigValues(plan.model, out);
-  otherSpellings(plan.model.config, out);
-  nestedObjects(plan.model.config, out);
-  unreadSettings(plan.model.config, out);
+  explainConfigPlaces(plan.model, out);
+  unreadSettings(plan.model, out);
+  overwrittenSettings(plan.model.config, out);
   missingSizes(plan.model, out);
+  missingSettings(plan.model.config, out);
   if (plan.model.arch == "gemma4") gemma4Settings(plan.model, out);
 }
 
