@@ -5,36 +5,18 @@
 #include <string>
 #include <vector>
 
-#include "okv2/explain/explanation.h"
 #include "support/model_dir_builder.h"
 #include "support/proto_builder.h"
 #include "support/zip_builder.h"
+#include "tools/explain_support.h"
 
 namespace zel::explain {
 namespace {
 
 using test::ModelDirBuilder;
 using test::SafetensorsBuilder;
-using test::TempDir;
 
 constexpr char kLlama[] = R"({"model_type":"llama")";
-
-Explanation explained(const ModelDirBuilder& builder) {
-  const TempDir dir;
-  return explainDirectory(builder.write(dir));
-}
-
-// "subject: detail" of every finding of this kind.
-std::vector<std::string> found(const Explanation& explanation, Id id) {
-  std::vector<std::string> out;
-  for (const Finding& finding : explanation.findings) {
-    if (finding.id == id) out.push_back(finding.subject + ": " + finding.detail);
-  }
-  return out;
-}
-std::vector<std::string> found(const ModelDirBuilder& builder, Id id) {
-  return found(explained(builder), id);
-}
 
 ModelDirBuilder withConfig(const std::string& members) {
   return ModelDirBuilder().config(std::string(kLlama) + "," + members + "}").tokenizer();
@@ -221,14 +203,6 @@ TEST(ExplainConfig, NamesNoSizeAsMissingThatLiesElsewhere) {
                        R"("vision_config":{"intermediate_size":16})"),
             Id::ConfigSizeMissing),
       ElementsAre("intermediate_size: config.json: $.intermediate_size gives no number, and stays 0"));
-}
-
-std::vector<std::string> subjects(const ModelDirBuilder& builder, Id id) {
-  std::vector<std::string> out;
-  for (const Finding& finding : explained(builder).findings) {
-    if (finding.id == id) out.push_back(finding.subject);
-  }
-  return out;
 }
 
 TEST(ExplainConfig, NamesSettingsThatAreGivenNowhere) {
@@ -443,6 +417,20 @@ TEST(ExplainTemplate, NamesTheJinjaFileUnlessItsTextIsKept) {
   };
   EXPECT_THAT(found(with("other"), Id::TemplateJinjaFile), ElementsAre("chat_template.jinja: 5 bytes"));
   EXPECT_THAT(found(with("same"), Id::TemplateJinjaFile), IsEmpty());
+}
+
+TEST(ExplainTemplate, ListsTheTemplatesOfAFolder) {
+  const auto with = [](int count) {
+    ModelDirBuilder model = ModelDirBuilder().folder("additional_chat_templates");
+    for (int k = 0; k < count; ++k)
+      model.file("additional_chat_templates/" + std::to_string(k) + ".jinja", "");
+    return model;
+  };
+  EXPECT_THAT(found(with(0), Id::TemplateFolder), IsEmpty());
+  EXPECT_THAT(found(with(3), Id::TemplateFolder),
+              ElementsAre("additional_chat_templates: 0.jinja, 1.jinja, 2.jinja"));
+  EXPECT_THAT(found(with(5), Id::TemplateFolder),
+              ElementsAre("additional_chat_templates: 0.jinja, 1.jinja, 2.jinja, 2 more"));
 }
 
 TEST(ExplainSideFiles, NamesOneThatIsNoJson) {

@@ -39,6 +39,32 @@ std::vector<FindingCase> templateCases() {
   Do:  Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json.
 )",
        withSide(kOneTemplate).file("chat_template.jinja", "")},
+      {Id::TemplateJsonFile, "OtherText",
+       withSide(kOneTemplate).file("chat_template.json", R"({"chat_template":"{{ y }}"})"),
+       R"(loss template.json-file: chat_template.json
+  27 bytes
+  chat_template.json is not read.
+  Why: A template is taken from config.json or tokenizer_config.json only.
+  Do:  Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json, unless that file or chat_template.jinja has one.
+)",
+       withSide(kOneTemplate).file("chat_template.json", R"({"chat_template":"{{ x }}"})")},
+      {Id::TemplateJsonFile, "NoJson", goodModel().file("chat_template.json", "{"),
+       R"(loss template.json-file: chat_template.json
+  1 bytes
+  chat_template.json is not read.
+  Why: A template is taken from config.json or tokenizer_config.json only.
+  Do:  Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json, unless that file or chat_template.jinja has one.
+)",
+       goodModel().file("chat_template.json", R"({"chat_template":null})")},
+      {Id::TemplateFolder, "OneFile",
+       goodModel().folder("additional_chat_templates").file("additional_chat_templates/rag.jinja", "x"),
+       R"(loss template.folder: additional_chat_templates
+  rag.jinja
+  Named chat templates in a folder are not read.
+  Why: The container has room for one template, and folders are never looked into.
+  Do:  Give the templates to the consumer of the container.
+)",
+       goodModel().folder("additional_chat_templates").file("additional_chat_templates/rag.txt", "x")},
       {Id::TemplateList, "OneTemplate", withSide(R"({"chat_template":[{"name":"default","template":"x"}]})"),
        R"(loss template.list: tokenizer_config.json
   tokenizer_config.json: $.chat_template is an array of 1 entries

@@ -149,6 +149,17 @@ std::vector<FindingCase> modelCases() {
 )",
        withModel("IQ= 0\nxIg== 1\n"),
        {"tokenizer.empty"}},
+      {Id::TokenizerModelRefused,
+       "AnswerOfAServer",
+       withModel("Unauthorized"),
+       R"(loss tokenizer.model-refused: tokenizer.model
+  tokenizer.model: hf: bad tokenizer.model (proto parse)
+  tokenizer.model is not a message that can be walked.
+  Why: It must be in the protocol-buffers wire format; the failure is silent.
+  Do:  Put a tokenizer.json there.
+)",
+       withModel("AAAAAAAAAAAA 0"),
+       {"tokenizer.empty"}},
       {Id::TokenizerModelFieldNumbers, "TwoPieces", withModel(usualModel()),
        R"(loss tokenizer.model-field-numbers: tokenizer.model
   2 pieces in field 1 give 1 token, the first is "identity"
@@ -224,6 +235,33 @@ std::vector<FindingCase> vocabularyCases() {
   Do:  Look which of the two the model was trained with, and name it in the tokenizer file.
 )",
        goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"1":{"content":"a"}}})")},
+      {Id::TokenizerAddedOutside, "OfTokenizerConfig",
+       goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"4":{"content":"<x>"}}})"),
+       R"(loss tokenizer.added-outside: tokenizer_config.json
+  1 of 1 added tokens lie outside the 4 tokens of the vocabulary, the first is "<x>" with id 4
+  Added tokens lie beyond the vocabulary.
+  Why: They are never appended to it, so their texts do not reach the container.
+  Do:  Run okv2 prepare DIR OUT: it moves them into the vocabulary.
+)",
+       goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"3":{"content":"ab"}}})")},
+      {Id::TokenizerAddedElsewhere, "OfTokenizerJson",
+       withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"<tool>"}]})"),
+       R"(loss tokenizer.added-elsewhere: tokenizer.json
+  1 of 1 added tokens, the first is "<tool>" with id 0, which is "a"
+  An added token has the id of another token.
+  Why: The vocabulary's own text stays at that id, and the public tokenizer would put the added one there.
+  Do:  Look which of the two the model was trained with, and name it in the tokenizer file.
+)",
+       withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"a"}]})")},
+      {Id::TokenizerSpecialNotRead, "EndOfText",
+       goodModel().file("tokenizer_config.json", R"({"eos_token":"ab"})"),
+       R"(loss tokenizer.special-not-read: eos_token
+  tokenizer_config.json: $.eos_token is "ab", the container gets -1
+  A special token is named by its text where only ids are read.
+  Why: Ids come from config.json, from tokens added under a few usual names, or from tokenizer.model itself; texts are never looked up in the vocabulary.
+  Do:  Run okv2 prepare DIR OUT: it looks the text up and writes its id where it is read. A text that the vocabulary lacks needs a complete tokenizer file.
+)",
+       goodModel().file("tokenizer_config.json", R"({"bos_token":"<s>"})")},
       {Id::TokenizerSpecialIdOutside, "FirstIdBeyond", withConfig(R"("pad_token_id":4)"),
        R"(loss tokenizer.special-id-outside: pad
   pad id 4 with 4 tokens

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <system_error>
 
+#include "hf/read_file.h"
 #include "okv2/explain/explanation.h"
 #include "okv2/explain/steps.h"
 #include "okv2/plan/weight_files.h"
@@ -35,6 +36,12 @@ std::string shellQuoted(const std::string& text) {
 }
 
 }  // namespace
+
+std::string contentOf(const std::string& path) {
+  std::vector<std::uint8_t> bytes;
+  if (!readFile(path, bytes)) return {};
+  return {bytes.begin(), bytes.end()};
+}
 
 bool Directory::hasSafetensors() const {
   return std::any_of(files.begin(), files.end(),

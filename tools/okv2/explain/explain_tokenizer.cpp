@@ -1,10 +1,10 @@
-// The tokenizer and the chat template: which file won, and why the other did not.
+// The tokenizer: which file won, and why the other did not.
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <string_view>
 
-#include "hf/read_file.h"
+#include "okv2/explain/special_ids.h"
 #include "okv2/explain/steps.h"
 #include "okv2/explain/tokenizer_walk.h"
 
@@ -13,13 +13,6 @@ namespace {
 
 constexpr char kJson[] = "tokenizer.json";
 constexpr char kModel[] = "tokenizer.model";
-
-// Empty when the file counts as unreadable.
-std::string contentOf(const std::string& path) {
-  std::vector<std::uint8_t> bytes;
-  if (!readFile(path, bytes)) return {};
-  return {bytes.begin(), bytes.end()};
-}
 
 std::string at(const Place& place) {
   return fmt::format("{}: {} is {}, {} (byte {})", kJson, place.path, place.kind, place.value, place.offset);
@@ -53,20 +46,6 @@ void refusedJson(const std::string& message, const TokenizerJsonWalk& walk, Expl
   }
 }
 
-void addedTokens(const TokenizerJsonWalk& walk, Explanation& out) {
-  out.tokenizer.addedTokens = walk.addedIds.size();
-  std::string first;
-  for (std::size_t k = 0; k < walk.addedIds.size(); ++k) {
-    const std::int64_t id = walk.addedIds[k];
-    if (id >= 0 && static_cast<std::uint64_t>(id) < out.tokenizer.tokens) continue;
-    if (out.tokenizer.addedOutside++ == 0) first = fmt::format("\"{}\" with id {}", walk.addedTexts[k], id);
-  }
-  if (out.tokenizer.addedOutside == 0) return;
-  out.add(Id::TokenizerAddedOutside, kJson,
-          fmt::format("{} of {} added tokens lie outside the {} tokens of $.model.vocab, the first is {}",
-                      out.tokenizer.addedOutside, out.tokenizer.addedTokens, out.tokenizer.tokens, first));
-}
-
 void specialIds(const TokenizerData& data, Explanation& out) {
   const std::pair<const char*, std::int32_t> ids[] = {
       {"bos", data.bosId}, {"eos", data.eosId}, {"unk", data.unkId}, {"pad", data.padId}};
@@ -75,23 +54,6 @@ void specialIds(const TokenizerData& data, Explanation& out) {
     out.add(Id::TokenizerSpecialIdOutside, name,
             fmt::format("{} id {} with {} tokens", name, id, data.tokens.size()));
   }
-}
-
-// The keys of config.json that only a tokenizer.json takes.
-constexpr struct {
-  const char* key;
-  std::int32_t TokenizerData::*id;
-} kIdKeys[] = {{"bos_token_id", &TokenizerData::bosId},
-               {"eos_token_id", &TokenizerData::eosId},
-               {"unk_token_id", &TokenizerData::unkId},
-               {"pad_token_id", &TokenizerData::padId}};
-
-// A special id as a tokenizer.json takes it: of a list the first.
-const json::Value* givenId(const json::Value& config, const char* key) {
-  const json::Value* value = config.get(key);
-  const bool isList = value != nullptr && value->isArray() && std::string_view(key) == "eos_token_id";
-  if (isList) return value->items.empty() ? nullptr : &value->items.front();
-  return value == nullptr || value->kind == json::Kind::Null ? nullptr : value;
 }
 
 // Whether a model's own id is what config.json means: a negative one stands for none, and any of a list will
@@ -106,8 +68,8 @@ bool agrees(const json::Value& given, std::int32_t id) {
 void configIds(const json::Value& config, const TokenizerData& data, Explanation& out) {
   const bool isEmpty = data.tokens.empty();
   const bool areRead = out.tokenizer.winner == kJson;
-  for (const auto& [key, field] : kIdKeys) {
-    const json::Value* id = givenId(config, key);
+  for (const auto& [key, field] : kSpecialIds) {
+    const json::Value* id = givenSpecialId(config, key);
     if (id == nullptr) continue;
     out.config.push_back({key, shortJson(*config.get(key)),
                           isEmpty   ? "not written: the tokenizer is empty"
@@ -128,44 +90,19 @@ void configIds(const json::Value& config, const TokenizerData& data, Explanation
   }
 }
 
-// Tokens that tokenizer_config.json adds where the vocabulary has another text.
-void addedElsewhere(const Directory& directory, const TokenizerData& data, Explanation& out) {
-  const std::string text = contentOf(directory.pathOf("tokenizer_config.json"));
-  json::Value root;
-  if (text.empty() || !json::parse(text.data(), text.size(), root).ok()) return;
-  const json::Value* decoder = root.get("added_tokens_decoder");
-  if (decoder == nullptr || !decoder->isObject()) return;
-  std::uint64_t count = 0;
-  std::string first;
-  for (const auto& [key, value] : decoder->members) {
-    const json::Value* content = value.get("content");
-    if (key.empty() || key.size() > 10 || key.find_first_not_of("0123456789") != key.npos) continue;
-    const auto id = std::stoull(key);
-    if (content == nullptr || !content->isString() || content->text.empty() || id >= data.tokens.size() ||
-        data.tokens[id] == content->text) {
-      continue;
-    }
-    if (count++ == 0) {
-      first = fmt::format("\"{}\" with id {}, which is \"{}\"", content->text, id, data.tokens[id]);
-    }
-  }
-  if (count == 0) return;
-  out.add(Id::TokenizerAddedElsewhere, "tokenizer_config.json",
-          fmt::format("{} of {} added tokens, the first is {}", count, decoder->members.size(), first));
-}
-
 // True when tokenizer.json is the tokenizer.
-bool explainJson(const Directory& directory, const json::Value& config, Explanation& out) {
+bool explainJson(const Directory& directory, const HfImporter& model, Explanation& out) {
   const std::string text = contentOf(directory.pathOf(kJson));
   if (text.empty()) return false;
   const TokenizerJsonWalk walk = walkTokenizerJson(text);
   TokenizerData data;
-  if (const Status status = readTokenizerJson(text, config, data); !status.ok()) {
+  if (const Status status = readTokenizerJson(text, model.config, data); !status.ok()) {
     refusedJson(status.message(), walk, out);
     return false;
   }
   out.tokenizer.winner = kJson;
-  addedTokens(walk, out);
+  explainAddedTokens(directory, model.tokenizer, &walk, out);
+  explainSpecialTokens(directory, model, walk.unkToken, out);
   if (!walk.ignoredParts.empty()) out.add(Id::TokenizerJsonPartsIgnored, kJson, walk.ignoredParts);
   return true;
 }
@@ -194,16 +131,6 @@ bool explainModel(const Directory& directory, const json::Value& config, Explana
   return false;
 }
 
-// The template of a file of its own, unless nothing of it is missing.
-void explainJinja(const Directory& directory, const std::string& kept, Explanation& out) {
-  constexpr char kJinja[] = "chat_template.jinja";
-  const auto file = directory.files.find(kJinja);
-  if (file == directory.files.end() || file->second.bytes == 0) return;
-  // Never read for its own sake: a file of another length is another text.
-  if (file->second.bytes == kept.size() && contentOf(directory.pathOf(kJinja)) == kept) return;
-  out.add(Id::TemplateJinjaFile, kJinja, fmt::format("{} bytes", file->second.bytes));
-}
-
 }  // namespace
 
 void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
@@ -214,11 +141,11 @@ void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, 
   use.merges = data.merges.size();
   use.special = static_cast<std::uint64_t>(std::count(data.types.begin(), data.types.end(), 3));
   use.bos = data.bosId, use.eos = data.eosId, use.unk = data.unkId, use.pad = data.padId;
-  if (explainJson(directory, plan.model.config, out)) {
+  if (explainJson(directory, plan.model, out)) {
     if (directory.has(kModel)) out.add(Id::TokenizerModelIgnored, kModel);
-    addedElsewhere(directory, data, out);
   } else if (explainModel(directory, plan.model.config, out)) {
-    addedElsewhere(directory, data, out);
+    explainAddedTokens(directory, data, nullptr, out);
+    explainSpecialTokens(directory, plan.model, "", out);
   }
   configIds(plan.model.config, data, out);
   if (!directory.has(kJson) && !directory.has(kModel)) out.add(Id::TokenizerNone, kJson);
@@ -235,49 +162,6 @@ void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, 
   }
   if (use.scores != 0 && use.scores != use.tokens) {
     out.add(Id::TokenizerScoreCount, use.winner, fmt::format("{} scores, {} tokens", use.scores, use.tokens));
-  }
-}
-
-void explainTemplate(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
-  const json::Value* inConfig = plan.model.config.get("chat_template");
-  const bool configHasText = inConfig != nullptr && inConfig->isString() && !inConfig->text.empty();
-  json::Value side;
-  const std::string sideText = contentOf(directory.pathOf("tokenizer_config.json"));
-  if (!sideText.empty()) {
-    const Status status = json::parse(sideText.data(), sideText.size(), side);
-    if (!status.ok() || !side.isObject()) {
-      out.add(Id::SideBadJson, "tokenizer_config.json",
-              status.ok() ? std::string("$ is ") + kindName(side.kind) : status.message());
-      if (jsonFaultOf(sideText).cutShort) {
-        out.add(Id::FilePartial, "tokenizer_config.json", "the text ends in the middle");
-      }
-      side = json::Value();
-    }
-  }
-  const json::Value* inSide = side.get("chat_template");
-  const std::string& kept = plan.model.tokenizer.chatTemplate;
-  // config.json's template is taken by the tokenizer readers only.
-  const bool fromConfig = configHasText && !out.tokenizer.winner.empty();
-  if (!kept.empty()) out.chatTemplate.source = fromConfig ? "config.json" : "tokenizer_config.json";
-  out.chatTemplate.bytes = kept.size();
-  out.chatTemplate.stored = !kept.empty() && out.tokenizer.tokens > 0;
-  for (const auto& [value, file] : {std::pair(inConfig, "config.json"), {inSide, "tokenizer_config.json"}}) {
-    if (value == nullptr || value->isString() || value->kind == json::Kind::Null) continue;
-    out.add(value->isArray() ? Id::TemplateList : Id::TemplateNotText, file,
-            value->isArray() || value->isObject()
-                ? fmt::format("{}: $.chat_template is {} of {} entries", file, kindName(value->kind),
-                              value->items.size() + value->members.size())
-                : fmt::format("{}: $.chat_template is {}", file, shortJson(*value)));
-  }
-  if (fromConfig && inSide != nullptr && inSide->isString() && !inSide->text.empty() &&
-      inSide->text != kept) {
-    out.add(Id::TemplateConfigWins, "tokenizer_config.json",
-            fmt::format("$.chat_template of {} bytes", inSide->text.size()));
-  }
-  explainJinja(directory, kept, out);
-  if (!out.chatTemplate.stored && (!kept.empty() || configHasText)) {
-    out.add(Id::TemplateDropped, kept.empty() || fromConfig ? "config.json" : out.chatTemplate.source,
-            fmt::format("$.chat_template of {} bytes", kept.empty() ? inConfig->text.size() : kept.size()));
   }
 }
 

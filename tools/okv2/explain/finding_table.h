@@ -52,9 +52,12 @@ enum class Id : std::uint8_t {
   TokenizerAddedOutside,
   TokenizerAddedElsewhere,
   TokenizerSpecialIdOutside,
+  TokenizerSpecialNotRead,
   TokenizerScoreCount,
   TokenizerEmpty,
   TemplateJinjaFile,
+  TemplateJsonFile,
+  TemplateFolder,
   TemplateList,
   TemplateNotText,
   TemplateConfigWins,
@@ -259,6 +262,13 @@ inline constexpr FindingRow kFindings[] = {
      "Ids are taken as they are given, also where no such token is stored.",
      "Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary, and settles an id below 0 by the "
      "texts that the tokenizer's files name. One that no token has stays: correct it in config.json."},
+    {Id::TokenizerSpecialNotRead, "tokenizer.special-not-read", Severity::Loss,
+     "A special token is named by its text where only ids are read.",
+     "Ids come from config.json, from tokens added under a few usual names, or from tokenizer.model itself; "
+     "texts are never looked up in the vocabulary.",
+     "Run okv2 prepare DIR OUT: it looks the text up, puts one that the vocabulary lacks behind the last "
+     "token, "
+     "and writes the id where it is read."},
     {Id::TokenizerScoreCount, "tokenizer.score-count", Severity::Note,
      "The number of scores is not the number of tokens.",
      "Scores are stored as they are read, tied to nothing.", "Correct \"scores\" in tokenizer.json."},
@@ -268,6 +278,13 @@ inline constexpr FindingRow kFindings[] = {
     {Id::TemplateJinjaFile, "template.jinja-file", Severity::Loss, "chat_template.jinja is not read.",
      "A template is taken from config.json or tokenizer_config.json only.",
      "Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json."},
+    {Id::TemplateJsonFile, "template.json-file", Severity::Loss, "chat_template.json is not read.",
+     "A template is taken from config.json or tokenizer_config.json only.",
+     "Run okv2 prepare DIR OUT: it puts the text into tokenizer_config.json, unless that file or "
+     "chat_template.jinja has one."},
+    {Id::TemplateFolder, "template.folder", Severity::Loss, "Named chat templates in a folder are not read.",
+     "The container has room for one template, and folders are never looked into.",
+     "Give the templates to the consumer of the container."},
     {Id::TemplateList, "template.list", Severity::Loss, "The chat template is a list of named templates.",
      "Only a single text is read; a list is ignored.",
      "Run okv2 prepare DIR OUT: it takes the template named default. Without one, make \"chat_template\" the "

@@ -7,6 +7,7 @@
 
 #include "okv2/explain/disguise.h"
 #include "okv2/explain/explanation.h"
+#include "okv2/explain/tokenizer_walk.h"
 #include "okv2/plan/import_plan.h"
 
 namespace zel::explain {
@@ -24,9 +25,18 @@ struct Directory {
 
 void explainConfig(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
 void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+// Of the tokenizer whose tokens are `data`'s; `walk` is null when it is not a tokenizer.json.
+void explainAddedTokens(const Directory& directory, const TokenizerData& data, const TokenizerJsonWalk* walk,
+                        Explanation& out);
+// `modelUnk` is what the tokenizer.json itself names as the unknown token, or empty.
+void explainSpecialTokens(const Directory& directory, const HfImporter& model, const std::string& modelUnk,
+                          Explanation& out);
 void explainTemplate(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
 void explainFiles(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
 void explainWeights(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+
+// The file's bytes; none when an import would count it as absent.
+[[nodiscard]] std::string contentOf(const std::string& path);
 
 // A JSON value as one line of at most about `maxBytes` bytes.
 [[nodiscard]] std::string shortJson(const json::Value& value, std::size_t maxBytes = 60);

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <utility>
 
 #include "container/bytes.h"
@@ -105,13 +104,19 @@ class Walk {
         return value("$.model.merges", Kind::Array, 2, out_.merges, out_.mergesIsArray,
                      [this] { return parser_.elements([this] { return merge(); }); });
       }
-      if (key == "type") {
-        Kind kind;
-        if (!parser_.peek(kind, 2)) return false;
-        return kind == Kind::String ? parser_.string(out_.modelType) : parser_.skip(2);
-      }
+      if (key == "type") return text(out_.modelType);
+      if (key == "unk_token") return text(out_.unkToken);
       return parser_.skip(2);
     });
+  }
+
+  // A member of the model, if it is one.
+  bool text(std::string& out) {
+    Kind kind;
+    if (!parser_.peek(kind, 2)) return false;
+    if (kind != Kind::String) return parser_.skip(2);
+    out.clear();
+    return parser_.string(out);
   }
 
   bool id(std::string_view token) {
@@ -243,15 +248,21 @@ bool hasUsualFieldNumbers(std::string_view message, std::uint64_t& pieces) {
 }
 
 bool isTiktoken(std::string_view text) {
-  const std::string_view line = text.substr(0, text.find('\n'));
-  std::size_t end = 0;
-  while (end < line.size() &&
-         (std::isalnum(static_cast<unsigned char>(line[end])) != 0 || line[end] == '+' || line[end] == '/'))
-    ++end;
-  while (end < line.size() && line[end] == '=')
-    ++end;
-  // The space before the rank may be missing, and so may the rank.
-  return end >= 4 && end % 4 == 0 && line.size() < 1000;
+  constexpr std::size_t kLongestLine = 1000;
+  std::string_view line = text.substr(0, std::min(text.find('\n'), kLongestLine));
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  const auto isBase64 = [&](char c) {
+    return isDigit(c) || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '+' || c == '/';
+  };
+  const auto base64End = std::find_if_not(line.begin(), line.end(), isBase64);
+  const auto end = std::find_if(base64End, line.end(), [](char c) { return c != '='; });
+  const auto bytes = static_cast<std::size_t>(end - line.begin());
+  if (bytes == 0 || bytes % 4 != 0 || end - base64End > 2) return false;
+  const bool hasSpace = end != line.end() && *end == ' ';
+  if (!hasSpace && end == base64End) return false;
+  const auto rank = hasSpace ? end + 1 : end;
+  return rank != line.end() && std::all_of(rank, line.end(), isDigit);
 }
 
 }  // namespace zel::explain

@@ -32,6 +32,7 @@ struct TokenizerJsonWalk {
   std::optional<Place> model, vocab, merges, addedTokens;
   bool modelIsObject = false, vocabIsObject = false, mergesIsArray = false, addedTokensIsArray = false;
   std::string modelType;
+  std::string unkToken;  // of the model
   std::optional<Place> badId, badMerge;
   std::string idFault;  // "id 3 is missing" or "id 3 is given twice"; empty when ids are 0, 1, 2, ...
   std::vector<std::int64_t> addedIds;
@@ -45,7 +46,7 @@ struct TokenizerJsonWalk {
 // in fields 1, 2 and 3. `pieces` gets their number.
 [[nodiscard]] bool hasUsualFieldNumbers(std::string_view message, std::uint64_t& pieces);
 
-// Lines of base64 and a rank.
+// A first line of base64, a space and a rank. The space may be missing where the base64 ends in "=".
 [[nodiscard]] bool isTiktoken(std::string_view text);
 
 }  // namespace zel::explain
