@@ -31,6 +31,15 @@ TEST(Disguise, KnowsTheTextOfALink) {
   EXPECT_EQ(look("a/b c"), Disguise::None);
 }
 
+TEST(Disguise, KnowsTheTextOfALinkToAFileBesideIt) {
+  for (const char* name :
+       {"tokenizer-base.json", "model_1.safetensors\n", "a.bin", "x.model", "y.txt", "z.jinja"})
+    EXPECT_EQ(look(name), Disguise::LinkText) << name;
+  for (const char* text :
+       {".json", "json", "a b.json", "a.json\nb.json", "{a}.json", "a.json5", "1.5", "true"})
+    EXPECT_EQ(look(text), Disguise::None) << text;
+}
+
 TEST(Disguise, TakesNothingOfMoreThanAKilobyteForALink) {
   EXPECT_EQ(look("/" + std::string(1023, 'x')), Disguise::LinkText);
   EXPECT_EQ(look("/" + std::string(1024, 'x')), Disguise::None);

@@ -514,6 +514,26 @@ TEST(ExplainWeights, NamesOtherFormatsAndAnAdapter) {
               ElementsAre("model.SafeTensors: "));
 }
 
+std::vector<std::string> readFiles(const ModelDirBuilder& builder) {
+  std::vector<std::string> out;
+  for (const FileUse& file : explained(builder).files) {
+    if (file.read) out.push_back(file.name);
+  }
+  return out;
+}
+
+TEST(ExplainFiles, ShowsNoneAsReadBehindAConfigurationThatEndsTheImport) {
+  const ModelDirBuilder whole =
+      ModelDirBuilder().tokenizer().file("tokenizer_config.json", "{}").file("generation_config.json", "{");
+  EXPECT_THAT(readFiles(whole), ElementsAre("config.json", "generation_config.json", "model.safetensors",
+                                            "tokenizer.json", "tokenizer_config.json"));
+  EXPECT_THAT(readFiles(ModelDirBuilder(whole).config("{")), ElementsAre("config.json"));
+  const ModelDirBuilder without = ModelDirBuilder(whole).without("config.json");
+  EXPECT_THAT(readFiles(without), IsEmpty());
+  EXPECT_EQ(explained(without).files[0].use, "not read: an import ends at config.json");
+  EXPECT_THAT(subjects(without, Id::SideTextNotJson), IsEmpty());  // nothing carries it
+}
+
 TEST(ExplainWeights, SurvivesAFifo) {
   EXPECT_THAT(found(ModelDirBuilder().noWeights().fifo("model.safetensors"), Id::FileNotRegular),
               ElementsAre("model.safetensors: "));

@@ -203,6 +203,34 @@ std::vector<FindingCase> fileCases() {
   Do:  git config core.symlinks true && rm 'generation_config.json' && git checkout -- 'generation_config.json'
 )",
        withGeneration("..blobs0123")},
+      {Id::FileLinkText, "NameOfAFileBeside", withGeneration("generation-base.json\n"),
+       R"(loss file.link-text: generation_config.json
+  generation-base.json
+
+  A file holds the text of a symbolic link and not its target's content.
+  Why: Git writes links as text where links are not supported.
+  Do:  git config core.symlinks true && rm 'generation_config.json' && git checkout -- 'generation_config.json'
+)",
+       withGeneration("generation-base.jso\n")},
+      {Id::SideTextNotJson, "Generation", withGeneration(R"({"eos_token_id":x})"),
+       R"(note side.text-not-json: generation_config.json
+  byte 16: json: unexpected char; hf.generation_config holds the text as it is
+  A side file that is kept as text is not JSON.
+  Why: Its bytes are kept as they are, so the container carries the broken text.
+  Do:  Mend 'generation_config.json', or fetch it again.
+)",
+       withGeneration(R"({"eos_token_id":7})")},
+      {Id::SideTextNotJson,
+       "SpecialTokensCutShort",
+       goodModel().file("special_tokens_map.json", R"({"bos_token":)"),
+       R"(note side.text-not-json: special_tokens_map.json
+  byte 13: json: unexpected end; hf.special_tokens_map holds the text as it is
+  A side file that is kept as text is not JSON.
+  Why: Its bytes are kept as they are, so the container carries the broken text.
+  Do:  Mend 'special_tokens_map.json', or fetch it again.
+)",
+       goodModel().file("special_tokens_map.json.old", R"({"bos_token":)"),
+       {"file.partial"}},
       {Id::FileWebPage, "Html", withGeneration("<html>Sign in"),
        R"(loss file.web-page: generation_config.json
   13 bytes

@@ -94,6 +94,8 @@ TEST(FindingCaseTable, HasEveryFinding) {
   std::set<Id> covered = {
       Id::DirectoryUnreadable,  // no content of a directory gives it; below
       Id::TensorTypeCodeZero,   // no weight file gives it; below
+      Id::FileNoPermission,     // nor this; below
+      Id::WeightsNoPermission,
   };
   for (const FindingCase& row : allCases())
     covered.insert(row.id);
@@ -140,6 +142,52 @@ TEST(UnreadableDirectory, IsFatal) {
 
 TEST(UnreadableDirectory, IsNoneThatCanBeListed) {
   EXPECT_THAT(idsOf(explainedWithMode(0755)), testing::IsEmpty());
+}
+
+// goodModel() with `name`, which nobody may open.
+Explanation explainedWithout(const std::string& name, const ModelDirBuilder& model) {
+  const TempDir temp;
+  const std::string path = model.write(temp);
+  EXPECT_EQ(chmod(temp.path().c_str(), 0755), 0);
+  EXPECT_EQ(chmod(path.c_str(), 0755), 0);
+  EXPECT_EQ(chmod((path + "/" + name).c_str(), 0), 0);
+  const Unprivileged user;
+  return explainDirectory(path);
+}
+
+TEST(FileWithoutPermission, IsToldFromOneThatIsNotRegular) {
+  const Explanation explanation =
+      explainedWithout("generation_config.json", goodModel().file("generation_config.json", "{}"));
+  EXPECT_THAT(idsOf(explanation), testing::ElementsAre("file.no-permission"));
+  EXPECT_EQ(told(explanation, Id::FileNoPermission),
+            "loss file.no-permission: generation_config.json\n"
+            "  A file may not be read.\n"
+            "  Why: A file that cannot be opened counts as absent.\n"
+            "  Do:  chmod u+r 'generation_config.json'\n");
+  EXPECT_EQ(explanation.files[1].name, "generation_config.json");
+  EXPECT_FALSE(explanation.files[1].read);
+  EXPECT_EQ(explanation.files[1].use, "not read: permission is denied");
+}
+
+TEST(FileWithoutPermission, IsNoneThatIsNotLookedFor) {
+  EXPECT_THAT(idsOf(explainedWithout("README.md", goodModel().file("README.md", "x"))), testing::IsEmpty());
+}
+
+TEST(WeightFileWithoutPermission, IsFatal) {
+  const Explanation explanation = explainedWithout("model.safetensors", goodModel());
+  EXPECT_NE(explanation.importCode, 0);
+  EXPECT_THAT(idsOf(explanation), testing::ElementsAre("weights.no-permission"));
+  EXPECT_EQ(told(explanation, Id::WeightsNoPermission),
+            "fatal weights.no-permission: model.safetensors\n"
+            "  A weight file may not be read.\n"
+            "  Why: Every weight file is opened, and an import ends at the first that cannot be.\n"
+            "  Do:  chmod u+r 'model.safetensors'\n");
+}
+
+TEST(WeightFileWithoutPermission, IsFatalAsACheckpointToo) {
+  const Explanation explanation =
+      explainedWithout("pytorch_model.bin", goodModel().noWeights().file("pytorch_model.bin", "x"));
+  EXPECT_THAT(idsOf(explanation), testing::ElementsAre("weights.no-permission"));
 }
 
 // The types without a code of their own, which the writer knows, are in no weight file that is read.

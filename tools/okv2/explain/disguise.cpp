@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <iterator>
 
 #include "hf/json.h"
 #include "okv2/container_cursor.h"
@@ -35,12 +37,23 @@ std::string lowerCase(std::string_view text) {
   return out;
 }
 
+// A name as model directories have them; the target of a link to the file beside it is no more.
+bool isFileName(std::string_view text) {
+  constexpr std::string_view kSuffixes[] = {".json", ".safetensors", ".bin", ".model", ".txt", ".jinja"};
+  const bool isPlain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
+    return c < 0x80 && (std::isalnum(c) != 0 || c == '.' || c == '-' || c == '_');
+  });
+  return isPlain && std::any_of(std::begin(kSuffixes), std::end(kSuffixes), [&](std::string_view suffix) {
+           return text.size() > suffix.size() && endsWith(text, suffix);
+         });
+}
+
 // A path and nothing else: what Git writes for a link where links are not supported.
 bool isLinkText(std::string_view head, std::uint64_t bytes) {
   if (bytes > kMaxLinkBytes || head.size() != bytes) return false;
   while (!head.empty() && (head.back() == '\n' || head.back() == '\r'))
     head.remove_suffix(1);
-  if (head.find('/') == std::string_view::npos) return false;
+  if (head.find('/') == std::string_view::npos) return isFileName(head);
   if (head[0] == '{' || head[0] == '[' || head[0] == '"' || head[0] == '<') return false;
   return std::all_of(head.begin(), head.end(), [](unsigned char c) { return c > 0x20 && c != 0x7F; });
 }
@@ -92,7 +105,10 @@ Disguise disguiseOf(std::string_view head, std::uint64_t bytes) {
 
 bool lookAt(const std::string& path, FileLook& out) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) return false;
+  if (fd < 0) {
+    out.isDenied = errno == EACCES;
+    return false;
+  }
   struct stat status;
   const bool known = ::fstat(fd, &status) == 0;
   if (known && !S_ISREG(status.st_mode)) {

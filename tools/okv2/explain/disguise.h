@@ -11,13 +11,14 @@ enum class Disguise { None, Empty, NotRegular, LfsPointer, LinkText, WebPage };
 
 struct FileLook {
   Disguise disguise = Disguise::None;
+  bool isDenied = false;  // the caller may not open it
   std::uint64_t bytes = 0;
   std::string head;  // the first kHeadBytes
 };
 
 inline constexpr std::size_t kHeadBytes = 4096;
 
-// Never blocks, whatever the path leads to. False when there is nothing at `path` or it cannot be read.
+// Never blocks, whatever the path leads to. False when there is nothing at `path` or it cannot be opened.
 [[nodiscard]] bool lookAt(const std::string& path, FileLook& out);
 
 // The rules alone: `head` is the start of a file of `bytes` bytes.

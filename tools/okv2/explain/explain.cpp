@@ -19,7 +19,8 @@ Directory lookAtDirectory(const std::string& path) {
   out.path = path;
   std::error_code error;
   for (fs::directory_iterator it(path, error), end; !error && it != end; it.increment(error)) {
-    // A link that leads nowhere, or a file that cannot be opened, is as good as not regular.
+    // A link that leads nowhere, or a file that cannot be opened, is as good as not regular; the look says
+    // when only permission is lacking.
     FileLook look;
     if (!lookAt(it->path().native(), look)) look.disguise = Disguise::NotRegular;
     out.files.emplace(it->path().filename().native(), std::move(look));

@@ -64,7 +64,12 @@ void reportDisguise(const std::string& name, const FileLook& look, bool isWeight
   switch (look.disguise) {
     case Disguise::None: return;
     case Disguise::Empty: out.add(Id::FileEmpty, name); return;
-    case Disguise::NotRegular: out.add(Id::FileNotRegular, name); return;
+    case Disguise::NotRegular:
+      out.add(!look.isDenied ? Id::FileNotRegular
+              : isWeights    ? Id::WeightsNoPermission
+                             : Id::FileNoPermission,
+              name);
+      return;
     case Disguise::LfsPointer: {
       const std::size_t at = look.head.find("\nsize ");
       const std::string real =
@@ -81,9 +86,38 @@ void reportDisguise(const std::string& name, const FileLook& look, bool isWeight
   }
 }
 
-FileUse describe(const std::string& name, const FileLook& look, bool isWeights,
+// Files that only this command reads, to compare them with the shards.
+bool isIndexInUse(std::string_view name, bool haveSafetensors) {
+  return name == "model.safetensors.index.json" ||
+         (name == "pytorch_model.bin.index.json" && !haveSafetensors);
+}
+
+// A side file that is kept as text, whatever it says.
+void reportBrokenText(const Directory& directory, const std::string& name, Explanation& out) {
+  const char* item = name == "special_tokens_map.json"  ? "hf.special_tokens_map"
+                     : name == "generation_config.json" ? "hf.generation_config"
+                                                        : nullptr;
+  if (item == nullptr) return;
+  const std::string text = contentOf(directory.pathOf(name));
+  if (text.empty()) return;
+  const JsonFault fault = jsonFaultOf(text);
+  if (fault.message.empty()) return;
+  out.add(Id::SideTextNotJson, name,
+          fmt::format("byte {}: {}; {} holds the text as it is", fault.offset, fault.message, item));
+  if (fault.cutShort) out.add(Id::FilePartial, name, "the text ends in the middle");
+}
+
+FileUse describe(const std::string& name, const FileLook& look, bool isWeights, bool hasConfig,
                  const TokenizerUse& tokenizer) {
   FileUse use{name, look.bytes, false, "not read"};
+  if (look.isDenied) {
+    use.use = "not read: permission is denied";
+    return use;
+  }
+  if (!hasConfig && name != "config.json" && (isWeights || isDescription(name))) {
+    use.use = "not read: an import ends at config.json";
+    return use;
+  }
   if (isWeights) {
     use.read = true;
     use.use = "weights";
@@ -131,18 +165,20 @@ void reportIgnored(const Directory& directory, bool haveSafetensors, Explanation
 
 }  // namespace
 
-void explainFiles(const Directory& directory, const plan::ImportPlan&, Explanation& out) {
+void explainFiles(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
   const bool haveSafetensors = directory.hasSafetensors();
   for (const auto& [name, look] : directory.files) {
     const bool isWeights =
-        plan::isSafetensorsName(name) ||
-        (!haveSafetensors && name == "pytorch_model.bin" && look.disguise != Disguise::NotRegular);
+        plan::isSafetensorsName(name) || (!haveSafetensors && name == "pytorch_model.bin" &&
+                                          (look.disguise != Disguise::NotRegular || look.isDenied));
     const bool isCheckpoint = name == "pytorch_model.bin" || isShardOfPyTorch(name);
     const bool isPassedOver = name == "tokenizer.model" && out.tokenizer.winner == "tokenizer.json";
-    if (isWeights || (isDescription(name) && !isPassedOver) || (isCheckpoint && !haveSafetensors)) {
+    if (isWeights || (isDescription(name) && !isPassedOver) || (isCheckpoint && !haveSafetensors) ||
+        isIndexInUse(name, haveSafetensors)) {
       reportDisguise(name, look, isWeights, out);
     }
-    out.files.push_back(describe(name, look, isWeights, out.tokenizer));
+    if (look.disguise == Disguise::None && plan.model.hasConfig) reportBrokenText(directory, name, out);
+    out.files.push_back(describe(name, look, isWeights, plan.model.hasConfig, out.tokenizer));
   }
   reportIgnored(directory, haveSafetensors, out);
 }

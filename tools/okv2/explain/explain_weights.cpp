@@ -195,10 +195,9 @@ void reportRefusal(const Directory& directory, const std::string& name, MappedWe
                    const Status& status, Explanation& out) {
   const FileLook& look = directory.files.at(name);
   const std::string& message = status.message();
-  if (look.disguise != Disguise::None && look.disguise != Disguise::Empty &&
-      look.disguise != Disguise::NotRegular) {
-    return;
-  }
+  const bool isNamed = look.disguise == Disguise::LfsPointer || look.disguise == Disguise::LinkText ||
+                       look.disguise == Disguise::WebPage || look.isDenied;
+  if (isNamed) return;
   if (endsEarly(directory.pathOf(name), look)) {
     out.add(Id::WeightsPartial, name, fmt::format("{} bytes [{}]", look.bytes, message));
   } else if (format == MappedWeights::Format::PyTorch) {
