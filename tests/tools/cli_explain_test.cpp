@@ -2,9 +2,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "support/model_dir_builder.h"
+#include "support/test_conditions.h"
 #include "tools/json_documents.h"
 
 namespace zel::tool {
@@ -54,6 +58,30 @@ TEST(OkvExplain, PrintsNoColourOffATerminal) {
   const TempDir dir;
   EXPECT_EQ(okv2Run({"explain", ModelDirBuilder().noWeights().write(dir)}).out.find('\x1B'),
             std::string::npos);
+}
+
+// A .safetensors file of a gigabyte of zeros, which takes no room on disk.
+void writeLargeShard(const std::string& path, const std::string& tensor) {
+  constexpr std::uint64_t kBytes = std::uint64_t{1} << 30;
+  const std::string whole =
+      test::SafetensorsBuilder().tensor(tensor, "F32", {kBytes / 4}, {0, kBytes}).bytes();
+  std::ofstream(path, std::ios::binary) << whole;
+  std::filesystem::resize_file(path, whole.size() + kBytes);
+}
+
+TEST(OkvExplain, TakesNoMoreAddressSpaceThanAnImport) {
+  if (test::kSanitized) GTEST_SKIP() << "sanitizers take address space of their own";
+  const TempDir dir;
+  const std::string model = ModelDirBuilder().noWeights().write(dir);
+  writeLargeShard(model + "/a.safetensors", "lm_head.weight");
+  writeLargeShard(model + "/b.safetensors", "model.norm.weight");
+  // Two and a half gigabytes: room for both shards and the program, and not for one of them twice.
+  const CommandResult result = test::runCommand(
+      {"/bin/sh", "-c", "ulimit -v 2621440 && exec \"$0\" explain \"$1\"", OKV2_COMMAND, model});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(result.out, HasSubstr(model + ": an import writes 2 tensors, "));
+  EXPECT_THAT(result.out, HasSubstr("\nfindings: 0 fatal, "));
 }
 
 TEST(OkvExplainStrict, TellsLossFailureAndSuccessApart) {

@@ -30,11 +30,15 @@ ModelDirBuilder withTensor(const std::string& name, const Dims& dims, const std:
 }
 SafetensorsBuilder oneTensor() { return SafetensorsBuilder().tensor(kKnownName, "F32", {1}); }
 
+// Places every tensor of the two shards below.
+constexpr char kWholeIndex[] = R"({"lm_head.weight":"a.safetensors","model.norm.weight":"b.safetensors"})";
+constexpr char kIndex[] = "model.safetensors.index.json";
+
 ModelDirBuilder withIndex(const std::string& weightMap) {
   return goodModel()
       .shard("a.safetensors", oneTensor())
       .shard("b.safetensors", SafetensorsBuilder().tensor("model.norm.weight", "F32", {1}))
-      .file("model.safetensors.index.json", R"({"weight_map":)" + weightMap + "}");
+      .file(kIndex, R"({"weight_map":)" + weightMap + "}");
 }
 
 ModelDirBuilder withCheckpoint(const std::string& bytes) {
@@ -153,14 +157,15 @@ std::vector<FindingCase> weightCases() {
 )",
        withTensors(oneTensor())},
       {Id::WeightsIndexMissing, "TwoTensors",
-       withIndex(R"({"x":"a.safetensors","y":"b.safetensors","v":"c.safetensors","w":"c.safetensors"})"),
+       withIndex(R"({"lm_head.weight":"a.safetensors","model.norm.weight":"b.safetensors",)"
+                 R"("v":"c.safetensors","w":"c.safetensors"})"),
        R"(loss weights.index-missing: c.safetensors
   model.safetensors.index.json names it for 2 tensors
   The index file names a shard that is not there.
   Why: The shards are what the directory holds; the index is not asked, so the tensors of this shard are missing without a word.
   Do:  Fetch 'c.safetensors'.
 )",
-       withIndex(R"({"x":"a.safetensors","y":"b.safetensors"})")},
+       withIndex(kWholeIndex)},
       {Id::WeightsIndexMissing,
        "OfACheckpoint",
        goodModel().noWeights().file("pytorch_model.bin.index.json", R"({"weight_map":{"x":"x.bin"}})"),
@@ -172,14 +177,71 @@ std::vector<FindingCase> weightCases() {
 )",
        goodModel().file("pytorch_model.bin.index.json", R"({"weight_map":{"x":"x.bin"}})"),
        {"weights.none"}},
-      {Id::WeightsIndexUnlisted, "OneOfTwo", withIndex(R"({"x":"a.safetensors"})"),
+      {Id::WeightsIndexUnlisted, "OneOfTwo", withIndex(R"({"lm_head.weight":"a.safetensors"})"),
        R"(note weights.index-unlisted: b.safetensors
   model.safetensors.index.json
   A .safetensors file is imported that the index file does not name.
   Why: Every file of that suffix is imported.
   Do:  Move 'b.safetensors' away, if it holds the same weights once more.
 )",
-       withIndex(R"({"x":"a.safetensors","y":"b.safetensors"})")},
+       withIndex(kWholeIndex)},
+      {Id::WeightsIndexUnusable, "NoJson", goodModel().file(kIndex, R"({"weight_map":})"),
+       R"(loss weights.index-unusable: model.safetensors.index.json
+  byte 14: json: unexpected char
+  The index file of the shards cannot be understood.
+  Why: An import does not ask it, so what it would show to be missing is missing without a word.
+  Do:  Fetch 'model.safetensors.index.json' again.
+)",
+       withIndex(kWholeIndex)},
+      {Id::WeightsIndexUnusable,
+       "CutShort",
+       goodModel().file(kIndex, R"({"weight_map":{"model.norm.weight":)"),
+       R"(loss weights.index-unusable: model.safetensors.index.json
+  byte 35: json: unexpected end
+  The index file of the shards cannot be understood.
+  Why: An import does not ask it, so what it would show to be missing is missing without a word.
+  Do:  Fetch 'model.safetensors.index.json' again.
+)",
+       // Another index is of no interest beside .safetensors files.
+       goodModel().file("pytorch_model.bin.index.json", "{"),
+       {"file.partial"}},
+      {Id::WeightsIndexUnusable, "NoMap", goodModel().file(kIndex, R"({"weight_map":[]})"),
+       R"(loss weights.index-unusable: model.safetensors.index.json
+  $.weight_map is an array
+  The index file of the shards cannot be understood.
+  Why: An import does not ask it, so what it would show to be missing is missing without a word.
+  Do:  Fetch 'model.safetensors.index.json' again.
+)",
+       goodModel().file(kIndex, R"({"weight_map":{"model.norm.weight":"model.safetensors"}})")},
+      {Id::WeightsIndexUnusable, "NoFileName",
+       withIndex(R"({"lm_head.weight":"a.safetensors","model.norm.weight":"b.safetensors","x":7,"y":""})"),
+       R"(loss weights.index-unusable: model.safetensors.index.json
+  2 of 4 entries name no file, the first is $.weight_map["x"], 7
+  The index file of the shards cannot be understood.
+  Why: An import does not ask it, so what it would show to be missing is missing without a word.
+  Do:  Fetch 'model.safetensors.index.json' again.
+)",
+       withIndex(kWholeIndex)},
+      {Id::WeightsIndexTensorMissing, "InAPresentShard",
+       withIndex(
+           R"({"lm_head.weight":"a.safetensors","model.norm.weight":"b.safetensors","x":"b.safetensors"})"),
+       R"(loss weights.index-tensor-missing: b.safetensors
+  model.safetensors.index.json places 1 of 2 tensors there that no file holds, the first is x
+  A shard lacks tensors that the index file places in it.
+  Why: The index is not asked, so the tensors are missing without a word.
+  Do:  Fetch 'b.safetensors' again.
+)",
+       // Nothing is missing that lies in the other file.
+       withIndex(R"({"lm_head.weight":"b.safetensors","model.norm.weight":"a.safetensors"})")},
+      {Id::FileLfsPointer, "IndexOfTheShards",
+       goodModel().file(kIndex, "version https://git-lfs.example/v1\n"),
+       R"(loss file.lfs-pointer: model.safetensors.index.json
+  35 bytes
+  A file is a Git LFS pointer and not its content.
+  Why: The directory was cloned without Git LFS.
+  Do:  git lfs pull --include 'model.safetensors.index.json'
+)",
+       goodModel().file("pytorch_model.bin.index.json", "version https://git-lfs.example/v1\n")},
       {Id::WeightsBinIgnored, "BesideSafetensors", goodModel().file("pytorch_model.bin", "x"),
        R"(note weights.bin-ignored: pytorch_model.bin
   pytorch_model.bin is not read.

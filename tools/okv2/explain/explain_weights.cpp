@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "convert/name_mapping.h"
-#include "hf/read_file.h"
 #include "okv2/explain/steps.h"
 #include "okv2/plan/mapped_weights.h"
 #include "okv2/plan/weight_files.h"
@@ -208,30 +207,6 @@ void reportRefusal(const Directory& directory, const std::string& name, MappedWe
   }
 }
 
-// Shards that an index file names and the directory lacks, and the other way round.
-void compareWithIndex(const Directory& directory, const std::string& indexName, Explanation& out) {
-  std::vector<std::uint8_t> bytes;
-  json::Value index;
-  if (!directory.has(indexName) || !readFile(directory.pathOf(indexName), bytes)) return;
-  if (!json::parse(reinterpret_cast<const char*>(bytes.data()), bytes.size(), index).ok()) return;
-  const json::Value* map = index.get("weight_map");
-  if (map == nullptr || !map->isObject()) return;
-  std::map<std::string, std::size_t> named;
-  for (const auto& [tensor, file] : map->members)
-    ++named[file.str()];
-  for (const auto& [file, tensors] : named) {
-    if (!directory.has(file)) {
-      out.add(Id::WeightsIndexMissing, file, fmt::format("{} names it for {} tensors", indexName, tensors));
-    }
-  }
-  for (const auto& [name, look] : directory.files) {
-    if (plan::isSafetensorsName(name) && named.count(name) == 0 &&
-        indexName == "model.safetensors.index.json") {
-      out.add(Id::WeightsIndexUnlisted, name, indexName);
-    }
-  }
-}
-
 void noWeights(const Directory& directory, Explanation& out) {
   std::string shards;
   std::size_t count = 0;
@@ -249,34 +224,41 @@ void noWeights(const Directory& directory, Explanation& out) {
 }  // namespace
 
 void explainWeights(const Directory& directory, const plan::ImportPlan& plan, Explanation& out) {
-  compareWithIndex(directory, "model.safetensors.index.json", out);
-  // Downloads often leave out the checkpoint of a model that has both forms, but not its index.
-  if (!directory.hasSafetensors()) compareWithIndex(directory, "pytorch_model.bin.index.json", out);
   plan::WeightFiles files;
-  if (const Status status = plan::findWeightFiles(directory.path, files); !status.ok()) {
-    if (status.code() == Code::IOError) {
-      out.add(Id::DirectoryUnreadable, out.directory);
-    } else {
-      noWeights(directory, out);
-    }
-    return;
-  }
-  if (directory.has("adapter_config.json")) out.add(Id::WeightsAdapter, "adapter_config.json");
+  const Status found = plan::findWeightFiles(directory.path, files);
+  OpenedWeights opened;
+  if (found.ok() && directory.has("adapter_config.json")) out.add(Id::WeightsAdapter, "adapter_config.json");
   Tensors tensors(plan.model.arch, out);
-  bool allOpened = true;
   std::size_t count = 0;
-  for (const std::string& name : files.names) {
-    MappedWeights source;
-    if (const Status status = source.open(directory.pathOf(name), files.format); !status.ok()) {
+  for (std::size_t k = 0; k < files.names.size(); ++k) {
+    const std::string& name = files.names[k];
+    MappedWeights mapped;
+    const MappedWeights* source = &mapped;
+    if (k < plan.sources.size() && plan.weights[k].name == name) {
+      // Mapped already: twice the address space is more than an import takes.
+      source = plan.sources[k].get();
+    } else if (const Status status = mapped.open(directory.pathOf(name), files.format); !status.ok()) {
       if (directory.has(name)) reportRefusal(directory, name, files.format, status, out);
-      allOpened = false;
       continue;
     }
-    count += source.count();
-    tensors.addFile(name, source);
+    opened.files.insert(name);
+    count += source->count();
+    for (std::size_t i = 0; i < source->count(); ++i) {
+      if (const std::string* tensor = source->nameAt(i); tensor != nullptr) opened.tensors.insert(*tensor);
+    }
+    tensors.addFile(name, *source);
   }
   tensors.report();
-  if (allOpened && count == 0) out.add(Id::WeightsNoTensors, files.names.front());
+  explainIndex(directory, "model.safetensors.index.json", opened, out);
+  // Downloads often leave out the checkpoint of a model that has both forms, but not its index.
+  if (!directory.hasSafetensors()) explainIndex(directory, "pytorch_model.bin.index.json", opened, out);
+  if (found.code() == Code::IOError) {
+    out.add(Id::DirectoryUnreadable, out.directory);
+  } else if (!found.ok()) {
+    noWeights(directory, out);
+  } else if (opened.files.size() == files.names.size() && count == 0) {
+    out.add(Id::WeightsNoTensors, files.names.front());
+  }
 }
 
 }  // namespace zel::explain

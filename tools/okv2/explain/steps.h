@@ -2,8 +2,10 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 
 #include "okv2/explain/disguise.h"
 #include "okv2/explain/explanation.h"
@@ -34,6 +36,16 @@ void explainSpecialTokens(const Directory& directory, const HfImporter& model, c
 void explainTemplate(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
 void explainFiles(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
 void explainWeights(const Directory& directory, const plan::ImportPlan& plan, Explanation& out);
+
+// What the weight files hold, those that could be opened.
+struct OpenedWeights {
+  std::set<std::string> files;
+  std::unordered_set<std::string> tensors;  // by the names in the files
+};
+
+// Compares what an index file says with the shards that are there.
+void explainIndex(const Directory& directory, const std::string& indexName, const OpenedWeights& opened,
+                  Explanation& out);
 
 // The file's bytes; none when an import would count it as absent.
 [[nodiscard]] std::string contentOf(const std::string& path);
