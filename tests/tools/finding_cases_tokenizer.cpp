@@ -241,7 +241,7 @@ std::vector<FindingCase> vocabularyCases() {
   1 of 1 added tokens lie outside the 4 tokens of the vocabulary, the first is "<x>" with id 4
   Added tokens lie beyond the vocabulary.
   Why: They are never appended to it, so their texts do not reach the container.
-  Do:  Run okv2 prepare DIR OUT: it moves them into the vocabulary.
+  Do:  Run okv2 prepare DIR OUT: it moves them into the vocabulary. Give one that it leaves a whole number of at least 0 as its id.
 )",
        goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"3":{"content":"ab"}}})")},
       {Id::TokenizerAddedElsewhere, "OfTokenizerJson",
@@ -259,7 +259,7 @@ std::vector<FindingCase> vocabularyCases() {
   tokenizer_config.json: $.eos_token is "ab", the container gets -1
   A special token is named by its text where only ids are read.
   Why: Ids come from config.json, from tokens added under a few usual names, or from tokenizer.model itself; texts are never looked up in the vocabulary.
-  Do:  Run okv2 prepare DIR OUT: it looks the text up and writes its id where it is read. A text that the vocabulary lacks needs a complete tokenizer file.
+  Do:  Run okv2 prepare DIR OUT: it looks the text up, puts one that the vocabulary lacks behind the last token, and writes the id where it is read.
 )",
        goodModel().file("tokenizer_config.json", R"({"bos_token":"<s>"})")},
       {Id::TokenizerSpecialIdOutside, "FirstIdBeyond", withConfig(R"("pad_token_id":4)"),

@@ -63,7 +63,10 @@ TEST(MendChatTemplate, LeavesAListWithoutDefault) {
 
 TEST(MendChatTemplate, TakesTheTextOfAJsonFileLast) {
   const auto builder = small().file("chat_template.json", R"({"chat_template":"P"})");
-  EXPECT_EQ(PreparedDirectory(builder).model.tokenizer.chatTemplate, "P");
+  const PreparedDirectory prepared(builder);
+  EXPECT_EQ(prepared.model.tokenizer.chatTemplate, "P");
+  EXPECT_THAT(prepared.changes(),
+              ElementsAre("tokenizer_config.json | $.chat_template |  | 1 bytes | template.json-file"));
   EXPECT_EQ(
       PreparedDirectory(ModelDirBuilder(builder).file("tokenizer_config.json", R"({"chat_template":"T"})"))
           .model.tokenizer.chatTemplate,

@@ -74,7 +74,7 @@ std::optional<Template> fromJsonFile(const std::string& directory, ModelTexts& t
   const Json* value = file.find(kKey);
   if (value == nullptr || value->is_null()) return std::nullopt;
   std::optional<std::string> found = defaultOf(*value);
-  if (found) return Template{std::move(*found), fmt::format("{} holds it", kJson), Id::TemplateJinjaFile};
+  if (found) return Template{std::move(*found), fmt::format("{} holds it", kJson), Id::TemplateJsonFile};
   texts.losses.push_back({value->is_array() ? Id::TemplateList : Id::TemplateNotText, kJson,
                           fmt::format("{}: $.chat_template is {}", kJson,
                                       value->is_structured() ? sizeOf(value) : value->dump())});
