@@ -83,14 +83,14 @@ std::vector<FindingCase> weightCases() {
   Do:  Run okv2 prepare DIR OUT: it writes the shards as .safetensors files.
 )",
        goodModel().file(kShard1, "x").file(kShard2, "x")},
-      {Id::WeightsOtherFormat, "Gguf", goodModel().file("model.gguf", "x"),
-       R"(note weights.other-format: model.gguf
+      {Id::WeightsOtherFormat, "Keras", goodModel().file("model.h5", "x"),
+       R"(note weights.other-format: model.h5
   1 bytes
   There are weights in a format that is not read.
   Why: Files ending in .safetensors are taken, or else pytorch_model.bin.
-  Do:  Convert 'model.gguf' to .safetensors, if no other file holds the same weights.
+  Do:  Convert 'model.h5' to .safetensors, if no other file holds the same weights.
 )",
-       goodModel().file("model.gguf.txt", "x")},
+       goodModel().file("model.h5.txt", "x")},
       {Id::WeightsSuffixCase, "UpperCase", goodModel().file("x.SAFETENSORS", "x"),
        R"(note weights.suffix-case: x.SAFETENSORS
   A name ends like .safetensors in other letters.

@@ -36,7 +36,7 @@ constexpr std::string_view kOtherTokenizerFiles[] = {
     "source.spm",         "target.spm",
 };
 constexpr std::string_view kOtherWeightSuffixes[] = {
-    ".gguf", ".ggml", ".pth", ".pt", ".ckpt", ".h5", ".msgpack", ".onnx", ".npz", ".tflite", ".bin",
+    ".pth", ".pt", ".ckpt", ".h5", ".msgpack", ".onnx", ".npz", ".tflite", ".bin",
 };
 
 bool endsWith(std::string_view text, std::string_view suffix) {
