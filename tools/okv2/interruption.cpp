@@ -5,6 +5,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 
@@ -43,6 +44,7 @@ void removeEntries(int directory) {
 }
 
 extern "C" void removePendingAndDie(int signal) {
+  const int error = errno;  // what was interrupted may look at it before the signal follows
   if (pendingFile[0] != '\0') ::unlink(pendingFile);
   if (pendingDirectory[0] != '\0') {
     const int directory = ::open(pendingDirectory, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -50,6 +52,7 @@ extern "C" void removePendingAndDie(int signal) {
     ::rmdir(pendingDirectory);
   }
   ::raise(signal);  // SA_RESETHAND has restored the default action, which follows when the handler returns
+  errno = error;
 }
 
 sigset_t signalSet() {
