@@ -107,6 +107,7 @@ for name in "${names[@]}"; do
     "$bin/okv2" verify "out/$name.okv2" >/dev/null || fail "$name does not verify"
   fi
 done
+expect_equal "what was begun" "$(find out -type f ! -name '*.json' ! -name '*.okv2')" ""
 expect_equal "files in out" "$(find out -type f | wc -l)" 36  # 20 reports, 16 containers, nothing half done
 
 summary=$("$bin/okv2" summary out/*.json)
