@@ -57,6 +57,28 @@ TEST_F(WeightsTest, WritesTheHeaderAsTheFormatHasIt) {
             test::littleEndian(padded.size(), 8) + padded + kSix);
 }
 
+TEST_F(WeightsTest, NamesATensorThatHasNoName) {
+  const SavedTensor tensor{"", {6}, {1}, "0", 6};
+  write("pytorch_model.bin", savedZip(SavedPickle().tensor(tensor).stop(), {{"0", kSix}}).build());
+  EXPECT_THAT(changeTexts(prepare()),
+              ElementsAre("model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                          "model.safetensors: tensor names: none -> tensor (pytorch.pickle)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("tensor F32 [6]"));
+  EXPECT_EQ(dataOf("model.safetensors", "tensor"), kSix);
+}
+
+TEST_F(WeightsTest, NamesTheTensorsOfAListByTheirPositions) {
+  SavedPickle program;
+  program.op(test::pickle_op::kEmptyList).op(test::pickle_op::kMark);
+  program.tensor({"", {2}, {1}, "0", 6}).tensor({"", {4}, {1}, "0", 6, "FloatStorage", 2});
+  write("pytorch_model.bin", savedZip(program.op(test::pickle_op::kAppends).stop(), {{"0", kSix}}).build());
+  EXPECT_THAT(changeTexts(prepare()),
+              ElementsAre("model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                          "model.safetensors: tensor names: none -> 0, 1, ... (pytorch.pickle)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("0 F32 [2]", "1 F32 [4]"));
+  EXPECT_EQ(dataOf("model.safetensors", "1"), bytesOf<float>({3, 4, 5, 6}));
+}
+
 TEST_F(WeightsTest, UnpacksADeflatedCheckpoint) {
   write("pytorch_model.bin", zipOf({{"a", {3}, {1}, "0", 6, "FloatStorage", 3}}, kSix, true));
   EXPECT_THAT(

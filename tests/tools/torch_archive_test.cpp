@@ -359,10 +359,63 @@ Status programStatus(const SavedPickle& program) {
 }
 const SavedTensor kTensor{"w", {4}, {1}, "0", 4};
 
-TEST(TorchStateDict, RefusesATensorWithoutAName) {
-  EXPECT_THAT(programStatus(SavedPickle().tensor(kTensor)),
-              StatusIs(Code::Unsupported,
-                       "checkpoint: it holds a tensor instead of a dictionary of tensors by name"));
+TEST(TorchStateDict, CallsTheOnlyTensorTensor) {
+  const Parsed parsed(savedZip(SavedPickle().tensor(kTensor).stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  EXPECT_EQ(parsed.checkpoint.naming(), TensorNaming::Single);
+  ASSERT_EQ(parsed.checkpoint.tensors().size(), 1u);
+  EXPECT_EQ(parsed.checkpoint.tensors()[0].name, "tensor");
+  EXPECT_EQ(parsed.at(parsed.checkpoint.tensors()[0], 16), kFloats);
+}
+TEST(TorchStateDict, CallsTheTensorsOfAListByTheirPositions) {
+  SavedPickle program;
+  program.op(op::kEmptyList).op(op::kMark).op(op::kNone).tensor(kTensor);
+  program.op(op::kEmptyList).tensor(kTensor).op(op::kAppend).tensor(kTensor).op(op::kAppends);
+  const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  EXPECT_EQ(parsed.checkpoint.naming(), TensorNaming::Positions);
+  ASSERT_EQ(parsed.checkpoint.tensors().size(), 2u);
+  EXPECT_EQ(parsed.checkpoint.tensors()[0].name, "1");
+  EXPECT_EQ(parsed.checkpoint.tensors()[1].name, "3");
+  ASSERT_EQ(parsed.checkpoint.others().size(), 2u);
+  EXPECT_EQ(parsed.checkpoint.others()[0].name, "0");
+  EXPECT_EQ(parsed.checkpoint.others()[0].what, "None");
+  EXPECT_FALSE(parsed.checkpoint.others()[0].mayHoldWeights);
+  EXPECT_EQ(parsed.checkpoint.others()[1].name, "2");
+  EXPECT_EQ(parsed.checkpoint.others()[1].what, "a list");
+  EXPECT_TRUE(parsed.checkpoint.others()[1].mayHoldWeights);
+}
+TEST(TorchStateDict, CallsTheTensorsOfATupleByTheirPositions) {
+  const Parsed parsed(
+      savedZip(SavedPickle().tensor(kTensor).op(op::kTuple1).stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  EXPECT_EQ(parsed.checkpoint.naming(), TensorNaming::Positions);
+  ASSERT_EQ(parsed.checkpoint.tensors().size(), 1u);
+  EXPECT_EQ(parsed.checkpoint.tensors()[0].name, "0");
+}
+TEST(TorchStateDict, KeepsTheNamesOfADictionary) {
+  const Parsed parsed(goodZip().build());
+  ASSERT_THAT(parsed.status, IsOk());
+  EXPECT_EQ(parsed.checkpoint.naming(), TensorNaming::Own);
+}
+TEST(TorchStateDict, RefusesAListWithoutTensors) {
+  EXPECT_THAT(
+      programStatus(SavedPickle().op(op::kEmptyList).op(op::kNone).op(op::kAppend)),
+      StatusIs(Code::Unsupported, "checkpoint: it holds a list instead of a dictionary of tensors by name"));
+}
+TEST(TorchStateDict, TakesAListOfAtMost131072Entries) {
+  const auto listOf = [](std::size_t entries) {
+    SavedPickle program;
+    program.tensor({"", {1}, {1}, "0", 1}).op(op::kBinPut, std::string(1, '\0')).op(op::kPop);
+    program.op(op::kEmptyList).op(op::kMark);
+    program.repeat(entries, std::string{op::kBinGet, '\0'});
+    return savedZip(program.op(op::kAppends).stop(), {{"0", bytesOf<float>({1})}}).build();
+  };
+  const Parsed most(listOf(131'072));
+  ASSERT_THAT(most.status, IsOk());
+  EXPECT_EQ(most.checkpoint.tensors().back().name, "131071");
+  EXPECT_THAT(Parsed(listOf(131'073)).status,
+              StatusIs(Code::Unsupported, "checkpoint: a list has more than 131072 entries"));
 }
 TEST(TorchStateDict, RefusesADictionaryOfOtherThings) {
   EXPECT_THAT(programStatus(SavedPickle().op(op::kEmptyDict).text("a").op(op::kNone).op(op::kSetItem)),

@@ -383,6 +383,18 @@ class Planner {
       change(k, "tensor names", file.within() + ".*", "*",
              "The dictionary of tensors lies inside another one.", Id::PytorchPickle);
     }
+    switch (file.naming()) {
+      case TensorNaming::Own: break;
+      case TensorNaming::Single:
+        change(k, "tensor names", "none", std::string(kSingleTensorName),
+               "The checkpoint is one tensor without a name.", Id::PytorchPickle);
+        break;
+      case TensorNaming::Positions:
+        change(k, "tensor names", "none", "0, 1, ...",
+               "The checkpoint is a list of tensors without names; their positions are their names.",
+               Id::PytorchPickle);
+        break;
+    }
   }
 
   const std::vector<WeightFile*>& files_;

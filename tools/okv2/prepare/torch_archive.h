@@ -45,7 +45,9 @@ class TorchCheckpoint {
 
   [[nodiscard]] const std::vector<TorchTensor>& tensors() const noexcept { return tensors_; }
   [[nodiscard]] const std::vector<TorchStorage>& storages() const noexcept { return storages_; }
-  // The key under which the tensors lie, and what is there besides them; StateDict says more.
+  // Whose the names are, the key under which the tensors lie, and what is there besides them; StateDict says
+  // more.
+  [[nodiscard]] TensorNaming naming() const noexcept { return dict_.naming; }
   [[nodiscard]] const std::string& within() const noexcept { return dict_.within; }
   [[nodiscard]] const std::vector<OtherEntry>& others() const noexcept { return dict_.others; }
   [[nodiscard]] bool isZip() const noexcept { return isZip_; }

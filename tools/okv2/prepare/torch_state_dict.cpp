@@ -2,6 +2,7 @@
 
 #include <set>
 #include <string_view>
+#include <utility>
 
 #include "okv2/prepare/weight_limits.h"
 
@@ -58,9 +59,17 @@ const PickleItem* findOnlyStateDict(const PickleNode& root, std::string& names) 
 // others must be short.
 constexpr std::size_t kMaxWrapperBytes = 256;
 
-Status tooManyEntries() {
-  return unsupported("checkpoint: a dictionary has more than " + std::to_string(kMaxFileTensors) +
-                     " entries");
+Status tooManyEntries(const char* container) {
+  return unsupported(std::string("checkpoint: ") + container + " has more than " +
+                     std::to_string(kMaxFileTensors) + " entries");
+}
+
+void takeEntry(std::string name, const std::string& prefix, const PickleValue& value, StateDict& out) {
+  if (value.is(Kind::Tensor)) {
+    out.tensors.emplace_back(std::move(name), &value.tensor());
+  } else {
+    out.others.push_back({prefix + name, pickleKindName(value.kind()), mayHoldWeights(value)});
+  }
 }
 
 Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict& out) {
@@ -74,14 +83,19 @@ Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict&
       return unsupported("checkpoint: the dictionary of tensors has '" + std::string(item->key.text()) +
                          "' twice");
     }
-    if (seen.size() > kMaxFileTensors) return tooManyEntries();
-    if (item->value.is(Kind::Tensor)) {
-      out.tensors.emplace_back(item->key.text(), &item->value.tensor());
-    } else {
-      out.others.push_back({prefix + std::string(item->key.text()), pickleKindName(item->value.kind()),
-                            mayHoldWeights(item->value)});
-    }
+    if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
+    takeEntry(std::string(item->key.text()), prefix, item->value, out);
   }
+  return {};
+}
+
+// A list or tuple that holds a tensor.
+Status takePositions(const PickleValue& list, StateDict& out) {
+  out.naming = TensorNaming::Positions;
+  if (list.node().count > kMaxFileTensors) return tooManyEntries(pickleKindName(list.kind()));
+  std::size_t position = 0;
+  for (const PickleItem* item = list.node().first; item != nullptr; item = item->next)
+    takeEntry(std::to_string(position++), "", item->value, out);
   return {};
 }
 
@@ -110,6 +124,13 @@ const char* pickleKindName(PickleKind kind) noexcept {
 
 Status findStateDict(const PickleValue& root, StateDict& out) {
   out = StateDict();
+  if (root.is(Kind::Tensor)) {
+    out.naming = TensorNaming::Single;
+    out.tensors.emplace_back(kSingleTensorName, &root.tensor());
+    return {};
+  }
+  if ((root.is(Kind::List) || root.is(Kind::Tuple)) && root.node().holdsTensor)
+    return takePositions(root, out);
   if (!root.is(Kind::Dict)) {
     return unsupported(std::string("checkpoint: it holds ") + pickleKindName(root.kind()) +
                        " instead of a dictionary of tensors by name");
@@ -131,7 +152,7 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     if (item == chosen) continue;
     const std::string_view key = item->key.is(Kind::Text) ? item->key.text() : std::string_view();
     if (seen.insert(key).second) {
-      if (seen.size() > kMaxFileTensors) return tooManyEntries();
+      if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
       out.others.push_back({std::string(key), pickleKindName(item->value.kind()), false});
     }
   }

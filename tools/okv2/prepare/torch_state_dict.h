@@ -1,7 +1,9 @@
 // Where the weights are in what a checkpoint's program made.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -17,16 +19,25 @@ struct OtherEntry {
   bool mayHoldWeights = false;  // it lies among the tensors and holds tensors, or something that is not known
 };
 
+enum class TensorNaming : std::uint8_t {
+  Own,        // as the keys of a dictionary
+  Single,     // there is one tensor and no name: kSingleTensorName
+  Positions,  // those of a list or tuple, from "0"
+};
+inline constexpr std::string_view kSingleTensorName = "tensor";
+
 struct StateDict {
+  TensorNaming naming = TensorNaming::Own;
   std::string within;  // the key under which the dictionary lies; empty when it is the root
   std::vector<std::pair<std::string, const PickleTensor*>> tensors;  // in the order of the program
   std::vector<OtherEntry> others;
 };
 
-// The root itself when it holds tensors, or else what it holds under one of the keys that training programs
-// use, or else its only dictionary of tensors. Failures begin "checkpoint: ":
+// A dictionary: the root itself when it holds tensors, or else what it holds under one of the keys that
+// training programs use, or else its only dictionary of tensors. A tensor, or a list or tuple that holds
+// some, is taken without one. Failures begin "checkpoint: ":
 //   Unsupported  there is no such dictionary, or more than one; a key that is no text or comes twice; more
-//                than kMaxFileTensors keys
+//                than kMaxFileTensors entries
 Status findStateDict(const PickleValue& root, StateDict& out);
 
 // "a list", "a number" and so on.

@@ -57,6 +57,7 @@ class WeightFile {
   [[nodiscard]] const std::vector<SourceTensor>& tensors() const noexcept { return tensors_; }
   // Of a torch checkpoint.
   [[nodiscard]] const std::string& within() const noexcept { return torch_.within(); }
+  [[nodiscard]] TensorNaming naming() const noexcept { return torch_.naming(); }
   [[nodiscard]] const std::vector<OtherEntry>& others() const noexcept { return torch_.others(); }
   [[nodiscard]] bool isDeflated() const noexcept;
 
