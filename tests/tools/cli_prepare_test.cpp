@@ -421,6 +421,7 @@ TEST(OkvImportPrepare, RefusesOptionsThatMakeNoSense) {
   const std::string model = twoChanges().write(dir);
   EXPECT_EQ(okv2Run({"import", "--prepare", "--dry-run", model, "-o", dir / "m.okv"}).exitCode, 64);
   EXPECT_EQ(okv2Run({"import", "--cast", model, "-o", dir / "m.okv"}).exitCode, 64);
+  EXPECT_EQ(okv2Run({"import", "--cast-integers", model, "-o", dir / "m.okv"}).exitCode, 64);
   EXPECT_EQ(okv2Run({"import", "--drop", "x", model, "-o", dir / "m.okv"}).exitCode, 64);
   EXPECT_EQ(okv2Run({"import", "--text-only", model, "-o", dir / "m.okv"}).exitCode, 64);
 }

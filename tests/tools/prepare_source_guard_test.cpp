@@ -101,7 +101,7 @@ TEST_F(ShrinkingWeights, AreNotCast) {
   source.tensor.elementBytes = sizeof(double);
   source.tensor.shape = source.tensor.extents = {count};
   source.tensor.bytes = count * sizeof(float);
-  source.tensor.cast = true;
+  source.tensor.castFrom = findElementType("F64");
   expectRefusedWhenShorter(source, bytesOf(narrow));
 }
 

@@ -59,6 +59,14 @@ TEST_F(VerifyPreparedTest, FindsNoDifferenceForTensorsOfEveryKind) {
   expectSame(container({true, {"counter"}, false}), {"--cast", "--drop", "counter"});
 }
 
+TEST_F(VerifyPreparedTest, FindsNoDifferenceForIntegersThatWereCast) {
+  write("model.safetensors",
+        SafetensorsBuilder().tensorData("n", "I8", {4}, bytesOf<std::int8_t>({1, -2, 3, -4})).bytes());
+  WeightOptions options;
+  options.castIntegers = true;
+  expectSame(container(options), {"--cast-integers"});
+}
+
 TEST_F(VerifyPreparedTest, FindsNoDifferenceForDeflatedStorages) {
   saveTorch({{"w", {6}, {1}, "0", 6}}, kSix, true);
   expectSame(container());

@@ -1,4 +1,4 @@
-// prepare_weights DIR OUT [--cast] [--text-only] [--drop REGEX]...
+// prepare_weights DIR OUT [--cast] [--cast-integers] [--text-only] [--drop REGEX]...
 //
 // The weights' half of `okv2 prepare` alone, for tests that are not written in C++. OUT must exist. Prints
 // every change as a line of JSON; a refusal goes to standard error, as "MESSAGE\nREMEDY\n".
@@ -19,6 +19,8 @@ int main(int argc, char** argv) {
   for (int k = 3; k < argc; ++k) {
     if (std::strcmp(argv[k], "--cast") == 0) {
       options.cast = true;
+    } else if (std::strcmp(argv[k], "--cast-integers") == 0) {
+      options.castIntegers = true;
     } else if (std::strcmp(argv[k], "--text-only") == 0) {
       options.textOnly = true;
     } else if (std::strcmp(argv[k], "--drop") == 0 && k + 1 < argc) {

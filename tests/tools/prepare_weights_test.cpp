@@ -311,8 +311,8 @@ TEST_F(WeightsTest, RefusesTypesThatTheContainerCannotCarryAndNamesTheFlags) {
       "model.safetensors: the container cannot carry these element types: 'd' (F64), 'n' (I64), 'x' (X7)");
   EXPECT_EQ(
       refused.remedy,
-      "Pass --drop REGEX for the tensors that inference does not need, and --cast to make 64-bit floats "
-      "(F64) 32-bit ones.");
+      "Pass --drop REGEX for the tensors that inference does not need, --cast to make 64-bit floats (F64) "
+      "32-bit ones, and --cast-integers to make integers and booleans such floats.");
   refused = refusal({true, {"n"}, false});
   EXPECT_EQ(refused.message, "model.safetensors: the container cannot carry these element types: 'x' (X7)");
 }
@@ -355,6 +355,129 @@ TEST_F(WeightsTest, CastsTheLargestDoubleThatFitsAndInfinityItself) {
         SafetensorsBuilder().tensorData("d", "F64", {2}, bytesOf<double>({below, infinity})).bytes());
   prepare({true, {}, false});
   EXPECT_EQ(dataOf("model.safetensors", "d"), bytesOf<std::uint32_t>({0x7f7fffff, 0x7f800000}));
+}
+
+// One tensor of integers, and the 32-bit floats (IEEE 754) that equal them.
+struct IntegerRow {
+  const char* type;
+  std::string elements;
+  std::vector<std::uint32_t> floats;
+};
+class CastIntegers : public WeightsTest, public testing::WithParamInterface<IntegerRow> {};
+TEST_P(CastIntegers, GivesTheFloatsThatEqualThem) {
+  const IntegerRow& row = GetParam();
+  write("model.safetensors",
+        SafetensorsBuilder().tensorData("n", row.type, {row.floats.size()}, row.elements).bytes());
+  WeightOptions options;
+  options.castIntegers = true;
+  EXPECT_THAT(changeTexts(prepare(options)),
+              ElementsAre("model.safetensors: n: " + std::string(row.type) + " -> F32 (weights.type)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"),
+              ElementsAre("n F32 [" + std::to_string(row.floats.size()) + "]"));
+  EXPECT_EQ(dataOf("model.safetensors", "n"), bytesOf(row.floats));
+}
+INSTANTIATE_TEST_SUITE_P(
+    All, CastIntegers,
+    testing::Values(
+        IntegerRow{"I64",
+                   bytesOf<std::int64_t>({0, -1, 1 << 24, -(1 << 24), (1 << 24) + 2, std::int64_t{1} << 62,
+                                          std::numeric_limits<std::int64_t>::min()}),
+                   {0, 0xbf800000, 0x4b800000, 0xcb800000, 0x4b800001, 0x5e800000, 0xdf000000}},
+        IntegerRow{"I32",
+                   bytesOf<std::int32_t>({3, -3, std::numeric_limits<std::int32_t>::min()}),
+                   {0x40400000, 0xc0400000, 0xcf000000}},
+        IntegerRow{"I16", bytesOf<std::int16_t>({32767, -32768}), {0x46fffe00, 0xc7000000}},
+        IntegerRow{"I8", bytesOf<std::int8_t>({127, -128, -1}), {0x42fe0000, 0xc3000000, 0xbf800000}},
+        IntegerRow{"U64", bytesOf<std::uint64_t>({std::uint64_t{1} << 63, 2}), {0x5f000000, 0x40000000}},
+        IntegerRow{"U32", bytesOf<std::uint32_t>({0xffffff00, 1}), {0x4f7fffff, 0x3f800000}},
+        IntegerRow{"U16", bytesOf<std::uint16_t>({65535, 1}), {0x477fff00, 0x3f800000}},
+        IntegerRow{"U8", bytesOf<std::uint8_t>({255, 0}), {0x437f0000, 0}},
+        // A boolean is true unless all its bits are 0.
+        IntegerRow{"BOOL", bytesOf<std::uint8_t>({0, 1, 2, 255}), {0, 0x3f800000, 0x3f800000, 0x3f800000}}),
+    [](const auto& info) { return info.param.type; });
+
+// An integer that lies between two floats.
+struct BetweenRow {
+  const char* name;
+  const char* type;
+  std::string element;
+};
+class CastIntegersBetween : public WeightsTest, public testing::WithParamInterface<BetweenRow> {};
+TEST_P(CastIntegersBetween, IsRefused) {
+  write("model.safetensors",
+        SafetensorsBuilder().tensorData("n", GetParam().type, {1}, GetParam().element).bytes());
+  WeightOptions options;
+  options.castIntegers = true;
+  const Refusal refused = refusal(options);
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "weights.type");
+  EXPECT_EQ(refused.message, "model.safetensors: integers that no 32-bit float equals are in 'n'");
+  EXPECT_EQ(refused.remedy, "Pass --drop REGEX for the tensors that inference does not need.");
+}
+INSTANTIATE_TEST_SUITE_P(
+    All, CastIntegersBetween,
+    testing::Values(
+        BetweenRow{"I64", "I64", bytesOf<std::int64_t>({(1 << 24) + 1})},
+        BetweenRow{"NegativeI64", "I64", bytesOf<std::int64_t>({-(1 << 24) - 1})},
+        BetweenRow{"LargestI64", "I64", bytesOf<std::int64_t>({std::numeric_limits<std::int64_t>::max()})},
+        BetweenRow{"I32", "I32", bytesOf<std::int32_t>({std::numeric_limits<std::int32_t>::max()})},
+        BetweenRow{"U64", "U64", bytesOf<std::uint64_t>({std::numeric_limits<std::uint64_t>::max()})},
+        BetweenRow{"U32", "U32", bytesOf<std::uint32_t>({0xffffff01})}),
+    [](const auto& info) { return info.param.name; });
+
+TEST_F(WeightsTest, LooksAtTheIntegersOfEveryPieceBeforeItCastsThem) {
+  // More than the 256 KiB that are looked at in one go.
+  std::vector<std::int32_t> elements(70'000, 7);
+  WeightOptions options;
+  options.castIntegers = true;
+  const auto fileOf = [](const std::vector<std::int32_t>& values) {
+    return SafetensorsBuilder().tensorData("n", "I32", {values.size()}, bytesOf(values)).bytes();
+  };
+  elements.back() = (1 << 24) + 1;
+  write("model.safetensors", fileOf(elements));
+  EXPECT_EQ(refusal(options).message, "model.safetensors: integers that no 32-bit float equals are in 'n'");
+  elements.back() = 1 << 24;
+  write("model.safetensors", fileOf(elements));
+  prepare(options);
+  std::vector<float> floats(70'000, 7);
+  floats.back() = 16'777'216;
+  EXPECT_EQ(dataOf("model.safetensors", "n"), bytesOf(floats));
+}
+
+TEST_F(WeightsTest, GathersIntegersAndCastsThem) {
+  write("pytorch_model.bin",
+        zipOf({{"n", {3, 2}, {1, 3}, "0", 6, "ShortStorage"}}, bytesOf<std::int16_t>({1, 2, 3, 4, 5, 6})));
+  WeightOptions options;
+  options.castIntegers = true;
+  prepare(options);
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("n F32 [3,2]"));
+  EXPECT_EQ(dataOf("model.safetensors", "n"), bytesOf<float>({1, 4, 2, 5, 3, 6}));
+}
+
+TEST_F(WeightsTest, CastsFloatsAndIntegersOnlyWhereEachIsAskedFor) {
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensorData("d", "F64", {1}, bytesOf<double>({0.5}))
+                                 .tensorData("n", "I8", {1}, "\2")
+                                 .bytes());
+  WeightOptions options;
+  options.castIntegers = true;
+  EXPECT_EQ(refusal(options).message,
+            "model.safetensors: the container cannot carry these element types: 'd' (F64)");
+  options = {};
+  options.cast = true;
+  EXPECT_EQ(refusal(options).message,
+            "model.safetensors: the container cannot carry these element types: 'n' (I8)");
+}
+
+TEST_F(WeightsTest, CastsNoComplexNumbersAndNo8BitFloats) {
+  write("model.safetensors", SafetensorsBuilder()
+                                 .tensorData("c", "C64", {1}, std::string(8, '\0'))
+                                 .tensorData("f", "F8_E4M3", {1}, "\2")
+                                 .bytes());
+  WeightOptions options;
+  options.cast = options.castIntegers = true;
+  EXPECT_EQ(refusal(options).message,
+            "model.safetensors: the container cannot carry these element types: 'c' (C64), 'f' (F8_E4M3)");
 }
 
 TEST_F(WeightsTest, GivesAScalarOneExtent) {

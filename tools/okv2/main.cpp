@@ -54,6 +54,8 @@ CLI::Option* addDropOption(CLI::App& app, std::vector<std::string>& expressions)
 // The options of prepare, of which import takes the same.
 std::vector<CLI::Option*> addWeightOptions(CLI::App& app, prepare::WeightOptions& options) {
   return {app.add_flag("--cast", options.cast, "Turn 64-bit floats into 32-bit ones"),
+          app.add_flag("--cast-integers", options.castIntegers,
+                       "Turn integers and booleans into 32-bit floats that equal them"),
           addDropOption(app, options.drop),
           app.add_flag("--text-only", options.textOnly, "Leave out towers that are not the text model")};
 }
@@ -155,6 +157,10 @@ void addContainerCommands(CLI::App& app, int& exitCode) {
       verify->add_flag("--prepare", verified->prepare, "With --against: as `okv2 prepare` brings its tensors")
           ->needs(against);
   verify->add_flag("--cast", verified->weights.cast, "With --prepare: 64-bit floats became 32-bit ones")
+      ->needs(prepared);
+  verify
+      ->add_flag("--cast-integers", verified->weights.castIntegers,
+                 "With --prepare: integers and booleans became 32-bit floats")
       ->needs(prepared);
   verify->add_flag("--text-only", verified->weights.textOnly, "With --prepare: towers were left out")
       ->needs(prepared);

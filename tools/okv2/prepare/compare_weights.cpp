@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "container/dtype.h"
@@ -40,27 +41,22 @@ DType codeOf(const std::string& type) {
 // The tensor's bytes as they are prepared, piece after piece.
 class PreparedBytes {
  public:
-  explicit PreparedBytes(const OutputTensor& tensor)
-      : tensor_(tensor), reader_(tensor), piece_(kPieceBytes) {}
+  explicit PreparedBytes(const OutputTensor& tensor) : tensor_(tensor) {
+    if (!isWrittenAsItLies(tensor)) converted_.emplace(tensor);
+  }
 
   // Empty at the end.
   std::string_view next() {
-    if (tensor_.strides.empty() && !tensor_.cast) {
-      const std::uint64_t n = std::min<std::uint64_t>(kPieceBytes, tensor_.bytes - done_);
-      const std::string_view piece = tensor_.data->bytes.substr(tensor_.offset + done_, n);
-      done_ += n;
-      return piece;
-    }
-    const std::size_t n = reader_.next(piece_.data(), piece_.size());
-    if (!tensor_.cast) return {piece_.data(), n};
-    castToFloat32(piece_.data(), n / sizeof(double), piece_.data());
-    return {piece_.data(), n / sizeof(double) * sizeof(float)};
+    if (converted_) return converted_->next();
+    const std::uint64_t n = std::min<std::uint64_t>(kPieceBytes, tensor_.bytes - done_);
+    const std::string_view piece = tensor_.data->bytes.substr(tensor_.offset + done_, n);
+    done_ += n;
+    return piece;
   }
 
  private:
   const OutputTensor& tensor_;
-  ElementReader reader_;
-  std::vector<char> piece_;
+  std::optional<ConvertedBytes> converted_;
   std::uint64_t done_ = 0;
 };
 

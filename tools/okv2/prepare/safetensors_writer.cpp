@@ -94,24 +94,20 @@ class ShardFile {
   Descriptor file_;
 };
 
-void writeElements(const OutputTensor& tensor, std::vector<char>& piece, ShardFile& file) {
-  ElementReader reader(tensor);
-  for (std::size_t n = piece.size(); n > 0;) {
-    readGuarded(*tensor.data, [&] { n = reader.next(piece.data(), piece.size()); });
-    std::size_t bytes = n;
-    if (tensor.cast) {
-      castToFloat32(piece.data(), n / sizeof(double), piece.data());
-      bytes = n / sizeof(double) * sizeof(float);
-    }
-    file.write(piece.data(), bytes);
-  }
+void writeElements(const OutputTensor& tensor, ShardFile& file) {
+  ConvertedBytes source(tensor);
+  std::string_view piece;
+  do {
+    readGuarded(*tensor.data, [&] { piece = source.next(); });
+    file.write(piece.data(), piece.size());
+  } while (!piece.empty());
 }
 
-void writeTensor(const OutputTensor& tensor, std::vector<char>& piece, ShardFile& file) {
-  if (tensor.strides.empty() && !tensor.cast) {
+void writeTensor(const OutputTensor& tensor, ShardFile& file) {
+  if (isWrittenAsItLies(tensor)) {
     file.copy(*tensor.data, tensor.offset, tensor.bytes);
   } else {
-    writeElements(tensor, piece, file);
+    writeElements(tensor, file);
   }
   refuseShorter(*tensor.data);
 }
@@ -145,9 +141,8 @@ void writeSafetensors(const std::string& path, const std::vector<OutputTensor>& 
   ShardFile file(path, ::open(pending.path().c_str(), O_WRONLY | O_CLOEXEC));
   const std::string header = safetensorsHeader(tensors);
   file.write(header.data(), header.size());
-  std::vector<char> piece(kPieceBytes);
   for (const OutputTensor& tensor : tensors)
-    writeTensor(tensor, piece, file);
+    writeTensor(tensor, file);
   file.close();
   if (!pending.commit(false, reason)) cannotWrite(path, reason);
 }

@@ -1,9 +1,11 @@
 #include "okv2/prepare/tensor_data.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <type_traits>
 
 namespace zel::tool::prepare {
 namespace {
@@ -39,6 +41,63 @@ void copyElements(const char* from, std::uint64_t stride, std::uint64_t count, s
       for (std::uint64_t k = 0; k < count; ++k)
         std::memcpy(to + k * elementBytes, from + k * step, elementBytes);
   }
+}
+
+// Whole elements of every type.
+std::size_t pieceFor(const OutputTensor& tensor) {
+  constexpr std::uint64_t kSmallest = 16;
+  const std::uint64_t bytes =
+      tensor.castFrom == nullptr ? tensor.bytes : tensor.bytes / sizeof(float) * tensor.castFrom->bytes;
+  return static_cast<std::size_t>(std::clamp<std::uint64_t>(bytes, kSmallest, kPieceBytes));
+}
+
+struct Boolean {
+  std::uint8_t bits;
+  explicit operator float() const noexcept { return bits == 0 ? 0.0F : 1.0F; }
+};
+
+template <class T>
+T load(const char* from) noexcept {
+  T value;
+  std::memcpy(&value, from, sizeof value);
+  return value;
+}
+
+// Calls `function` with a zero of the type's own C++ type.
+template <class Function>
+void asNumbers(const ElementType& type, const Function& function) {
+  switch (type.name[0]) {
+    case 'F': function(double{}); return;
+    case 'B': function(Boolean{}); return;
+    case 'I':
+      switch (type.bytes) {
+        case 1: function(std::int8_t{}); return;
+        case 2: function(std::int16_t{}); return;
+        case 4: function(std::int32_t{}); return;
+        default: function(std::int64_t{}); return;
+      }
+    default:
+      switch (type.bytes) {
+        case 1: function(std::uint8_t{}); return;
+        case 2: function(std::uint16_t{}); return;
+        case 4: function(std::uint32_t{}); return;
+        default: function(std::uint64_t{}); return;
+      }
+  }
+}
+
+bool isFloat32(double value) noexcept {
+  // What rounds to the largest 32-bit float, or below: half a unit in its last place above it does not.
+  constexpr double kTooLarge = 0x1.ffffffp127;
+  return !std::isfinite(value) || std::fabs(value) < kTooLarge;
+}
+bool isFloat32(Boolean) noexcept { return true; }
+// The digits between the first and the last that is set must be no more than a float has.
+template <class T>
+std::enable_if_t<std::is_integral_v<T>, bool> isFloat32(T value) noexcept {
+  const auto wide = static_cast<std::uint64_t>(value);
+  const std::uint64_t size = value < 0 ? 0 - wide : wide;
+  return size == 0 || size >> std::countr_zero(size) < std::uint64_t{1} << std::numeric_limits<float>::digits;
 }
 
 }  // namespace
@@ -97,28 +156,41 @@ void ElementReader::advance() {
   }
 }
 
-bool fitsFloat32(const OutputTensor& tensor) {
-  // What rounds to the largest 32-bit float, or below: half a unit in its last place above it does not.
-  constexpr double kTooLarge = 0x1.ffffffp127;
-  ElementReader reader(tensor);
-  std::vector<char> piece(kPieceBytes);
-  for (std::size_t n; (n = reader.next(piece.data(), piece.size())) > 0;) {
-    for (std::size_t k = 0; k < n; k += sizeof(double)) {
-      double value;
-      std::memcpy(&value, piece.data() + k, sizeof value);
-      if (std::isfinite(value) && std::fabs(value) >= kTooLarge) return false;
-    }
-  }
-  return true;
+ConvertedBytes::ConvertedBytes(const OutputTensor& tensor)
+    : reader_(tensor), castFrom_(tensor.castFrom), gathered_(pieceFor(tensor)) {
+  if (castFrom_ != nullptr) cast_.resize(gathered_.size() / castFrom_->bytes * sizeof(float));
 }
 
-void castToFloat32(const char* from, std::size_t count, char* to) noexcept {
-  for (std::size_t k = 0; k < count; ++k) {
-    double wide;
-    std::memcpy(&wide, from + k * sizeof wide, sizeof wide);
-    const auto narrow = static_cast<float>(wide);
-    std::memcpy(to + k * sizeof narrow, &narrow, sizeof narrow);
+std::string_view ConvertedBytes::next() {
+  const std::size_t n = reader_.next(gathered_.data(), gathered_.size());
+  if (castFrom_ == nullptr) return {gathered_.data(), n};
+  const std::size_t count = n / castFrom_->bytes;
+  castToFloat32(*castFrom_, gathered_.data(), count, cast_.data());
+  return {cast_.data(), count * sizeof(float)};
+}
+
+bool fitsFloat32(const OutputTensor& tensor) {
+  ElementReader reader(tensor);
+  std::vector<char> piece(pieceFor(tensor));
+  bool fits = true;
+  for (std::size_t n; fits && (n = reader.next(piece.data(), piece.size())) > 0;) {
+    asNumbers(*tensor.castFrom, [&](auto zero) {
+      using T = decltype(zero);
+      for (std::size_t k = 0; k < n; k += sizeof(T))
+        fits = fits && isFloat32(load<T>(piece.data() + k));
+    });
   }
+  return fits;
+}
+
+void castToFloat32(const ElementType& type, const char* from, std::size_t count, char* to) noexcept {
+  asNumbers(type, [&](auto zero) {
+    using T = decltype(zero);
+    for (std::size_t k = 0; k < count; ++k) {
+      const auto narrow = static_cast<float>(load<T>(from + k * sizeof(T)));
+      std::memcpy(to + k * sizeof narrow, &narrow, sizeof narrow);
+    }
+  });
 }
 
 }  // namespace zel::tool::prepare

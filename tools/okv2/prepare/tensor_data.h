@@ -6,6 +6,8 @@
 #include <string_view>
 #include <vector>
 
+#include "okv2/prepare/element_type.h"
+
 namespace zel::tool::prepare {
 
 // A file that tensors lie in. Both members belong to somebody else.
@@ -21,11 +23,11 @@ struct OutputTensor {
   std::vector<std::uint64_t> shape;  // as the header will have it
   std::uint64_t bytes = 0;           // that will be written
   const DataFile* data = nullptr;
-  std::uint64_t offset = 0;            // of the first element, from the start of `data`
-  std::uint32_t elementBytes = 0;      // in `data`; 0 for block types, which are contiguous
-  std::vector<std::uint64_t> extents;  // that the strides belong to
-  std::vector<std::uint64_t> strides;  // in elements; empty when the elements lie one after the other
-  bool cast = false;                   // from 64-bit to 32-bit floats
+  std::uint64_t offset = 0;               // of the first element, from the start of `data`
+  std::uint32_t elementBytes = 0;         // in `data`; 0 for block types, which are contiguous
+  std::vector<std::uint64_t> extents;     // that the strides belong to
+  std::vector<std::uint64_t> strides;     // in elements; empty when the elements lie one after the other
+  const ElementType* castFrom = nullptr;  // elements of this type become 32-bit floats; null for none
 };
 
 // Whether `strides` are those of elements that lie one after the other, the last extent fastest.
@@ -52,10 +54,32 @@ class ElementReader {
   std::uint64_t left_ = 0;  // elements
 };
 
-// Whether every finite 64-bit float of the tensor stays finite as a 32-bit one.
+// The bytes of a tensor as they are to be written, where they do not lie in the file so: gathered, and cast.
+class ConvertedBytes {
+ public:
+  explicit ConvertedBytes(const OutputTensor& tensor);
+
+  // The next ones; empty at the end. They are gone with the next call.
+  [[nodiscard]] std::string_view next();
+
+ private:
+  ElementReader reader_;
+  const ElementType* castFrom_;
+  std::vector<char> gathered_;
+  std::vector<char> cast_;
+};
+
+// Whether its elements lie in the file as they are to be written.
+[[nodiscard]] inline bool isWrittenAsItLies(const OutputTensor& tensor) noexcept {
+  return tensor.strides.empty() && tensor.castFrom == nullptr;
+}
+
+// Whether 32-bit floats can stand for the elements of a tensor that is cast: every integer is the same
+// number, and every finite 64-bit float stays finite.
 [[nodiscard]] bool fitsFloat32(const OutputTensor& tensor);
 
-// Turns `count` 64-bit floats at `from` into 32-bit ones at `to`, rounding to nearest; may be the same place.
-void castToFloat32(const char* from, std::size_t count, char* to) noexcept;
+// Turns `count` elements at `from` into 32-bit floats at `to`, rounding 64-bit floats to nearest. A boolean
+// is 1 unless all its bits are 0. `type` is one that --cast or --cast-integers takes.
+void castToFloat32(const ElementType& type, const char* from, std::size_t count, char* to) noexcept;
 
 }  // namespace zel::tool::prepare

@@ -103,6 +103,10 @@ class Planner {
   [[nodiscard]] bool isTorch(std::size_t file) const {
     return files_[file]->form() != WeightForm::Safetensors;
   }
+  [[nodiscard]] bool isCast(const ElementType& type) const {
+    return (type.carried == Carried::AsF32 && options_.cast) ||
+           (type.carried == Carried::IntegerAsF32 && options_.castIntegers);
+  }
   [[nodiscard]] Id typeFinding(std::size_t file) const {
     return isTorch(file) ? Id::PytorchStorageType : Id::WeightsType;
   }
@@ -163,10 +167,7 @@ class Planner {
     std::vector<NameList> shapes(files_.size());
     for (const Candidate& candidate : kept_) {
       const SourceTensor& tensor = sourceOf(candidate);
-      const bool carried =
-          tensor.known != nullptr && (tensor.known->carried == Carried::Yes ||
-                                      (tensor.known->carried == Carried::AsF32 && options_.cast));
-      if (!carried) {
+      if (tensor.known == nullptr || (tensor.known->carried != Carried::Yes && !isCast(*tensor.known))) {
         types[candidate.file].add(fmt::format("'{}' ({})", tensor.name, tensor.type));
       } else if (tensor.bytes == 0 || tensor.shape.size() > okv2::kMaxDims) {
         shapes[candidate.file].add(fmt::format("'{}' {}", tensor.name, shapeText(tensor.shape)));
@@ -174,10 +175,11 @@ class Planner {
     }
     for (std::size_t k = 0; k < files_.size(); ++k) {
       if (types[k].count() > 0) {
-        refuseWeights(kExitUnsupported, typeFinding(k), files_[k]->name(),
-                      "the container cannot carry these element types: " + types[k].text(),
-                      "Pass --drop REGEX for the tensors that inference does not need, and --cast to make "
-                      "64-bit floats (F64) 32-bit ones.");
+        refuseWeights(
+            kExitUnsupported, typeFinding(k), files_[k]->name(),
+            "the container cannot carry these element types: " + types[k].text(),
+            "Pass --drop REGEX for the tensors that inference does not need, --cast to make 64-bit "
+            "floats (F64) 32-bit ones, and --cast-integers to make integers and booleans such floats.");
       }
       if (shapes[k].count() > 0) {
         refuseWeights(kExitUnsupported, Id::TensorRefused, files_[k]->name(),
@@ -228,11 +230,13 @@ class Planner {
       change(candidate.file, candidate.published, "strides " + shapeText(source.strides), "contiguous",
              "Tensors are taken from the file as they lie.", Id::PytorchPickle);
     }
-    if (source.known->carried == Carried::AsF32) {
-      tensor.cast = true;
+    if (isCast(*source.known)) {
+      tensor.castFrom = source.known;
       tensor.type = "F32";
-      tensor.bytes /= 2;
-      change(candidate.file, candidate.published, source.type, "F32", "--cast makes it a 32-bit float.",
+      tensor.bytes = tensor.bytes / source.known->bytes * sizeof(float);
+      change(candidate.file, candidate.published, source.type, "F32",
+             source.known->carried == Carried::AsF32 ? "--cast makes it a 32-bit float."
+                                                     : "--cast-integers makes it a 32-bit float.",
              typeFinding(candidate.file));
     }
     if (tensor.shape.empty()) {

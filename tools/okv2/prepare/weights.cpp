@@ -21,17 +21,22 @@ namespace fs = std::filesystem;
 using explain::Id;
 
 void refuseOverflows(const PlannedShard& shard) {
-  NameList names;
+  NameList floats;
+  NameList integers;
   for (const PlannedOutput& output : shard.tensors) {
-    if (!output.tensor.cast) continue;
-    readGuarded(*output.tensor.data, [&] {
-      if (!fitsFloat32(output.tensor)) names.add("'" + output.tensor.name + "'");
+    const OutputTensor& tensor = output.tensor;
+    if (tensor.castFrom == nullptr) continue;
+    readGuarded(*tensor.data, [&] {
+      if (fitsFloat32(tensor)) return;
+      (tensor.castFrom->carried == Carried::AsF32 ? floats : integers).add("'" + tensor.name + "'");
     });
   }
-  if (names.count() == 0) return;
-  refuseWeights(kExitUnsupported, Id::WeightsType, shard.file->name(),
-                "64-bit floats too large for 32 bits are in " + names.text(),
-                "Pass --drop REGEX for the tensors that inference does not need.");
+  const auto refuse = [&](const std::string& what) {
+    refuseWeights(kExitUnsupported, Id::WeightsType, shard.file->name(), what,
+                  "Pass --drop REGEX for the tensors that inference does not need.");
+  };
+  if (floats.count() > 0) refuse("64-bit floats too large for 32 bits are in " + floats.text());
+  if (integers.count() > 0) refuse("integers that no 32-bit float equals are in " + integers.text());
 }
 
 std::vector<OutputTensor> tensorsOf(const PlannedShard& shard) {

@@ -13,6 +13,7 @@ struct WeightOptions {
   bool cast = false;              // 64-bit floats become 32-bit ones
   std::vector<std::string> drop;  // ECMAScript regular expressions, searched for in published tensor names
   bool textOnly = false;          // towers that are not the text model are left out
+  bool castIntegers = false;      // integers and booleans become 32-bit floats
 };
 
 // Writes the weights of directory `dir` into directory `out`, which exists and holds no weights. What they
