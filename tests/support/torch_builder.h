@@ -54,6 +54,30 @@ struct SavedTensor {
   std::uint64_t offset = 0;  // in elements
 };
 
+// `bytes` as the UTF-8 of the code points of their numbers.
+inline std::string latin1Text(std::string_view bytes) {
+  std::string out;
+  for (const char byte : bytes) {
+    const auto code = static_cast<unsigned char>(byte);
+    if (code < 0x80) {
+      out += byte;
+    } else {
+      out += code < 0xc0 ? '\xc2' : '\xc3';
+      out += char(0x80 | (code & 0x3f));
+    }
+  }
+  return out;
+}
+
+// An array of numpy's, as it is reduced for protocol 2.
+struct SavedArray {
+  std::vector<std::uint64_t> shape;
+  std::string bytes;
+  std::string code = "f4";
+  bool firstIsFastest = false;
+  std::string byteOrder = "<";
+};
+
 // A pickle program, opcode by opcode.
 class SavedPickle {
  public:
@@ -116,6 +140,34 @@ class SavedPickle {
     for (const SavedTensor& row : tensors)
       text(row.name).tensor(row, legacy);
     return op(pickle_op::kSetItems);
+  }
+
+  SavedPickle& numberType(std::string_view code, std::string_view byteOrder = "<") {
+    global("numpy", "dtype").text(code).op(pickle_op::kNewFalse).op(pickle_op::kNewTrue);
+    op(pickle_op::kTuple3).op(pickle_op::kReduce).op(pickle_op::kMark).op(pickle_op::kBinInt1, "\3");
+    text(byteOrder).repeat(3, std::string(1, pickle_op::kNone)).repeat(2, "J\xff\xff\xff\xff");
+    op(pickle_op::kBinInt1, std::string(1, '\0')).op(pickle_op::kTuple);
+    return op(pickle_op::kBuild);
+  }
+  SavedPickle& latin1(std::string_view utf8) {
+    global("_codecs", "encode").text(utf8).text("latin1");
+    return op(pickle_op::kTuple2).op(pickle_op::kReduce);
+  }
+  // An array that nothing has filled yet.
+  SavedPickle& unfilledArray() {
+    global("numpy.core.multiarray", "_reconstruct").global("numpy", "ndarray").tuple({0}).latin1("b");
+    return op(pickle_op::kTuple3).op(pickle_op::kReduce);
+  }
+  // What fills it; `type` and `raw` are opcodes that push the type and the bytes.
+  SavedPickle& arrayState(const std::vector<std::uint64_t>& shape, const SavedPickle& type,
+                          bool firstIsFastest, const SavedPickle& raw) {
+    op(pickle_op::kMark).op(pickle_op::kBinInt1, "\1").tuple(shape).raw(type.bytes());
+    op(firstIsFastest ? pickle_op::kNewTrue : pickle_op::kNewFalse).raw(raw.bytes());
+    return op(pickle_op::kTuple).op(pickle_op::kBuild);
+  }
+  SavedPickle& array(const SavedArray& array) {
+    return unfilledArray().arrayState(array.shape, bare().numberType(array.code, array.byteOrder),
+                                      array.firstIsFastest, bare().latin1(latin1Text(array.bytes)));
   }
 
   [[nodiscard]] const std::string& bytes() const { return stream_; }

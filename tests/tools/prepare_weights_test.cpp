@@ -196,6 +196,112 @@ TEST_F(WeightsTest, RefusesTensorsThatWouldGrowWithoutBound) {
       "bytes");
 }
 
+// ---- arrays of numpy's, which lie in the checkpoint's program
+
+// 16-bit floats: 1, 2, 3, 4, 5, 6.
+const std::string kSixHalves("\x00\x3c\x00\x40\x00\x42\x00\x44\x00\x45\x00\x46", 12);
+
+SavedPickle sixPlainAndSixTransposed() {
+  return SavedPickle()
+      .stateDict({{"tensor", {6}, {1}, "0", 6}})
+      .text("plain")
+      .array({{2, 3}, kSix, "f4"})
+      .op(test::pickle_op::kSetItem)
+      .text("transposed")
+      .array({{2, 3}, kSixHalves, "f2", true})
+      .op(test::pickle_op::kSetItem);
+}
+TEST_F(WeightsTest, WritesArraysBesideTensors) {
+  write("pytorch_model.bin", savedZip(sixPlainAndSixTransposed().stop(), {{"0", kSix}}).build());
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("model.safetensors: transposed: strides [1, 2] -> contiguous (pytorch.pickle)",
+                  "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"),
+              ElementsAre("plain F32 [2,3]", "tensor F32 [6]", "transposed F16 [2,3]"));
+  EXPECT_EQ(dataOf("model.safetensors", "plain"), kSix);
+  EXPECT_EQ(dataOf("model.safetensors", "tensor"), kSix);
+  // 1, 3, 5, 2, 4, 6.
+  EXPECT_EQ(dataOf("model.safetensors", "transposed"),
+            std::string("\x00\x3c\x00\x42\x00\x45\x00\x40\x00\x44\x00\x46", 12));
+  EXPECT_THAT(outNames(), ElementsAre("model.safetensors"));
+}
+
+TEST_F(WeightsTest, WritesTheArraysOfALegacyCheckpoint) {
+  write("pytorch_model.bin", savedLegacy(SavedPickle()
+                                             .stateDict({{"tensor", {6}, {1}, "7", 6}}, true)
+                                             .text("array")
+                                             .array({{3}, kSixHalves.substr(6), "f2"})
+                                             .op(test::pickle_op::kSetItem)
+                                             .stop(),
+                                         {{"7", 6, kSix}}));
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.legacy)"));
+  EXPECT_EQ(dataOf("model.safetensors", "array"), std::string("\x00\x44\x00\x45\x00\x46", 6));
+  EXPECT_EQ(dataOf("model.safetensors", "tensor"), kSix);
+}
+
+TEST_F(WeightsTest, WritesArraysOfADeflatedCheckpoint) {
+  write("pytorch_model.bin",
+        savedZip(sixPlainAndSixTransposed().stop(), {{"0", kSix}}, "archive", true).build());
+  EXPECT_THAT(
+      changeTexts(prepare()),
+      ElementsAre("model.safetensors: transposed: strides [1, 2] -> contiguous (pytorch.pickle)",
+                  "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.deflated)"));
+  EXPECT_EQ(dataOf("model.safetensors", "plain"), kSix);
+  EXPECT_EQ(dataOf("model.safetensors", "tensor"), kSix);
+}
+
+TEST_F(WeightsTest, CastsAnArrayOfDoubles) {
+  write("pytorch_model.bin", savedZip(SavedPickle()
+                                          .op(test::pickle_op::kEmptyDict)
+                                          .text("array")
+                                          .array({{2}, bytesOf<double>({0.5, -3}), "f8"})
+                                          .op(test::pickle_op::kSetItem)
+                                          .stop(),
+                                      {})
+                                 .build());
+  prepare({true, {}, false});
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("array F32 [2]"));
+  EXPECT_EQ(dataOf("model.safetensors", "array"), bytesOf<float>({0.5, -3}));
+}
+
+TEST_F(WeightsTest, RefusesAnArrayOfIntegersUntilItIsDropped) {
+  write("pytorch_model.bin", savedZip(SavedPickle()
+                                          .stateDict({{"w", {6}, {1}, "0", 6}})
+                                          .text("array")
+                                          .array({{1}, "12345678", "i8"})
+                                          .op(test::pickle_op::kSetItem)
+                                          .stop(),
+                                      {{"0", kSix}})
+                                 .build());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.storage-type");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: the container cannot carry these element types: 'array' (I64)");
+  prepare({false, {"^array$"}, false});
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+}
+
+TEST_F(WeightsTest, RefusesAnArrayInTheOtherByteOrder) {
+  write("pytorch_model.bin", savedZip(SavedPickle()
+                                          .stateDict({{"w", {6}, {1}, "0", 6}})
+                                          .text("array")
+                                          .array({{6}, kSix, "f4", false, ">"})
+                                          .op(test::pickle_op::kSetItem)
+                                          .stop(),
+                                      {{"0", kSix}})
+                                 .build());
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.pickle");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: checkpoint: the pickle has a numpy array whose byte order is not "
+            "little-endian");
+}
+
 // ---- checkpoints that an import reads as they are
 
 // In the plug-in's dialect: entries at the top of the archive, named by the program.

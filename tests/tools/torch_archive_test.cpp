@@ -15,6 +15,7 @@ namespace {
 using test::bytesOf;
 using test::IsOk;
 using test::littleEndian;
+using test::SavedArray;
 using test::savedLegacy;
 using test::SavedPickle;
 using test::SavedTensor;
@@ -338,6 +339,186 @@ TEST(TorchLegacy, SurvivesEveryTruncation) {
   ASSERT_THAT(Parsed(whole).status, IsOk());
   for (std::size_t size = 0; size < whole.size(); ++size)
     EXPECT_FALSE(Parsed(whole.substr(0, size)).status.ok()) << size;
+}
+
+// ---- arrays of numpy's, which lie in the program
+
+// Bytes from 0 to 255, again and again.
+std::string everyByte(std::size_t size) {
+  std::string out;
+  for (std::size_t k = 0; k < size; ++k)
+    out += static_cast<char>(static_cast<unsigned char>(k));
+  return out;
+}
+std::string unpacked(TorchCheckpoint& checkpoint, const TorchStorage& storage) {
+  std::string out;
+  EXPECT_THAT(checkpoint.inflate(storage,
+                                 [&](std::string_view piece) {
+                                   out += piece;
+                                   return true;
+                                 }),
+              IsOk());
+  return out;
+}
+// A tensor "w" of storage "0", then the array "a".
+SavedPickle withArray(const SavedArray& array, bool legacy) {
+  return SavedPickle().stateDict({{"w", {4}, {1}, "0", 4}}, legacy).text("a").array(array).op(op::kSetItem);
+}
+
+TEST(TorchZip, FindsAnArrayBesideATensor) {
+  const SavedArray array{{2, 64}, everyByte(256), "f2", true};
+  Parsed parsed(savedZip(withArray(array, false).stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  ASSERT_EQ(parsed.checkpoint.tensors().size(), 2u);
+  const TorchTensor& a = parsed.checkpoint.tensors()[1];
+  EXPECT_EQ(a.name, "a");
+  EXPECT_EQ(a.type->name, "F16");
+  EXPECT_EQ(a.shape, (std::vector<std::uint64_t>{2, 64}));
+  EXPECT_EQ(a.strides, (std::vector<std::uint64_t>{1, 2}));
+  const TorchStorage& storage = parsed.checkpoint.storages().at(a.storage);
+  EXPECT_TRUE(storage.isPacked());
+  EXPECT_FALSE(storage.deflated);
+  EXPECT_EQ(storage.bytes, 256u);
+  EXPECT_EQ(unpacked(parsed.checkpoint, storage), everyByte(256));
+  EXPECT_EQ(parsed.at(parsed.checkpoint.tensors()[0], 16), kFloats);
+}
+
+TEST(TorchZip, DoesNotCallAStorageInTheFilePacked) {
+  const Parsed parsed(goodZip().build());
+  ASSERT_THAT(parsed.status, IsOk());
+  EXPECT_FALSE(parsed.checkpoint.storages().at(0).isPacked());
+}
+
+TEST(TorchLegacy, FindsAnArrayThatItsListOfStoragesDoesNotName) {
+  const SavedArray array{{256}, everyByte(256), "u1", false, "|"};
+  Parsed parsed(savedLegacy(withArray(array, true).stop(), {{"0", 4, kFloats}}));
+  ASSERT_THAT(parsed.status, IsOk());
+  ASSERT_EQ(parsed.checkpoint.tensors().size(), 2u);
+  const TorchStorage& storage = parsed.checkpoint.storages().at(parsed.checkpoint.tensors()[1].storage);
+  EXPECT_EQ(unpacked(parsed.checkpoint, storage), everyByte(256));
+  EXPECT_EQ(parsed.at(parsed.checkpoint.tensors()[0], 16), kFloats);
+}
+
+TEST(TorchCheckpoint, MayHoldNothingButArrays) {
+  const SavedPickle program =
+      SavedPickle().op(op::kEmptyDict).text("a").array({{1}, "abcd"}).op(op::kSetItem);
+  for (const std::string& file : {savedZip(program.stop(), {}).build(), savedLegacy(program.stop(), {})}) {
+    Parsed parsed(file);
+    ASSERT_THAT(parsed.status, IsOk());
+    ASSERT_EQ(parsed.checkpoint.storages().size(), 1u);
+    EXPECT_EQ(unpacked(parsed.checkpoint, parsed.checkpoint.storages()[0]), "abcd");
+  }
+}
+
+TEST(TorchCheckpoint, KeepsArraysApart) {
+  const SavedPickle program = SavedPickle()
+                                  .op(op::kEmptyDict)
+                                  .text("a")
+                                  .array({{1}, "abcd"})
+                                  .op(op::kSetItem)
+                                  .text("b")
+                                  .array({{1}, "efgh"})
+                                  .op(op::kSetItem);
+  Parsed parsed(savedZip(program.stop(), {}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  ASSERT_EQ(parsed.checkpoint.storages().size(), 2u);
+  EXPECT_EQ(unpacked(parsed.checkpoint, parsed.checkpoint.storages()[0]), "abcd");
+  EXPECT_EQ(unpacked(parsed.checkpoint, parsed.checkpoint.storages()[1]), "efgh");
+}
+
+TEST(TorchCheckpoint, HasOneStorageForAnArrayOfTwoNames) {
+  const SavedPickle program = SavedPickle()
+                                  .op(op::kEmptyDict)
+                                  .text("a")
+                                  .array({{1}, "abcd"})
+                                  .op(op::kBinPut, "\1")
+                                  .op(op::kSetItem)
+                                  .text("b")
+                                  .op(op::kBinGet, "\1")
+                                  .op(op::kSetItem);
+  const Parsed parsed(savedZip(program.stop(), {}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  ASSERT_EQ(parsed.checkpoint.tensors().size(), 2u);
+  EXPECT_EQ(parsed.checkpoint.storages().size(), 1u);
+  EXPECT_EQ(parsed.checkpoint.tensors()[1].storage, 0u);
+}
+
+// 65536 bytes make a piece.
+class TorchArrayPieces : public testing::TestWithParam<bool> {
+ protected:
+  static std::string file(std::size_t size) {
+    SavedPickle raw = SavedPickle::bare();
+    if (GetParam()) {
+      raw.latin1(test::latin1Text(everyByte(size)));
+    } else {
+      raw.op(op::kBinBytes, littleEndian(size, 4)).raw(everyByte(size));
+    }
+    SavedPickle program;
+    program.op(op::kEmptyDict).text("a").unfilledArray();
+    program.arrayState({size}, SavedPickle::bare().numberType("u1", "|"), false, raw).op(op::kSetItem);
+    return savedLegacy(program.stop(), {});
+  }
+};
+TEST_P(TorchArrayPieces, MakeItWhole) {
+  for (const std::size_t size : {65535, 65536, 65537, 200000}) {
+    Parsed parsed(file(size));
+    ASSERT_THAT(parsed.status, IsOk());
+    EXPECT_TRUE(unpacked(parsed.checkpoint, parsed.checkpoint.storages()[0]) == everyByte(size)) << size;
+  }
+}
+TEST_P(TorchArrayPieces, EndWhenNoMoreAreWanted) {
+  Parsed parsed(file(200000));
+  ASSERT_THAT(parsed.status, IsOk());
+  std::size_t pieces = 0;
+  EXPECT_THAT(parsed.checkpoint.inflate(parsed.checkpoint.storages()[0],
+                                        [&](std::string_view piece) {
+                                          EXPECT_EQ(piece, everyByte(65536));
+                                          return ++pieces < 2;
+                                        }),
+              IsOk());
+  EXPECT_EQ(pieces, 2u);
+}
+INSTANTIATE_TEST_SUITE_P(All, TorchArrayPieces, testing::Bool(),
+                         [](const auto& row) { return row.param ? "Encoded" : "AsTheyAre"; });
+
+// The file changes after its program was run: "\xc3\xbf" becomes `now`.
+Status unpackedAfterAChange(std::string_view now, std::uint64_t& handed) {
+  SavedPickle program;
+  program.op(op::kEmptyDict).text("a").array({{4}, "abc\xff", "u1", false, "|"}).op(op::kSetItem);
+  Parsed parsed(savedLegacy(program.stop(), {}));
+  EXPECT_THAT(parsed.status, IsOk());
+  parsed.bytes.replace(parsed.bytes.find("\xc3\xbf"), 2, now);
+  handed = 0;
+  return parsed.checkpoint.inflate(parsed.checkpoint.storages().at(0), [&](std::string_view piece) {
+    handed += piece.size();
+    return true;
+  });
+}
+TEST(TorchLegacy, TellsAnArrayThatIsNoTextAnyMore) {
+  std::uint64_t handed;
+  EXPECT_THAT(unpackedAfterAChange("\xff\xff", handed),
+              StatusIs(Code::Corrupted, "checkpoint: a numpy array cannot be read"));
+  EXPECT_EQ(handed, 3u);
+}
+TEST(TorchLegacy, HandsOutNoMoreOfAnArrayThatBecameLonger) {
+  std::uint64_t handed;
+  EXPECT_THAT(unpackedAfterAChange("de", handed), IsOk());
+  EXPECT_EQ(handed, 4u);
+}
+TEST(TorchLegacy, TellsAnArrayThatBecameShorter) {
+  SavedPickle program;
+  program.op(op::kEmptyDict).text("a").array({{4}, "abcd", "u1", false, "|"}).op(op::kSetItem);
+  Parsed parsed(savedLegacy(program.stop(), {}));
+  ASSERT_THAT(parsed.status, IsOk());
+  parsed.bytes.replace(parsed.bytes.find("abcd"), 4, "\xc2\x80\xc2\x80");
+  std::uint64_t handed = 0;
+  EXPECT_THAT(parsed.checkpoint.inflate(parsed.checkpoint.storages().at(0),
+                                        [&](std::string_view piece) {
+                                          handed += piece.size();
+                                          return true;
+                                        }),
+              StatusIs(Code::Corrupted, "checkpoint: a numpy array cannot be read"));
+  EXPECT_EQ(handed, 2u);
 }
 
 // ---- other formats, and what is in the program

@@ -45,6 +45,13 @@ std::uint64_t declaredBytes(const PickleStorage& storage) {
                                                                   : std::numeric_limits<std::uint64_t>::max();
 }
 
+// The position of `key`, which is `next` when it is new, and whether it is.
+template <class Key>
+std::pair<std::size_t, bool> emplaced(std::map<Key, std::size_t>& positions, Key key, std::size_t next) {
+  const auto [found, isNew] = positions.emplace(key, next);
+  return {found->second, isNew};
+}
+
 }  // namespace
 
 Status TorchCheckpoint::parse(std::string_view file) {
@@ -122,7 +129,17 @@ Status TorchCheckpoint::readByteOrder(const std::string& folder) {
 
 Status TorchCheckpoint::inflate(const TorchStorage& storage,
                                 const std::function<bool(std::string_view)>& sink) {
-  return zip_.read(storage.entry, sink);
+  if (!storage.content.has_value()) return zip_.read(storage.entry, sink);
+  std::uint64_t left = storage.bytes;
+  bool more = true;
+  const bool whole = readBytes(*storage.content, [&](std::string_view piece) {
+    piece = piece.substr(0, left);
+    left -= piece.size();
+    more = sink(piece);
+    return more && left > 0;
+  });
+  // The file may be written to meanwhile.
+  return !more || (whole && left == 0) ? Status() : corrupted("checkpoint: a numpy array cannot be read");
 }
 
 // ---- the form before: five pickles (magic number, protocol, system, object, storage keys), then for each
@@ -210,24 +227,32 @@ Status TorchCheckpoint::walkLegacyStorages(const PickleValue& keys, std::uint64_
 Status TorchCheckpoint::takeTensors(
     const std::function<Status(const PickleStorage&, TorchStorage&)>& locate) {
   std::map<std::string_view, std::size_t> positions;
+  std::map<const PickleStorage*, std::size_t> arrayPositions;
   for (auto& [name, tensor] : dict_.tensors) {
     const PickleStorage& declared = *tensor->storage;
-    const auto [found, isNew] = positions.emplace(declared.key, storages_.size());
+    const bool isArray = declared.content != nullptr;
+    const auto [position, isNew] = isArray ? emplaced(arrayPositions, &declared, storages_.size())
+                                           : emplaced(positions, declared.key, storages_.size());
     if (isNew) {
       TorchStorage storage;
       storage.key = declared.key;
-      ZEL_RETURN_IF_ERROR(locate(declared, storage));
+      if (isArray) {
+        storage.bytes = declaredBytes(declared);
+        storage.content = *declared.content;
+      } else {
+        ZEL_RETURN_IF_ERROR(locate(declared, storage));
+      }
       storages_.push_back(std::move(storage));
     }
     // Another tensor may declare the same storage longer, or of another type.
     const std::uint64_t need = declaredBytes(declared);
-    if (const TorchStorage& storage = storages_[found->second]; need > storage.bytes) {
+    if (const TorchStorage& storage = storages_[position]; need > storage.bytes) {
       return tooFewBytes(storage.key, storage.bytes, need);
     }
     TorchTensor& out = tensors_.emplace_back();
     out.name = std::move(name);
     out.type = tensor->type;
-    out.storage = found->second;
+    out.storage = position;
     out.begin = tensor->begin * tensor->type->bytes;
     out.shape = sizesOf(*tensor->shape);
     out.strides = sizesOf(*tensor->strides);

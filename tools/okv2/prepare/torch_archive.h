@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,13 +17,16 @@
 
 namespace zel::tool::prepare {
 
-// A run of elements in the file.
+// A run of elements, in the file or packed in it.
 struct TorchStorage {
-  std::string key;
+  std::string key;  // empty for that of an array
   std::uint64_t bytes = 0;
-  std::uint64_t fileOffset = 0;  // unless deflated
+  std::uint64_t fileOffset = 0;  // unless packed
   bool deflated = false;
-  ZipEntryInfo entry;  // of a deflated one
+  ZipEntryInfo entry;                   // of a deflated one
+  std::optional<ProgramBytes> content;  // of an array, which lies in the program
+
+  [[nodiscard]] bool isPacked() const noexcept { return deflated || content.has_value(); }
 };
 
 struct TorchTensor {
@@ -34,7 +38,8 @@ struct TorchTensor {
   std::vector<std::uint64_t> strides;  // in elements; as many
 };
 
-// Every tensor lies inside its storage, and every stored storage inside the file. Not thread-safe.
+// Every tensor lies inside its storage, and every storage that is not packed inside the file. Not
+// thread-safe.
 class TorchCheckpoint {
  public:
   // Reads everything but the tensors' bytes; called once. `file` is borrowed for the life of the object.
@@ -52,8 +57,9 @@ class TorchCheckpoint {
   [[nodiscard]] const std::vector<OtherEntry>& others() const noexcept { return dict_.others; }
   [[nodiscard]] bool isZip() const noexcept { return isZip_; }
 
-  // Hands the bytes of a deflated storage to `sink`, piece by piece. Corrupted when they are not what the
-  // archive declares; a false from `sink` ends it without a failure.
+  // Hands the bytes of a packed storage to `sink`, piece by piece. Corrupted when they are not what the
+  // archive declares, or not what they were when the program was run; a false from `sink` ends it without a
+  // failure.
   Status inflate(const TorchStorage& storage, const std::function<bool(std::string_view)>& sink);
 
  private:

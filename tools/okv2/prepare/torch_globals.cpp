@@ -5,8 +5,9 @@ namespace {
 
 using Role = PickleRole;
 
-// torch/_utils.py, torch/storage.py and torch/serialization.py of PyTorch; the inert ones are what training
-// programs keep beside the weights.
+// torch/_utils.py, torch/storage.py and torch/serialization.py of PyTorch. Arrays: core/numeric.py and
+// core/src/multiarray/methods.c and descriptor.c of numpy, whose 2.0 renamed core, and pickle.py of CPython.
+// The inert ones are what training programs keep beside the weights.
 constexpr PickleGlobal kGlobals[] = {
     {"collections", "OrderedDict", Role::OrderedDict, ""},
     {"torch._utils", "_rebuild_tensor", Role::RebuildTensor, ""},
@@ -47,14 +48,18 @@ constexpr PickleGlobal kGlobals[] = {
     {"torch", "complex64", Role::ElementTypeObject, "C64"},
     {"torch", "complex128", Role::ElementTypeObject, "C128"},
     {"torch", "Size", Role::Size, ""},
-    {"torch", "device", Role::Inert, ""},
-    {"_codecs", "encode", Role::Inert, ""},
-    {"numpy", "dtype", Role::Inert, ""},
-    {"numpy", "ndarray", Role::Inert, ""},
-    {"numpy.core.multiarray", "_reconstruct", Role::Inert, ""},
+    {"numpy", "ndarray", Role::ArrayClass, ""},
+    {"numpy", "dtype", Role::NumberType, ""},
+    {"numpy.core.multiarray", "_reconstruct", Role::ArrayMaker, ""},
+    {"numpy._core.multiarray", "_reconstruct", Role::ArrayMaker, ""},
+    {"numpy.core.numeric", "_frombuffer", Role::ArrayFromBuffer, ""},
+    {"numpy._core.numeric", "_frombuffer", Role::ArrayFromBuffer, ""},
+    {"_codecs", "encode", Role::Encode, ""},
+    {"builtins", "bytes", Role::BytesClass, ""},
+    {"__builtin__", "bytes", Role::BytesClass, ""},
     {"numpy.core.multiarray", "scalar", Role::Inert, ""},
-    {"numpy._core.multiarray", "_reconstruct", Role::Inert, ""},
     {"numpy._core.multiarray", "scalar", Role::Inert, ""},
+    {"torch", "device", Role::Inert, ""},
     {"argparse", "Namespace", Role::Inert, ""},
     {"collections", "defaultdict", Role::Inert, ""},
     {"builtins", "dict", Role::Inert, ""},

@@ -16,6 +16,12 @@ enum class PickleRole : std::uint8_t {
   StorageType,        // the second item of a persistent id
   ElementTypeObject,  // torch.float32 and the like
   Size,               // a tuple
+  ArrayClass,         // numpy.ndarray
+  ArrayMaker,         // (class, ...): an array that its state will fill
+  ArrayFromBuffer,    // (bytes, number type, shape, order): an array
+  NumberType,         // ("f4", ...): numpy.dtype
+  Encode,             // (text, "latin1"): bytes
+  BytesClass,         // (): no bytes
   Inert,
 };
 

@@ -17,14 +17,34 @@ constexpr std::size_t kShownBytes = 200;  // of a global's name, in a message
 constexpr std::size_t kMaxKeyBytes = 256;
 constexpr std::uint64_t kMaxMetadataItems = 16;  // the memo may hand out one long dictionary to every tensor
 
+bool isClass(PickleRole role) {
+  switch (role) {
+    case PickleRole::OrderedDict:
+    case PickleRole::Size:
+    case PickleRole::ArrayClass:
+    case PickleRole::NumberType:
+    case PickleRole::BytesClass:
+    case PickleRole::Inert: return true;
+    case PickleRole::RebuildTensor:
+    case PickleRole::RebuildTyped:
+    case PickleRole::RebuildParameter:
+    case PickleRole::StorageType:
+    case PickleRole::ElementTypeObject:
+    case PickleRole::ArrayMaker:
+    case PickleRole::ArrayFromBuffer:
+    case PickleRole::Encode: break;
+  }
+  return false;
+}
+
 // Extents, strides and offsets: an Integer of 0 and more.
 bool isSize(const PickleValue& value) { return value.is(Kind::Integer) && value.integer() >= 0; }
 
-bool areSizes(const PickleNode& node) {
-  for (const PickleItem* item = node.first; item != nullptr; item = item->next) {
-    if (!isSize(item->value)) return false;
-  }
-  return true;
+// An array is a tensor once it is filled. One that a container takes before is inert there for good: picklers
+// fill first.
+PickleValue settled(const PickleValue& value) {
+  const ArrayPart* const part = value.part();
+  return part == nullptr || part->tensor == nullptr ? value : PickleValue(part->tensor);
 }
 
 // One more than the last element that a tensor reaches, counted from the start of its run; 0 for a tensor
@@ -54,6 +74,13 @@ bool reachOf(const PickleTensor& tensor, std::uint64_t& reach) {
 
 }  // namespace
 
+bool PickleNode::holdsSizes() const noexcept {
+  for (const PickleItem* item = first; item != nullptr; item = item->next) {
+    if (!isSize(item->value)) return false;
+  }
+  return true;
+}
+
 const PickleValue& PickleNode::at(std::uint64_t k) const noexcept {
   const PickleItem* item = first;
   for (; k > 0; --k)
@@ -67,6 +94,7 @@ Status TorchPickle::run(std::string_view bytes, PickleValue& root, std::uint64_t
   stack_.clear();
   marks_.clear();
   memo_.clear();
+  arrayBytes_ = 0;
   failure_ = Status();
   std::uint8_t opcode = 0;
   while (failure_.ok() && opcode != kStop) {
@@ -80,7 +108,7 @@ Status TorchPickle::run(std::string_view bytes, PickleValue& root, std::uint64_t
   if (!marks_.empty() || stack_.size() != 1) {
     return corrupted("checkpoint: the pickle leaves " + std::to_string(stack_.size()) + " values behind");
   }
-  root = stack_.back();
+  root = settled(stack_.back());
   consumed = in_.position();
   return {};
 }
@@ -118,8 +146,8 @@ bool TorchPickle::step(std::uint8_t opcode) {
     case 'N': return push(PickleValue(Kind::None));  // NONE
     case 'Q': return persistentId();                 // BINPERSID
     case 'R': return reduce(false);                  // REDUCE
-    case 'T': return pushText(Kind::Text, 4);        // BINSTRING: Python 2
-    case 'U': return pushText(Kind::Text, 1);        // SHORT_BINSTRING: Python 2
+    case 'T': return pushByteString(4);              // BINSTRING: Python 2
+    case 'U': return pushByteString(1);              // SHORT_BINSTRING: Python 2
     case 'X': return pushText(Kind::Text, 4);        // BINUNICODE
     case ']': return newContainer(Kind::List);       // EMPTY_LIST
     case 'a': return append();                       // APPEND
@@ -245,6 +273,12 @@ bool TorchPickle::pushText(PickleKind kind, unsigned lengthBytes) {
   return push(PickleValue(kind, text));
 }
 
+bool TorchPickle::pushByteString(unsigned lengthBytes) {
+  if (!pushText(Kind::Text, lengthBytes)) return false;
+  stack_.back() = PickleValue::byteString(stack_.back().text());
+  return true;
+}
+
 bool TorchPickle::pushLong(unsigned lengthBytes) {
   std::uint64_t length = 0;
   std::string_view raw;
@@ -312,10 +346,10 @@ bool TorchPickle::addItem(PickleNode& node, const PickleValue& key, const Pickle
   if (!spend(1)) return false;
   PickleItem* const item = items_.make();
   item->key = key;
-  item->value = value;
+  item->value = settled(value);
   (node.count++ == 0 ? node.first : node.last->next) = item;
   node.last = item;
-  node.holdsTensor = node.holdsTensor || value.is(Kind::Tensor);
+  node.holdsTensor = node.holdsTensor || item->value.is(Kind::Tensor);
   return true;
 }
 
@@ -467,8 +501,7 @@ bool TorchPickle::reduce(bool isNewObject) {
   if (what.is(Kind::Inert)) return push(PickleValue(Kind::Inert));
   if (!what.is(Kind::Global)) return corrupt("calls what cannot be called");
   const PickleRole role = what.global().role;
-  if (isNewObject && role != PickleRole::OrderedDict && role != PickleRole::Inert &&
-      role != PickleRole::Size) {
+  if (isNewObject && !isClass(role)) {
     return corrupt("makes an object of what is no class");
   }
   return call(what.global(), args.node());
@@ -485,6 +518,14 @@ bool TorchPickle::call(const PickleGlobal& what, const PickleNode& args) {
     case PickleRole::Size:
       if (args.count != 1 || !args.first->value.is(Kind::Tuple)) return corrupt("has a bad torch.Size");
       return push(args.first->value);
+    case PickleRole::NumberType: return newNumberType(args);
+    case PickleRole::ArrayMaker: return newArray(args);
+    case PickleRole::ArrayFromBuffer: return arrayFromBuffer(args);
+    case PickleRole::Encode: return encode(args);
+    case PickleRole::BytesClass:
+      // How protocol 2 writes no bytes at all.
+      return push(args.count == 0 ? PickleValue(Kind::Bytes, std::string_view()) : PickleValue(Kind::Inert));
+    case PickleRole::ArrayClass:
     case PickleRole::Inert: return push(PickleValue(Kind::Inert));
     case PickleRole::StorageType:
     case PickleRole::ElementTypeObject: break;
@@ -524,7 +565,7 @@ bool TorchPickle::rebuildTensor(const PickleNode& args, bool typeIsGiven) {
   }
   if (shape.node().count > kMaxTorchExtents)
     return reject("has a tensor of more than " + std::to_string(kMaxTorchExtents) + " extents");
-  if (!areSizes(shape.node()) || !areSizes(strides.node())) return corrupt("has a bad tensor");
+  if (!shape.node().holdsSizes() || !strides.node().holdsSizes()) return corrupt("has a bad tensor");
   if (args.count > metadataPosition && !acceptMetadata(args.at(metadataPosition))) return false;
   if (!spend(1)) return false;
   PickleTensor* const tensor = tensors_.make();
@@ -578,10 +619,11 @@ bool TorchPickle::acceptMetadata(const PickleValue& metadata) {
 }
 
 // State of a dictionary is torch's note of versions ("_metadata"); that of other objects is dropped with
-// them.
+// them. Types of numbers and arrays are what their state says.
 bool TorchPickle::build() {
   if (!have(2)) return false;
-  (void)take();
+  const PickleValue state = take();
+  if (ArrayPart* const part = stack_.back().part(); part != nullptr) return setState(*part, state);
   if (stack_.back().is(Kind::Dict) || stack_.back().is(Kind::Inert)) return true;
   return corrupt("gives state to what has none");
 }

@@ -2,7 +2,8 @@
 //
 // Opcodes: Lib/pickletools.py of CPython, those that its pickler writes with protocols 2 to 5 (and with
 // protocol 2 under Python 2). Globals are looked up in a closed list and never imported; what they build:
-// torch/_utils.py and torch/serialization.py of PyTorch.
+// torch/_utils.py and torch/serialization.py of PyTorch. An array of numpy's becomes a tensor like any other
+// when its elements are numbers that kElementTypes has.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +17,7 @@
 #include "container/bytes.h"
 #include "container/status.h"
 #include "okv2/prepare/element_type.h"
+#include "okv2/prepare/program_bytes.h"
 
 namespace zel::tool::prepare {
 
@@ -34,13 +36,15 @@ enum class PickleKind : std::uint8_t {
   Global,
   Storage,
   Tensor,
-  Inert,  // stands for an object that weights do not need, a numpy scalar say; its content is dropped
+  Inert,  // stands for an object that weights do not need, a numpy scalar say; its content is dropped, unless
+          // it is part of an array
 };
 
 struct PickleNode;
 struct PickleStorage;
 struct PickleTensor;
 struct PickleGlobal;
+struct ArrayPart;
 
 // One value: cheap to copy. Containers are references, as in Python; they belong to the machine, and texts
 // are views of the program.
@@ -56,6 +60,13 @@ class PickleValue {
   explicit PickleValue(const PickleStorage* storage) noexcept
       : kind_(PickleKind::Storage), storage_(storage) {}
   explicit PickleValue(const PickleTensor* tensor) noexcept : kind_(PickleKind::Tensor), tensor_(tensor) {}
+  explicit PickleValue(ArrayPart* part) noexcept : kind_(PickleKind::Inert), isPart_(true), part_(part) {}
+  // A Text that is a string of bytes, as only Python 2 writes it.
+  static PickleValue byteString(std::string_view text) noexcept {
+    PickleValue value(PickleKind::Text, text);
+    value.isByteString_ = true;
+    return value;
+  }
 
   [[nodiscard]] PickleKind kind() const noexcept { return kind_; }
   [[nodiscard]] bool is(PickleKind kind) const noexcept { return kind_ == kind; }
@@ -69,8 +80,14 @@ class PickleValue {
   [[nodiscard]] const PickleStorage& storage() const noexcept { return *storage_; }  // Storage
   [[nodiscard]] const PickleTensor& tensor() const noexcept { return *tensor_; }     // Tensor
 
+  [[nodiscard]] bool isByteString() const noexcept { return isByteString_; }
+  // Null for what is no part of an array.
+  [[nodiscard]] ArrayPart* part() const noexcept { return isPart_ ? part_ : nullptr; }
+
  private:
   PickleKind kind_ = PickleKind::Unset;
+  bool isByteString_ = false;
+  bool isPart_ = false;
   std::uint32_t size_ = 0;
   union {
     std::int64_t integer_ = 0;
@@ -80,6 +97,7 @@ class PickleValue {
     const PickleGlobal* global_;
     const PickleStorage* storage_;
     const PickleTensor* tensor_;
+    ArrayPart* part_;
   };
 };
 
@@ -99,15 +117,18 @@ struct PickleNode {
 
   // The caller has checked `count`. Walks from the front.
   [[nodiscard]] const PickleValue& at(std::uint64_t k) const noexcept;
+  // Whether every item is an Integer of 0 and more.
+  [[nodiscard]] bool holdsSizes() const noexcept;
 };
 
 // A run of elements, as a tensor refers to it.
 struct PickleStorage {
   std::string_view key;  // what the file knows it by
   const ElementType* type = nullptr;
-  std::uint64_t elements = 0;   // of the stored run, counted from its start
-  std::uint64_t viewBegin = 0;  // where this storage begins in it, in elements
-  std::uint64_t viewEnd = 0;    // and ends
+  std::uint64_t elements = 0;             // of the stored run, counted from its start
+  std::uint64_t viewBegin = 0;            // where this storage begins in it, in elements
+  std::uint64_t viewEnd = 0;              // and ends
+  const ProgramBytes* content = nullptr;  // of an array, which has no key and no place in the file
 };
 
 // Every tensor keeps its own copy, so a shape that the memo hands out again and again must be short.
@@ -119,6 +140,16 @@ struct PickleTensor {
   std::uint64_t begin = 0;              // first element in the stored run, counted in elements of `type`
   const PickleNode* shape = nullptr;    // Integers of 0 and more, at most kMaxTorchExtents
   const PickleNode* strides = nullptr;  // in elements; as many
+};
+
+// What an Inert value is on the way to an array.
+struct ArrayPart {
+  enum class Kind : std::uint8_t { NumberType, EncodedText, Array };
+  Kind kind = Kind::Array;
+  const ElementType* type = nullptr;     // of a NumberType; null for what is no number of ours
+  bool isBigEndian = false;              // of a NumberType
+  std::string_view text;                 // of an EncodedText: UTF-8
+  const PickleTensor* tensor = nullptr;  // of an Array, once it is filled
 };
 
 // Hands out objects that live as long as the arena and never move.
@@ -154,7 +185,7 @@ class TorchPickle {
   //   values
   Status run(std::string_view bytes, PickleValue& root, std::uint64_t& consumed);
 
-  // Every storage that a program referred to, in its order.
+  // Every storage that a program referred to, in its order; those of arrays are not among them.
   [[nodiscard]] const std::vector<const PickleStorage*>& storages() const noexcept { return storages_; }
 
  private:
@@ -177,6 +208,7 @@ class TorchPickle {
   bool pushInteger(unsigned bytes, bool isSigned);
   bool readLength(unsigned bytes, std::uint64_t& out);
   bool pushText(PickleKind kind, unsigned lengthBytes);
+  bool pushByteString(unsigned lengthBytes);
   bool pushLong(unsigned lengthBytes);
   bool pushReal();
   bool pushDecimalLine();
@@ -207,6 +239,18 @@ class TorchPickle {
   bool acceptMetadata(const PickleValue& metadata);
   bool build();
 
+  // torch_arrays.cpp
+  bool pushPart(const ArrayPart& part);
+  bool newNumberType(const PickleNode& args);
+  bool newArray(const PickleNode& args);
+  bool encode(const PickleNode& args);
+  bool arrayFromBuffer(const PickleNode& args);
+  bool setState(ArrayPart& part, const PickleValue& state);
+  bool fill(ArrayPart& array, const PickleValue& state);
+  const PickleTensor* makeArray(const PickleValue& shape, const ArrayPart& type, bool firstIsFastest,
+                                const PickleValue& raw);
+  bool measureContent(const PickleStorage& storage);
+
   ByteReader in_{std::string_view()};
   std::vector<PickleValue> stack_;
   std::vector<std::size_t> marks_;  // positions in stack_, ascending
@@ -215,9 +259,12 @@ class TorchPickle {
   PickleArena<PickleNode> nodes_;
   PickleArena<PickleStorage> storageArena_;
   PickleArena<PickleTensor> tensors_;
+  PickleArena<ArrayPart> parts_;
+  PickleArena<ProgramBytes> contents_;
   std::vector<const PickleStorage*> storages_;
   std::uint64_t values_ = 0;
-  bool cut_ = false;  // the bytes were more than a program may have
+  std::uint64_t arrayBytes_ = 0;  // of all arrays of this program
+  bool cut_ = false;              // the bytes were more than a program may have
   Status failure_;
 };
 

@@ -196,8 +196,8 @@ void WeightFile::addTorchTensor(const TorchTensor& tensor) {
   out.shape = tensor.shape;
   if (!isContiguous(tensor.shape, tensor.strides)) out.strides = tensor.strides;
   out.storage = tensor.storage;
-  out.deflated = storage.deflated;
-  out.offset = storage.deflated ? tensor.begin : storage.fileOffset + tensor.begin;
+  out.packed = storage.isPacked();
+  out.offset = out.packed ? tensor.begin : storage.fileOffset + tensor.begin;
   if (!bytesOf(out.shape, tensor.type->bytes, out.bytes)) {
     refuseWeights(kExitCorrupted, Id::WeightsRefused, name_,
                   "tensor '" + tensor.name + "' has a shape of more than 2^64 bytes");
@@ -207,7 +207,7 @@ void WeightFile::addTorchTensor(const TorchTensor& tensor) {
 void WeightFile::refuseGrowth() const {
   std::uint64_t have = file_.bytes.size();
   for (const TorchStorage& storage : torch_.storages()) {
-    if (storage.deflated) have += storage.bytes;
+    if (storage.isPacked()) have += storage.bytes;
   }
   std::uint64_t want = 0;
   bool fits = true;
@@ -229,7 +229,7 @@ void WeightFile::unpack(const std::vector<std::size_t>& tensors, const std::stri
   std::vector<std::uint64_t> used(torch_.storages().size(), 0);  // bytes from the start of each storage
   for (const std::size_t position : tensors) {
     const SourceTensor& tensor = tensors_[position];
-    if (!tensor.deflated || tensor.bytes == 0) continue;
+    if (!tensor.packed || tensor.bytes == 0) continue;
     used[tensor.storage] = std::max(used[tensor.storage], tensor.offset + reachOf(tensor));
   }
   unpackedAt_.assign(used.size(), 0);
@@ -270,11 +270,11 @@ void WeightFile::unpackStorage(const TorchStorage& storage, std::uint64_t used, 
 }
 
 const DataFile& WeightFile::dataOf(const SourceTensor& tensor) const noexcept {
-  return tensor.deflated ? unpacked_ : file_;
+  return tensor.packed ? unpacked_ : file_;
 }
 
 std::uint64_t WeightFile::offsetOf(const SourceTensor& tensor) const {
-  return tensor.deflated ? unpackedAt_[tensor.storage] + tensor.offset : tensor.offset;
+  return tensor.packed ? unpackedAt_[tensor.storage] + tensor.offset : tensor.offset;
 }
 
 }  // namespace zel::tool::prepare

@@ -28,9 +28,9 @@ struct SourceTensor {
   std::vector<std::uint64_t> shape;
   std::vector<std::uint64_t> strides;  // in elements; empty when the elements lie one after the other
   std::uint64_t bytes = 0;             // of the elements, one after the other
-  std::uint64_t offset = 0;            // in the data file; of a deflated one, in its storage
+  std::uint64_t offset = 0;            // in the data file; of a packed one, in its storage
   std::size_t storage = 0;             // of a torch checkpoint
-  bool deflated = false;
+  bool packed = false;                 // as TorchStorage is
 };
 
 // Not thread-safe. Stays where it is: tensors that are written point into it.
@@ -44,7 +44,7 @@ class WeightFile {
   // would take very much more room than it has.
   void open(const std::string& dir, const std::string& name, bool safetensors);
 
-  // Unpacks the storages of the deflated tensors among `tensors` (positions), up to the last byte that one of
+  // Unpacks the storages of the packed tensors among `tensors` (positions), up to the last byte that one of
   // them has, to a file without a name in the directory `out`. Throws Refused when they are damaged; of a
   // storage that is very much longer than that, the rest is not looked at.
   void unpack(const std::vector<std::size_t>& tensors, const std::string& out);
@@ -59,9 +59,10 @@ class WeightFile {
   [[nodiscard]] const std::string& within() const noexcept { return torch_.within(); }
   [[nodiscard]] TensorNaming naming() const noexcept { return torch_.naming(); }
   [[nodiscard]] const std::vector<OtherEntry>& others() const noexcept { return torch_.others(); }
+  // Whether the archive has a deflated storage.
   [[nodiscard]] bool isDeflated() const noexcept;
 
-  // Where the tensor's first element lies; a deflated one's after unpack().
+  // Where the tensor's first element lies; a packed one's after unpack().
   [[nodiscard]] const DataFile& dataOf(const SourceTensor& tensor) const noexcept;
   [[nodiscard]] std::uint64_t offsetOf(const SourceTensor& tensor) const;
 

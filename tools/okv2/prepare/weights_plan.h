@@ -30,7 +30,7 @@ class WeightsPlan {
     return findUnmappedNames(shards_, kind_);
   }
 
-  // Settles where the bytes of the shard's tensors lie; deflated ones are unpacked to a file without a name
+  // Settles where the bytes of the shard's tensors lie; packed ones are unpacked to a file without a name
   // in the directory `scratch`. Throws Refused when they are damaged.
   static void place(PlannedShard& shard, const std::string& scratch);
 
