@@ -18,9 +18,10 @@ import tempfile
 import unittest
 
 try:
+    import numpy
     import torch
-except ImportError:
-    print("skipped: python3-torch is not installed")
+except ImportError as missing:
+    print(f"skipped: python3-{missing.name} is not installed")
     sys.exit(77)
 
 DRIVER, OKV2, OKV2_PY = sys.argv[1:4]
@@ -158,6 +159,50 @@ class Witness(unittest.TestCase):
         doubles = {"d": torch.randn(1000, dtype=torch.float64), "t": torch.randn(7, 9, dtype=torch.float64).t()}
         self.save(doubles)
         self.assert_same(self.convert("--cast"), {name: tensor.float() for name, tensor in doubles.items()})
+
+    def test_numpy_arrays_beside_tensors(self):
+        values = numpy.linspace(-3, 3, 120)
+        single = values.astype("f4").reshape(8, 15)
+        saved = {
+            "plain": single,
+            "tied": single,
+            "transposed": single.T,
+            "fortran": numpy.asfortranarray(values.astype("f2").reshape(4, 5, 6)),
+            "sliced": single[1:7:2, ::-4],
+            "every_byte": numpy.arange(256, dtype="u1").view("f2"),
+            "double": values,
+            "double_fortran": numpy.asfortranarray(values.reshape(10, 12)),
+            "scalar": numpy.array(2.5, dtype="f4"),
+            "tensor": torch.randn(3, 5),
+            "bfloat16": torch.randn(5, 3).bfloat16().t(),
+        }
+        expected = {name: value if torch.is_tensor(value) else torch.from_numpy(numpy.ascontiguousarray(value))
+                    for name, value in saved.items()}
+        for name in ("double", "double_fortran"):
+            expected[name] = expected[name].float()
+        for protocol in (2, 3, 4, 5):
+            for zipped in (True, False):
+                with self.subTest(protocol=protocol, zipped=zipped):
+                    self.save(saved, pickle_protocol=protocol, _use_new_zipfile_serialization=zipped)
+                    self.assert_same(self.convert("--cast"), expected)
+                    shutil.rmtree(os.path.join(self.dir, "out"))
+                    os.remove(os.path.join(self.dir, "container"))
+
+    def test_numpy_arrays_of_other_things_are_refused(self):
+        self.save({"w": torch.randn(2), "texts": numpy.array(["a"]), "objects": numpy.array([None]),
+                   "records": numpy.zeros(2, dtype=[("x", "f4")])})
+        run = self.run_tool(DRIVER, self.model, tempfile.mkdtemp(dir=self.dir))
+        self.assertEqual((run.returncode, run.stderr.decode().split("\n")[0]),
+                         (3, "pytorch_model.bin: among its tensors are other things: "
+                             "'texts' (an object that is no tensor), 'objects' (an object that is no tensor), "
+                             "'records' (an object that is no tensor)"))
+
+    def test_a_big_endian_numpy_array_is_refused(self):
+        self.save({"w": torch.randn(2), "array": numpy.arange(3, dtype=">f4")})
+        run = self.run_tool(DRIVER, self.model, tempfile.mkdtemp(dir=self.dir))
+        self.assertEqual((run.returncode, run.stderr.decode().split("\n")[0]),
+                         (3, "pytorch_model.bin: checkpoint: the pickle has a numpy array whose byte order is not "
+                             "little-endian"))
 
     def test_scalars(self):
         self.check({"s": torch.tensor(2.5), "w": torch.randn(2)})
