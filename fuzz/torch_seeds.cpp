@@ -9,6 +9,7 @@
 namespace zel::fuzz {
 namespace {
 
+using test::SavedArray;
 using test::SavedPickle;
 using test::SavedTensor;
 namespace op = test::pickle_op;
@@ -59,6 +60,39 @@ std::string inert() {
       .op(op::kReduce)
       .op(op::kNone)
       .op(op::kBuild)
+      .op(op::kSetItem)
+      .stop();
+}
+
+// A tensor, and an array.
+std::string withArray(const SavedArray& array) {
+  return SavedPickle().stateDict({plain()}).text("array").array(array).op(op::kSetItem).stop();
+}
+
+// Two arrays over one text and one type.
+std::string sharingArrays() {
+  const SavedPickle type = SavedPickle::bare().op(op::kBinGet, "\2");
+  const SavedPickle raw = SavedPickle::bare().op(op::kBinGet, "\1");
+  SavedPickle program;
+  program.latin1(test::latin1Text("ab\x80\xff")).op(op::kBinPut, "\1").op(op::kPop);
+  program.numberType("f2").op(op::kBinPut, "\2").op(op::kPop).op(op::kEmptyDict);
+  program.text("a").unfilledArray().arrayState({2, 1}, type, true, raw).op(op::kSetItem);
+  return program.text("b").unfilledArray().arrayState({2}, type, false, raw).op(op::kSetItem).stop();
+}
+
+std::string bufferArray() {
+  return SavedPickle(5)
+      .op(op::kEmptyDict)
+      .text("array")
+      .global("numpy._core.numeric", "_frombuffer")
+      .op(op::kMark)
+      .op(op::kByteArray8, test::littleEndian(4, 8))
+      .raw("ab\x80\xff")
+      .numberType("u1", "|")
+      .tuple({2, 2})
+      .text("F")
+      .op(op::kTuple)
+      .op(op::kReduce)
       .op(op::kSetItem)
       .stop();
 }
@@ -118,6 +152,14 @@ std::vector<Seed> programs() {
       {"wrapped", wrapped(), kNoMutants},
       {"protocol_4", protocol4(), kNoMutants},
       {"inert_object", inert(), kNoMutants},
+      {"array", withArray({{2, 3}, "abcdefghi\x80\x90\xff", "f2"}), kNoMutants},
+      {"array_transposed", withArray({{2, 3}, "abcdefghi\x80\x90\xff", "i2", true}), kNoMutants},
+      {"array_scalar", withArray({{}, "abcdefgh", "f8"}), kNoMutants},
+      {"array_of_bytes_only", withArray({{2, 2}, "abcd", "V1", false, "|"}), kNoMutants},
+      {"array_big_endian", withArray({{1}, "abcd", "f4", false, ">"}), kNoMutants},
+      {"array_too_long", withArray({{2}, "abc", "b1", false, "|"}), kNoMutants},
+      {"arrays_sharing", sharingArrays(), kNoMutants},
+      {"array_buffer", bufferArray(), kNoMutants},
       {"typed", typed(), kNoMutants},
       {"negated", negated(), kNoMutants},
       {"foreign_global", SavedPickle().global("os", "system").stop()},

@@ -84,7 +84,7 @@ void promiseGathered(const TorchTensor& tensor, std::string_view storage) {
 
 std::string storageBytes(TorchCheckpoint& checkpoint, const TorchStorage& storage, std::string_view file,
                          Status& status) {
-  if (!storage.deflated) return std::string(file.substr(storage.fileOffset, storage.bytes));
+  if (!storage.isPacked()) return std::string(file.substr(storage.fileOffset, storage.bytes));
   std::string out;
   status = checkpoint.inflate(storage, [&](std::string_view piece) {
     promise(piece.size() <= storage.bytes - out.size(), "no more is unpacked than is declared");
@@ -92,6 +92,7 @@ std::string storageBytes(TorchCheckpoint& checkpoint, const TorchStorage& storag
     return true;
   });
   promise(!status.ok() || out.size() == storage.bytes, "what is unpacked is complete");
+  promise(status.ok() || storage.deflated, "an array was read when the program was run");
   return out;
 }
 
@@ -108,6 +109,17 @@ void promiseSameCheckpoint(const TorchCheckpoint& a, const TorchCheckpoint& b) {
   }
 }
 
+// Whatever text the memo hands out, it is not worth more bytes than a program may have.
+void promiseShortArrays(const TorchCheckpoint& checkpoint) {
+  std::uint64_t bytes = 0;
+  for (const TorchStorage& storage : checkpoint.storages()) {
+    if (!storage.content.has_value()) continue;
+    promise(!storage.deflated, "an array lies in the program only");
+    promise(checkedAdd(bytes, storage.bytes, bytes), "the bytes of arrays do not wrap");
+  }
+  promise(bytes <= tool::prepare::TorchPickle::kMaxProgramBytes, "arrays are no longer than a program");
+}
+
 void checkCheckpoint(std::string_view file) {
   TorchCheckpoint checkpoint;
   const Status status = checkpoint.parse(file);
@@ -118,10 +130,11 @@ void checkCheckpoint(std::string_view file) {
   promiseSameCheckpoint(checkpoint, again);
   promise(!checkpoint.tensors().empty(), "a checkpoint has tensors");
   for (const TorchStorage& storage : checkpoint.storages()) {
-    if (storage.deflated) continue;
+    if (storage.isPacked()) continue;
     promise(storage.fileOffset <= file.size() && storage.bytes <= file.size() - storage.fileOffset,
             "a stored storage lies inside the file");
   }
+  promiseShortArrays(checkpoint);
   for (const TorchTensor& tensor : checkpoint.tensors())
     promiseInside(tensor, checkpoint.storages().at(tensor.storage));
   for (std::size_t k = 0; k < checkpoint.storages().size(); ++k) {
