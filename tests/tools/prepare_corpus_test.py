@@ -31,15 +31,16 @@ DRIVER, CORPUS = sys.argv[1:3]
 # Not loaded by Python, on purpose: see the corpus's README.
 SCANNER_SAMPLES = "picklescan-"
 
-NO_TENSORS = "pytorch_model.bin: checkpoint: it holds %s instead of a dictionary of tensors by name"
 FOREIGN = "pytorch_model.bin: checkpoint: the pickle names a global that is not on the list: %s"
 
 # Option lists with which a file is taken.
 INTEGERS = ["--cast-integers"]
-EVERY_TYPE = ["--cast", "--cast-integers", "--drop", "^1[01]$"]  # the last two are complex numbers
+EVERY_TYPE = ["--cast", "--cast-integers", "--drop", "^1[01]$"]  # complex numbers
 TORCH_OPTIONS = {
+    "bumblebee-noncontiguous_numpy_array.legacy.pt": INTEGERS,
     "bumblebee-noncontiguous_tensor.legacy.pt": INTEGERS,
     "bumblebee-noncontiguous_tensor.zip.pt": INTEGERS,
+    "bumblebee-numpy_arrays.zip.pt": ["--cast", "--cast-integers", "--drop", "^1[23]$"],  # complex numbers
     "bumblebee-tensors.legacy.pt": EVERY_TYPE,
     "bumblebee-tensors.zip.pt": EVERY_TYPE,
     "burn-batch_norm__batch_norm2d.pt": ["--drop", "num_batches_tracked$"],
@@ -63,8 +64,6 @@ for _type in "bool int16 int32 int64 int8 uint8 float64".split():
 # What is refused, and why: none of these files holds a tensor with elements. TorchScript programs name classes of
 # their own.
 TORCH_REFUSED = {
-    "bumblebee-noncontiguous_numpy_array.legacy.pt": NO_TENSORS % "an object that is no tensor",
-    "bumblebee-numpy_arrays.zip.pt": NO_TENSORS % "a list",
     "bumblebee-ordered_dict.legacy.pt":
         "pytorch_model.bin: checkpoint: it holds no dictionary of tensors by name",
     "burn-empty.pt": "pytorch_model.bin: the container takes one to four extents, none of them 0: 'tensor' [0]",
@@ -110,11 +109,37 @@ STORAGES = {"FloatStorage": ("F32", 4), "HalfStorage": ("F16", 2), "BFloat16Stor
             "DoubleStorage": ("F64", 8), "LongStorage": ("I64", 8), "IntStorage": ("I32", 4),
             "ShortStorage": ("I16", 2), "CharStorage": ("I8", 1), "ByteStorage": ("U8", 1),
             "BoolStorage": ("BOOL", 1), "ComplexFloatStorage": ("C64", 8), "ComplexDoubleStorage": ("C128", 16)}
+# The same for numpy's names of types.
+NUMPY_TYPES = {"f2": ("F16", 2), "f4": ("F32", 4), "f8": ("F64", 8), "i1": ("I8", 1), "i2": ("I16", 2), "i4": ("I32", 4),
+               "i8": ("I64", 8), "u1": ("U8", 1), "u2": ("U16", 2), "u4": ("U32", 4), "u8": ("U64", 8),
+               "b1": ("BOOL", 1), "c8": ("C64", 8), "c16": ("C128", 16)}
 # Letters of Python's module struct.
 INTEGER_LETTERS = {"I64": "q", "I32": "i", "I16": "h", "I8": "b", "U64": "Q", "U32": "I", "U16": "H", "U8": "B",
                    "BOOL": "?"}
 
 Tensor = collections.namedtuple("Tensor", "type shape data")
+
+
+class NumpyType:
+    def __init__(self, code, *_):
+        self.code = code
+
+    def __setstate__(self, state):
+        assert state[1] in "<|", state
+
+
+class NumpyArray:
+    """As numpy's __reduce__ has it: made empty, and then given (version, shape, type, is Fortran, bytes)."""
+
+    def __init__(self, *_):
+        pass
+
+    def __setstate__(self, state):
+        _, shape, kind, is_fortran, data = state
+        steps = [1]
+        for extent in (shape if is_fortran else shape[::-1])[:-1]:
+            steps.append(steps[-1] * extent)
+        self.tensor = gather(data, NUMPY_TYPES[kind.code], 0, shape, steps if is_fortran else steps[::-1])
 
 
 class Original(pickle.Unpickler):
@@ -127,6 +152,8 @@ class Original(pickle.Unpickler):
     def find_class(self, module, name):
         if (module, name) == ("collections", "OrderedDict"):
             return Original.dictionary
+        if (module, name) in Original.numpy:
+            return Original.numpy[module, name]
         if module == "torch" and name in STORAGES:
             return name
         if (module, name) == ("torch._utils", "_rebuild_tensor_v2"):
@@ -139,13 +166,20 @@ class Original(pickle.Unpickler):
         def __setstate__(self, state):
             pass
 
+    numpy = {
+        ("numpy.core.multiarray", "_reconstruct"): NumpyArray,
+        ("numpy", "ndarray"): None,
+        ("numpy", "dtype"): NumpyType,
+        ("_codecs", "encode"): lambda text, encoding: text.encode(encoding),
+    }
+
     def persistent_load(self, pid):
         return pid[1:5]
 
 
-def gather(storage, kind, offset, shape, strides):
+def gather(storage, element, offset, shape, strides):
     """The elements in the order of the shape, one at a time."""
-    name, size = STORAGES[kind]
+    name, size = element
     out = b""
     index = [0] * len(shape)
     for _ in range(math.prod(shape)):
@@ -203,7 +237,8 @@ def read_torch(path):
             (count,) = struct.unpack("<Q", file.read(8))
             storages[key] = file.read(count * STORAGES[kinds[key]][1])
         lookup = lambda key, kind: storages[key]
-    is_tensor = lambda value: isinstance(value, tuple) and bool(value) and value[0] == "tensor"
+    is_tensor = lambda value: isinstance(value, NumpyArray) or (
+        isinstance(value, tuple) and bool(value) and value[0] == "tensor")
     if is_tensor(root):
         root = {"tensor": root}
     elif isinstance(root, list):
@@ -215,8 +250,11 @@ def read_torch(path):
     tensors = {}
     for name, value in root.items():
         assert is_tensor(value), name
+        if isinstance(value, NumpyArray):
+            tensors[name] = value.tensor
+            continue
         _, (kind, key, _, _), offset, shape, strides = value
-        tensors[name] = gather(lookup(key, kind), kind, offset, shape, strides)
+        tensors[name] = gather(lookup(key, kind), STORAGES[kind], offset, shape, strides)
     return tensors
 
 
