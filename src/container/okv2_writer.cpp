@@ -4,6 +4,10 @@
 #include <functional>
 #include <utility>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "container/descriptor.h"
 #include "container/dtype.h"
 #include "container/name_order.h"
 #include "container/output_file.h"
@@ -140,6 +144,43 @@ bool appendInPieces(OutputFile& out, const void* data, std::uint64_t size, bool 
     }
   }
   return true;
+}
+
+// Files behind borrowed mappings, opened again one at a time: a model may have more shards than a process may
+// have open files.
+class MappedSource {
+ public:
+  // The open file that `mapping` maps; negative when the path leads elsewhere by now.
+  int descriptorOf(const BorrowedMapping& mapping) noexcept {
+    if (&mapping == mapping_) return file_.get();
+    mapping_ = &mapping;
+    // O_NONBLOCK: what is there by now may be a FIFO.
+    file_.reset(::open(mapping.path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat info {};
+    if (file_.isOpen() &&
+        (::fstat(file_.get(), &info) != 0 || !(FileId{info.st_dev, info.st_ino} == mapping.file))) {
+      (void)file_.close();
+    }
+    return file_.get();
+  }
+
+ private:
+  const BorrowedMapping* mapping_ = nullptr;
+  Descriptor file_;
+};
+
+// Appends a tensor in borrowed memory; `mapping` is the one that it lies in, or null.
+bool appendBorrowed(OutputFile& out, const TensorMeta& tensor, const BorrowedMapping* mapping,
+                    MappedSource& source) {
+  const auto* data = static_cast<const char*>(tensor.memory);
+  std::uint64_t copied = 0;
+  if (mapping != nullptr && tensor.size >= OutputFile::kCopyBytes) {
+    if (const int file = source.descriptorOf(*mapping); file >= 0) {
+      if (!out.flush()) return false;
+      copied = out.copyFrom(file, std::uint64_t(data - mapping->bytes.data()), tensor.size);
+    }
+  }
+  return appendInPieces(out, data + copied, tensor.size - copied, mapping != nullptr);
 }
 
 }  // namespace
@@ -290,13 +331,18 @@ std::vector<std::uint32_t> OKV2Writer::tensorsByName() const {
   return orderByName(tensors_.size(), [this](std::size_t k) { return std::string_view(tensors_[k].name); });
 }
 
-void OKV2Writer::borrowMapping(std::string_view mapping) { mappings_.push_back(mapping); }
+void OKV2Writer::borrowMapping(std::string_view mapping, FileId file, std::string path) {
+  mappings_.push_back({mapping, file, std::move(path)});
+}
 
-bool OKV2Writer::isMapped(const void* data) const {
+// Null for memory of any other kind.
+const BorrowedMapping* OKV2Writer::mappingOf(const void* data) const {
   const auto* byte = static_cast<const char*>(data);
-  return std::any_of(mappings_.begin(), mappings_.end(), [byte](std::string_view mapping) {
-    return !std::less<>()(byte, mapping.data()) && std::less<>()(byte, mapping.data() + mapping.size());
+  const auto found = std::find_if(mappings_.begin(), mappings_.end(), [byte](const BorrowedMapping& mapping) {
+    const std::string_view bytes = mapping.bytes;
+    return !std::less<>()(byte, bytes.data()) && std::less<>()(byte, bytes.data() + bytes.size());
   });
+  return found == mappings_.end() ? nullptr : &*found;
 }
 
 bool OKV2Writer::isProtected(FileId file) const {
@@ -323,13 +369,15 @@ ByteVector OKV2Writer::buildHeader(std::uint64_t checksum) const {
 
 Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t>& order) const {
   std::vector<unsigned char> copyBuffer;  // allocated for the first file-backed tensor only
+  MappedSource source;
   for (const std::uint32_t position : order) {
     const TensorMeta& tensor = tensors_[position];
     if (!tensor.owned.empty()) {
       if (!appendInPieces(out, tensor.owned.data(), tensor.size, false)) return failed(out.failure());
     } else if (tensor.memory != nullptr) {
-      const bool release = tensor.size >= OutputFile::kPieceBytes && isMapped(tensor.memory);
-      if (!appendInPieces(out, tensor.memory, tensor.size, release)) return failed(out.failure());
+      const BorrowedMapping* mapping =
+          tensor.size >= OutputFile::kPieceBytes ? mappingOf(tensor.memory) : nullptr;
+      if (!appendBorrowed(out, tensor, mapping, source)) return failed(out.failure());
     } else if (tensor.file != nullptr) {
       ZEL_RETURN_IF_ERROR(copyFromFile(out, tensor, copyBuffer));
     } else {

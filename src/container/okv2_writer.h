@@ -43,6 +43,13 @@ struct TensorMeta {
   const void* memory = nullptr;  // borrowed
 };
 
+// A read-only mapping that tensors borrow, and the file that it maps.
+struct BorrowedMapping {
+  std::string_view bytes;
+  FileId file;
+  std::string path;
+};
+
 // Filled by any number of set (replace) and add (append) calls, then written; write() changes nothing and
 // may be called again. Failures carry Code::InvalidFormat and a text that begins "OKV2: "; only failed
 // allocation throws. Not thread-safe; separate writers are independent.
@@ -95,9 +102,11 @@ class OKV2Writer {
   // the tensors borrow must not be overwritten by them.
   void protectInput(FileId file);
 
-  // Tells that borrowed tensors lie in this read-only file mapping: write() then lets go of its pages behind
-  // the copy, so that memory in use does not grow with the model. The bytes stay readable.
-  void borrowMapping(std::string_view mapping);
+  // Tells that borrowed tensors lie in this read-only mapping of the whole file at `path`. write() then opens
+  // the file again to copy long tensors from file to file, which is faster; of others it lets go of the pages
+  // behind the copy, so that memory in use does not grow with the model. The bytes stay readable. Only for
+  // speed: where another file is at `path` by then, or none, the mapping is written.
+  void borrowMapping(std::string_view mapping, FileId file, std::string path);
 
   // Creates or truncates `path` and writes the container. A failure leaves the partly written file on disk.
   Status write(const char* path) const;
@@ -117,7 +126,7 @@ class OKV2Writer {
   [[nodiscard]] std::vector<std::uint32_t> tensorsByName() const;
   Status writeWeights(OutputFile& out, const std::vector<std::uint32_t>& order) const;
   [[nodiscard]] bool isProtected(FileId file) const;
-  [[nodiscard]] bool isMapped(const void* data) const;
+  [[nodiscard]] const BorrowedMapping* mappingOf(const void* data) const;
 
   std::uint32_t archId_ = 0;
   std::uint64_t hiddenSize_ = 0;
@@ -129,7 +138,7 @@ class OKV2Writer {
   ByteVector graph_;
   std::string chatTemplate_;
   std::vector<FileId> protected_;
-  std::vector<std::string_view> mappings_;
+  std::vector<BorrowedMapping> mappings_;
 };
 
 }  // namespace zel

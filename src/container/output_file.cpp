@@ -6,6 +6,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <sys/sendfile.h>
+#endif
 
 #include "container/okv2_format.h"
 
@@ -89,6 +92,23 @@ bool OutputFile::flush() noexcept {
   texts_.clear();
   queuedBytes_ = 0;
   return true;
+}
+
+std::uint64_t OutputFile::copyFrom([[maybe_unused]] int source, [[maybe_unused]] std::uint64_t offset,
+                                   [[maybe_unused]] std::uint64_t size) noexcept {
+  std::uint64_t copied = 0;
+#ifdef __linux__
+  constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 30;  // one call moves less than 2 GiB
+  auto from = off_t(offset);
+  while (copied < size) {
+    const auto n = std::size_t(std::min(size - copied, kMostBytes));
+    const ssize_t result = retryInterrupted([&] { return ::sendfile(file_.get(), source, &from, n); });
+    if (result <= 0) break;
+    copied += std::uint64_t(result);
+  }
+  appended_ += copied;
+#endif
+  return copied;
 }
 
 bool OutputFile::position(std::uint64_t& out) const noexcept {

@@ -35,6 +35,13 @@ class OutputFile {
   [[nodiscard]] bool appendZeros(std::size_t size, const char* failureText) noexcept;
   [[nodiscard]] bool flush() noexcept;
 
+  // From this size on copyFrom() is worth its calls.
+  static constexpr std::uint64_t kCopyBytes = std::uint64_t{1} << 20;
+  // Lets the kernel copy `size` bytes at `offset` of the open file `source`, without a mapping; flush()
+  // first. The bytes copied: fewer where the kernel cannot, the source ends, or the disk is full. What is
+  // missing is to be appended from memory, which tells why it cannot be written.
+  [[nodiscard]] std::uint64_t copyFrom(int source, std::uint64_t offset, std::uint64_t size) noexcept;
+
   // Bytes appended so far.
   [[nodiscard]] std::uint64_t appended() const noexcept { return appended_; }
   // The text of the piece that could not be written.

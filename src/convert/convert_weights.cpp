@@ -107,7 +107,7 @@ Status convertSafetensorsFile(const std::string& srcPath, const std::string& dst
   ZEL_RETURN_IF_ERROR(source.open(srcPath.c_str()));
   OKV2Writer writer;
   writer.protectInput(source.fileId());
-  writer.borrowMapping(source.mapping());
+  writer.borrowMapping(source.mapping(), source.fileId(), srcPath);
   writer.setModelInfo(0, 0, 0, 0);
   ZEL_RETURN_IF_ERROR(writer.addMetaStr("general.architecture", "generic"));
   ZEL_RETURN_IF_ERROR(convertWeights(source, "generic", writer, stats));

@@ -115,7 +115,7 @@ Status addWeightFile(const std::string& path, const std::string& arch, OKV2Write
   auto source = std::make_unique<Source>();
   ZEL_RETURN_IF_ERROR(source->open(path.c_str()));
   writer.protectInput(source->fileId());
-  writer.borrowMapping(source->mapping());
+  writer.borrowMapping(source->mapping(), source->fileId(), path);
   ZEL_RETURN_IF_ERROR(convertWeights(*source, arch, writer, stats));
   sources.push_back(std::move(source));
   return {};

@@ -99,6 +99,31 @@ INSTANTIATE_TEST_SUITE_P(Inputs, FullDisk,
                          testing::Values(test::kInputs[0], test::kInputs[1], test::kInputs[2]),
                          [](const auto& row) { return std::string(row.param.name); });
 
+// From 1 MiB on the kernel copies a tensor from file to file, and stops where the disk is full.
+TEST(FullDiskBelowALongTensor, NamesTheWeightsAndKeepsWhatFits) {
+  constexpr std::uint64_t kTensorBytes = std::uint64_t{3} << 20;
+  const TempDir temp;
+  const std::string dir = test::ModelDirBuilder()
+                              .shard("model.safetensors", test::SafetensorsBuilder().tensor(
+                                                              "model.norm.weight", "F32", {kTensorBytes / 4}))
+                              .write(temp);
+  const std::string out = temp / "out.okv2";
+  ASSERT_EQ(importDir(dir, out).code, OKV_OK);
+  const std::string good = test::readWholeFile(out);
+  const std::uint64_t begin = good.size() - kTensorBytes;
+  for (const std::uint64_t bytes : {begin, begin + 1, begin + 4096, begin + (1 << 20) + 3, good.size() - 1}) {
+    SCOPED_TRACE(bytes);
+    std::filesystem::remove(out);
+    {
+      const FileSizeLimit limit(bytes);
+      expectRefused(importDir(dir, out), "OKV2: write weights failed");
+    }
+    const std::string left = test::readWholeFile(out);
+    EXPECT_EQ(left.size(), bytes);
+    EXPECT_TRUE(left.compare(64, bytes - 64, good, 64, bytes - 64) == 0);
+  }
+}
+
 TEST(FullDevice, FailsAtTheHeader) {
   const TempDir temp;
   expectRefused(importDir(test::shardsInput().write(temp), "/dev/full"), "OKV2: write header failed");

@@ -10,13 +10,14 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 const char* const kFaultCallNames[FAULT_CALLS] = {
     "open",     "fstat",     "stat",   "read",  "mmap",  "munmap", "madvise", "opendir", "readdir",
-    "closedir", "ftruncate", "writev", "write", "lseek", "close",  "fread",   "fseeko"};
+    "closedir", "ftruncate", "writev", "write", "lseek", "close",  "fread",   "fseeko",  "sendfile"};
 
 static _Thread_local bool armed;
 static _Thread_local struct FaultPlan plan;
@@ -163,6 +164,12 @@ ssize_t write(int fd, const void* buffer, size_t size) {
   REAL(write);
   long limit;
   return fails(FAULT_WRITE, &limit) ? -1 : real(fd, buffer, atMost(size, limit));
+}
+
+ssize_t sendfile(int to, int from, off_t* offset, size_t size) {
+  REAL(sendfile);
+  long limit;
+  return fails(FAULT_SENDFILE, &limit) ? -1 : real(to, from, offset, atMost(size, limit));
 }
 
 off_t lseek(int fd, off_t offset, int whence) {

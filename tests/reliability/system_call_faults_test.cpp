@@ -46,7 +46,15 @@ ModelDirBuilder shardsDir() {
 // 4 to 6, the checkpoint 7, the container 8.
 ModelDirBuilder checkpointDir() { return test::pytorchInput(); }
 
-enum class Dir { Shards, Checkpoint };
+// Opened in this order: config.json 1, tokenizer.json and .model (absent) 2 and 3, the side files (absent)
+// 4 to 6, the shard 7, the container 8, the shard again 9, which the kernel copies the long tensor from.
+ModelDirBuilder longTensorDir() {
+  return ModelDirBuilder().shard("model.safetensors", SafetensorsBuilder()
+                                                          .tensor("lm_head.weight", "F32", {512, 1024})
+                                                          .tensor("model.norm.weight", "F32", {8}));
+}
+
+enum class Dir { Shards, Checkpoint, LongTensor };
 
 struct Row {
   const char* name;
@@ -72,6 +80,8 @@ const std::vector<int> kOpendirErrors = {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM,
 const std::vector<int> kReaddirErrors = {EIO, ENOENT, EOVERFLOW, EBADF};
 const std::vector<int> kTruncateErrors = {EFBIG, EINVAL, EIO, EPERM, EROFS, ETXTBSY};
 const std::vector<int> kWriteErrors = {EAGAIN, EDQUOT, EFAULT, EFBIG, EIO, ENOSPC, EPERM, EPIPE};
+const std::vector<int> kCopyErrors = {EAGAIN, EBADF,  EFAULT, EINVAL,    EIO,   ENOMEM,
+                                      ENOSPC, ENOSYS, EPERM,  EOVERFLOW, ESPIPE};
 const std::vector<int> kSeekErrors = {EINVAL, EIO, EOVERFLOW, ESPIPE};
 const std::vector<int> kCloseErrors = {EDQUOT, EINTR, EIO, ENOSPC};
 const std::vector<int> kInterrupted = {EINTR};
@@ -140,6 +150,12 @@ const Row kRows[] = {
     {"InterruptedWriteHeader", Dir::Shards, FAULT_WRITEV, 1, kInterrupted, OKV_OK, ""},
     {"InterruptedWriteTensor", Dir::Shards, FAULT_WRITEV, 2, kInterrupted, OKV_OK, ""},
     {"InterruptedWriteRest", Dir::Shards, FAULT_WRITEV, 3, kInterrupted, OKV_OK, ""},
+    // A long tensor that cannot be copied from file to file is written from the mapping.
+    {"OpenShardAgain", Dir::LongTensor, FAULT_OPEN, 9, kOpenErrors, OKV_OK, ""},
+    {"StatShardAgain", Dir::LongTensor, FAULT_FSTAT, 4, kStatErrors, OKV_OK, ""},
+    {"CopyTensor", Dir::LongTensor, FAULT_SENDFILE, 1, kCopyErrors, OKV_OK, ""},
+    {"InterruptedCopyTensor", Dir::LongTensor, FAULT_SENDFILE, 1, kInterrupted, OKV_OK, ""},
+    {"CloseShardAgain", Dir::LongTensor, FAULT_CLOSE, 3, kCloseErrors, OKV_OK, ""},
     {"AskPosition", Dir::Shards, FAULT_LSEEK, 1, kSeekErrors, OKV_INVALID, "OKV2: layout error"},
     {"SeekToStart", Dir::Shards, FAULT_LSEEK, 2, kSeekErrors, OKV_INVALID, "OKV2: patch header failed"},
     {"PatchHeader", Dir::Shards, FAULT_WRITE, 1, kWriteErrors, OKV_INVALID, "OKV2: patch header failed"},
@@ -154,7 +170,14 @@ std::string contentOf(const std::string& path) {
   return bytes;
 }
 
-ModelDirBuilder builderOf(Dir dir) { return dir == Dir::Shards ? shardsDir() : checkpointDir(); }
+ModelDirBuilder builderOf(Dir dir) {
+  switch (dir) {
+    case Dir::Shards: return shardsDir();
+    case Dir::Checkpoint: return checkpointDir();
+    case Dir::LongTensor: break;
+  }
+  return longTensorDir();
+}
 
 std::size_t openDescriptors() {
   const std::filesystem::directory_iterator entries("/proc/self/fd");
@@ -209,7 +232,7 @@ TEST_P(SystemCallFaults, GiveTheDocumentedAnswerForEveryError) {
 INSTANTIATE_TEST_SUITE_P(Rows, SystemCallFaults, testing::ValuesIn(kRows),
                          [](const auto& row) { return std::string(row.param.name); });
 
-// The numbers in the table above count the calls of these two imports; they must not drift.
+// The numbers in the table above count the calls of these imports; they must not drift.
 TEST(SystemCalls, AreAsManyAsTheTableOfFaultsCounts) {
   const TempDir temp;
   const FaultPlan none{FAULT_OPEN, 0, 0, -1, 0};
@@ -219,22 +242,39 @@ TEST(SystemCalls, AreAsManyAsTheTableOfFaultsCounts) {
     }
   };
   // open fstat stat read mmap munmap madvise opendir readdir closedir ftruncate writev write lseek close
-  // fread fseeko
+  // fread fseeko sendfile
   ASSERT_EQ(importUnder(none, shardsDir().write(temp, "s"), temp / "s.okv2").code, OKV_OK);
-  expectCounts({8, 8, 1, 5, 2, 0, 3, 1, 10, 1, 0, 3, 1, 2, 8, 0, 0});
+  expectCounts({8, 8, 1, 5, 2, 0, 3, 1, 10, 1, 0, 3, 1, 2, 8, 0, 0, 0});
   ASSERT_EQ(importUnder(none, checkpointDir().write(temp, "c"), temp / "c.okv2").code, OKV_OK);
-  expectCounts({8, 3, 2, 1, 1, 1, 0, 1, 5, 1, 0, 1, 1, 2, 3, 0, 0});
+  expectCounts({8, 3, 2, 1, 1, 1, 0, 1, 5, 1, 0, 1, 1, 2, 3, 0, 0, 0});
+  ASSERT_EQ(importUnder(none, longTensorDir().write(temp, "l"), temp / "l.okv2").code, OKV_OK);
+  expectCounts({9, 4, 1, 1, 1, 0, 0, 1, 5, 1, 0, 2, 1, 2, 4, 0, 0, 1});
 }
 
-TEST(SystemCalls, WriteALongTensorInPiecesOf256KiB) {
+TEST(SystemCalls, CopyATensorOfOneMiBFromFileToFileAndNoShorterOne) {
+  const TempDir temp;
+  const auto copiesOf = [&](std::uint64_t elements) {
+    const std::string dir =
+        ModelDirBuilder()
+            .shard("model.safetensors", SafetensorsBuilder().tensor("model.norm.weight", "F32", {elements}))
+            .write(temp);
+    EXPECT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
+    return faultCallCount(FAULT_SENDFILE);
+  };
+  EXPECT_EQ(copiesOf((1 << 18) - 1), 0);
+  EXPECT_EQ(copiesOf(1 << 18), 1);
+}
+
+TEST(SystemCalls, WriteALongTensorThatCannotBeCopiedInPiecesOf256KiB) {
   const TempDir temp;
   const std::string dir = ModelDirBuilder()
                               .shard("model.safetensors", test::SafetensorsBuilder().tensor(
                                                               "model.norm.weight", "F32", {1024, 1024}))
                               .write(temp);
-  ASSERT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
-  // 4 MiB are 16 pieces, and what lies before them moves the last one's end into a piece of its own.
-  EXPECT_EQ(faultCallCount(FAULT_WRITEV), 17);
+  ASSERT_EQ(importUnder({FAULT_SENDFILE, 1, EINVAL, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
+  // What lies before the tensor; the first piece, which ends at 256 KiB, with the second; 14 more of the 16
+  // that 4 MiB are, and the rest.
+  EXPECT_EQ(faultCallCount(FAULT_WRITEV), 1 + 1 + 14 + 1);
 }
 
 TEST(SystemCalls, GatherManySmallTensorsIntoEachWrite) {
@@ -355,6 +395,30 @@ TEST(PartialCalls, AShortWriteIsContinued) {
       EXPECT_EQ(faultCallCount(FAULT_WRITEV), 4);
       EXPECT_EQ(contentOf(out), expected);
     }
+  }
+}
+
+TEST(PartialCalls, AShortCopyIsContinued) {
+  const TempDir temp;
+  const std::string dir = longTensorDir().write(temp);
+  const std::string expected = goodContainer(dir, temp);
+  for (const long bytes : {1L, 4096L, (2L << 20) - 1}) {
+    const std::string out = temp / "out.okv2";
+    EXPECT_EQ(importUnder({FAULT_SENDFILE, 1, 0, bytes, 0}, dir, out).code, OKV_OK);
+    EXPECT_EQ(faultCallCount(FAULT_SENDFILE), 2);
+    EXPECT_EQ(contentOf(out), expected);
+  }
+}
+
+TEST(PartialCalls, ACopyThatBreaksOffIsContinuedFromTheMapping) {
+  const TempDir temp;
+  const std::string dir = longTensorDir().write(temp);
+  const std::string expected = goodContainer(dir, temp);
+  for (const long bytes : {0L, 1L, 1L << 20, (2L << 20) - 1}) {
+    const std::string out = temp / "out.okv2";
+    EXPECT_EQ(importUnder({FAULT_SENDFILE, 1, 0, bytes, EIO}, dir, out).code, OKV_OK);
+    EXPECT_EQ(faultCallCount(FAULT_SENDFILE), bytes == 0 ? 1 : 2);
+    EXPECT_EQ(contentOf(out), expected);
   }
 }
 
