@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#ifdef __linux__
-#include <sys/sendfile.h>
-#endif
 
 #include "container/okv2_format.h"
 
@@ -94,17 +92,40 @@ bool OutputFile::flush() noexcept {
   return true;
 }
 
+// A pipe holds 64 KB by default, and each filling costs its way through the files' locks and pages.
+bool OutputFile::openPipe() noexcept {
+  if (pipeInput_.isOpen()) return true;
+#ifdef __linux__
+  int ends[2];
+  if (std::exchange(pipeTried_, true) || ::pipe2(ends, O_CLOEXEC) != 0) return false;
+  pipeOutput_.reset(ends[0]);
+  pipeInput_.reset(ends[1]);
+  (void)::fcntl(pipeInput_.get(), F_SETPIPE_SZ, int(kCopyBytes));
+#endif
+  return pipeInput_.isOpen();
+}
+
 std::uint64_t OutputFile::copyFrom([[maybe_unused]] int source, [[maybe_unused]] std::uint64_t offset,
                                    [[maybe_unused]] std::uint64_t size) noexcept {
   std::uint64_t copied = 0;
 #ifdef __linux__
-  constexpr std::uint64_t kMostBytes = std::uint64_t{1} << 30;  // one call moves less than 2 GiB
   auto from = off_t(offset);
-  while (copied < size) {
-    const auto n = std::size_t(std::min(size - copied, kMostBytes));
-    const ssize_t result = retryInterrupted([&] { return ::sendfile(file_.get(), source, &from, n); });
-    if (result <= 0) break;
-    copied += std::uint64_t(result);
+  ssize_t held = 0;  // in the pipe
+  while (copied < size && held == 0 && openPipe()) {
+    const auto most = std::size_t(std::min(size - copied, kCopyBytes));
+    held = retryInterrupted([&] { return ::splice(source, &from, pipeInput_.get(), nullptr, most, 0); });
+    if (held <= 0) break;
+    while (held > 0) {
+      const ssize_t result = retryInterrupted(
+          [&] { return ::splice(pipeOutput_.get(), nullptr, file_.get(), nullptr, std::size_t(held), 0); });
+      if (result <= 0) break;
+      held -= result;
+      copied += std::uint64_t(result);
+    }
+  }
+  if (held > 0) {  // what is stuck in the pipe must not come before anything else
+    (void)pipeInput_.close();
+    (void)pipeOutput_.close();
   }
   appended_ += copied;
 #endif

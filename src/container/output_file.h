@@ -37,9 +37,9 @@ class OutputFile {
 
   // From this size on copyFrom() is worth its calls.
   static constexpr std::uint64_t kCopyBytes = std::uint64_t{1} << 20;
-  // Lets the kernel copy `size` bytes at `offset` of the open file `source`, without a mapping; flush()
-  // first. The bytes copied: fewer where the kernel cannot, the source ends, or the disk is full. What is
-  // missing is to be appended from memory, which tells why it cannot be written.
+  // Lets the kernel pass on `size` bytes at `offset` of the open file `source`, through a pipe and without a
+  // mapping; flush() first. The bytes copied: fewer where the kernel cannot, the source ends, or the disk is
+  // full. What is missing is to be appended from memory, which tells why it cannot be written.
   [[nodiscard]] std::uint64_t copyFrom(int source, std::uint64_t offset, std::uint64_t size) noexcept;
 
   // Bytes appended so far.
@@ -56,6 +56,8 @@ class OutputFile {
  private:
   static constexpr std::size_t kMaxPieces = 1024;  // IOV_MAX on Linux
 
+  [[nodiscard]] bool openPipe() noexcept;
+
   Descriptor file_;
   FileId id_;
   bool hasContent_ = false;
@@ -64,6 +66,9 @@ class OutputFile {
   std::size_t queuedBytes_ = 0;
   std::uint64_t appended_ = 0;
   const char* failure_ = "";
+  Descriptor pipeOutput_;
+  Descriptor pipeInput_;
+  bool pipeTried_ = false;
 };
 
 }  // namespace zel

@@ -10,14 +10,13 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 const char* const kFaultCallNames[FAULT_CALLS] = {
-    "open",     "fstat",     "stat",   "read",  "mmap",  "munmap", "madvise", "opendir", "readdir",
-    "closedir", "ftruncate", "writev", "write", "lseek", "close",  "fread",   "fseeko",  "sendfile"};
+    "open",      "fstat",  "stat",  "read",  "mmap",  "munmap", "madvise", "opendir", "readdir", "closedir",
+    "ftruncate", "writev", "write", "lseek", "close", "fread",  "fseeko",  "pipe2",   "fcntl",   "splice"};
 
 static _Thread_local bool armed;
 static _Thread_local struct FaultPlan plan;
@@ -166,10 +165,29 @@ ssize_t write(int fd, const void* buffer, size_t size) {
   return fails(FAULT_WRITE, &limit) ? -1 : real(fd, buffer, atMost(size, limit));
 }
 
-ssize_t sendfile(int to, int from, off_t* offset, size_t size) {
-  REAL(sendfile);
+int pipe2(int ends[2], int flags) {
+  REAL(pipe2);
   long limit;
-  return fails(FAULT_SENDFILE, &limit) ? -1 : real(to, from, offset, atMost(size, limit));
+  return fails(FAULT_PIPE2, &limit) ? -1 : real(ends, flags);
+}
+
+/* Only with commands that take a number. */
+int fcntl(int fd, int command, ...) {
+  REAL(fcntl);
+  long limit;
+  va_list arguments;
+  va_start(arguments, command);
+  const int argument = va_arg(arguments, int);
+  va_end(arguments);
+  return fails(FAULT_FCNTL, &limit) ? -1 : real(fd, command, argument);
+}
+
+/* A call that moves nothing is one that finds nothing to move. */
+ssize_t splice(int from, off64_t* fromOffset, int to, off64_t* toOffset, size_t size, unsigned flags) {
+  REAL(splice);
+  long limit;
+  if (fails(FAULT_SPLICE, &limit)) return -1;
+  return limit == 0 ? 0 : real(from, fromOffset, to, toOffset, atMost(size, limit), flags);
 }
 
 off_t lseek(int fd, off_t offset, int whence) {

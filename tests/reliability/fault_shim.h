@@ -26,7 +26,9 @@ enum FaultCall {
   FAULT_CLOSE,
   FAULT_FREAD,
   FAULT_FSEEKO,
-  FAULT_SENDFILE,
+  FAULT_PIPE2,
+  FAULT_FCNTL,
+  FAULT_SPLICE,
   FAULT_CALLS
 };
 
@@ -37,7 +39,7 @@ struct FaultPlan {
   enum FaultCall call;
   int nth; /* counted from 1; 0: none fails */
   /* What the call reports: this error, or, unless `limit` is -1, success with at most `limit` bytes moved
-   * (read, write, writev, sendfile) or the position `limit` (lseek). */
+   * (read, write, writev, splice) or the position `limit` (lseek). */
   int error;
   long limit;
   int errorAfter; /* not 0: after a limited call, the next one of the same kind fails with this error */

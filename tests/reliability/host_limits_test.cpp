@@ -129,10 +129,10 @@ TEST_F(AmplifyingInputs, AnOrdinaryModelIsImportedUnderTheSameLimit) {
 // ---- system calls
 
 // All that an import may ask of the kernel: files, memory, and the end of the process.
-constexpr int kAllowedCalls[] = {SYS_openat,     SYS_newfstatat, SYS_fstat,     SYS_read,      SYS_close,
-                                 SYS_mmap,       SYS_munmap,     SYS_brk,       SYS_mprotect,  SYS_madvise,
-                                 SYS_lseek,      SYS_write,      SYS_writev,    SYS_ftruncate, SYS_mremap,
-                                 SYS_getdents64, SYS_sendfile,   SYS_exit_group};
+constexpr int kAllowedCalls[] = {SYS_openat,     SYS_newfstatat, SYS_fstat,  SYS_read,      SYS_close,
+                                 SYS_mmap,       SYS_munmap,     SYS_brk,    SYS_mprotect,  SYS_madvise,
+                                 SYS_lseek,      SYS_write,      SYS_writev, SYS_ftruncate, SYS_mremap,
+                                 SYS_getdents64, SYS_pipe2,      SYS_fcntl,  SYS_splice,    SYS_exit_group};
 
 #if defined(__x86_64__)
 constexpr unsigned kArchitecture = AUDIT_ARCH_X86_64;
@@ -181,27 +181,38 @@ class SystemCallFilter : public testing::Test {
   }
 };
 
+void expectOnlyListedCalls(const std::string& dir, const std::string& out, const std::string& architecture) {
+  (void)test::importer();
+  const test::ChildResult result = test::inChild([&] {
+    if (!forbidOtherCalls()) return std::string("no filter");
+    const std::uint32_t confidence = test::probeConfidence(dir);
+    const test::InspectAnswer inspect = test::inspectDir(dir);
+    const test::ImportAnswer import = test::importDir(dir, out);
+    const test::ImportAnswer again = test::importDir(dir, out);  // over an existing file
+    const test::ImportAnswer failed = test::importDir(dir + "/none", out);
+    return std::to_string(confidence) + " " + inspect.architecture + " " + std::to_string(import.code) +
+           std::to_string(again.code) + std::to_string(failed.code);
+  });
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.text, "100 " + architecture + " 002");
+}
+
 TEST_F(SystemCallFilter, AnImportOpensReadsMapsAndWritesFilesAndNothingElse) {
   for (const test::NamedInput& input : test::kInputs) {
     SCOPED_TRACE(input.name);
     const TempDir temp;
-    const std::string dir = input.builder().write(temp);
-    const std::string out = temp / "out.okv2";
-    (void)test::importer();
-    const test::ChildResult result = test::inChild([&] {
-      if (!forbidOtherCalls()) return std::string("no filter");
-      const std::uint32_t confidence = test::probeConfidence(dir);
-      const test::InspectAnswer inspect = test::inspectDir(dir);
-      const test::ImportAnswer import = test::importDir(dir, out);
-      const test::ImportAnswer again = test::importDir(dir, out);  // over an existing file
-      const test::ImportAnswer failed = test::importDir(dir + "/none", out);
-      return std::to_string(confidence) + " " + inspect.architecture + " " + std::to_string(import.code) +
-             std::to_string(again.code) + std::to_string(failed.code);
-    });
-    EXPECT_EQ(result.signal, 0);
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.text, std::string("100 ") + input.architecture + " 002");
+    expectOnlyListedCalls(input.builder().write(temp), temp / "out.okv2", input.architecture);
   }
+}
+
+TEST_F(SystemCallFilter, AnImportOfALongTensorAlsoSplicesFilesThroughAPipe) {
+  const TempDir temp;
+  const std::string dir = test::ModelDirBuilder()
+                              .shard("model.safetensors", test::SafetensorsBuilder().tensor(
+                                                              "model.norm.weight", "F32", {512, 1024}))
+                              .write(temp);
+  expectOnlyListedCalls(dir, temp / "out.okv2", "llama");
 }
 
 TEST_F(SystemCallFilter, EndsAProcessThatMakesAnotherCall) {
