@@ -3,8 +3,9 @@
 # the files of the command itself) it costs minutes of compiling.
 add_library(okv2_sanitizers INTERFACE)
 if(OKV2_SANITIZE)
-  string(REPLACE ",undefined" "" for_cases "${OKV2_SANITIZE}")
+  # A comma in either list would be one more argument of $<IF>.
   string(REPLACE "," "$<COMMA>" for_others "${OKV2_SANITIZE}")
+  string(REPLACE "$<COMMA>undefined" "" for_cases "${for_others}")
   set(is_cases "$<BOOL:$<TARGET_PROPERTY:OKV2_CASES>>")
   target_compile_options(okv2_sanitizers INTERFACE
     "-fsanitize=$<IF:${is_cases},${for_cases},${for_others}>" -fno-sanitize-recover=all -fno-omit-frame-pointer)
