@@ -146,7 +146,7 @@ std::vector<FindingCase> weightCases() {
   safetensors: unsupported dtype 'I32'
   A tensor has an element type that is refused.
   Why: F32, F16, BF16, Q4_K, Q5_K and Q6_K are read; one tensor of another type refuses the whole file.
-  Do:  Run okv2 prepare DIR OUT with --cast for 64-bit floats, or with --drop REGEX for what inference does not need.
+  Do:  Run okv2 prepare DIR OUT with --cast for 64-bit floats, --cast-integers for integers and booleans, or --drop REGEX for what inference does not need.
 )",
        withTensors(SafetensorsBuilder().tensor("n", "F32", {1}, {0, 4}).data("data"))},
       {Id::WeightsNoTensors, "EmptyHeader", withTensors(SafetensorsBuilder()),
@@ -299,7 +299,7 @@ std::vector<FindingCase> checkpointCases() {
   torch: unsupported storage dtype 'DoubleStorage'
   A tensor of the checkpoint has an element type that is refused.
   Why: 32-bit floats, 16-bit floats and bfloat16 are read.
-  Do:  Run okv2 prepare DIR OUT with --cast for 64-bit floats, or with --drop REGEX for what inference does not need.
+  Do:  Run okv2 prepare DIR OUT with --cast for 64-bit floats, --cast-integers for integers and booleans, or --drop REGEX for what inference does not need.
 )",
        withCheckpoint(checkpoint("BFloat16Storage"))},
       {Id::TensorOutside, "ClaimedStorage", withCheckpoint(claiming(1000, 2000)),

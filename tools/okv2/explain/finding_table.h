@@ -365,8 +365,8 @@ inline constexpr FindingRow kFindings[] = {
      "Fetch {} again, or convert it to .safetensors once more."},
     {Id::WeightsType, "weights.type", Severity::Fatal, "A tensor has an element type that is refused.",
      "F32, F16, BF16, Q4_K, Q5_K and Q6_K are read; one tensor of another type refuses the whole file.",
-     "Run okv2 prepare DIR OUT with --cast for 64-bit floats, or with --drop REGEX for what inference does "
-     "not need."},
+     "Run okv2 prepare DIR OUT with --cast for 64-bit floats, --cast-integers for integers and booleans, or "
+     "--drop REGEX for what inference does not need."},
     {Id::WeightsNoTensors, "weights.no-tensors", Severity::Fatal, "The weight files hold no tensor.",
      "A container without tensors is not written.", "Put the weights into the directory."},
     {Id::WeightsIndexMissing, "weights.index-missing", Severity::Loss,
@@ -408,8 +408,8 @@ inline constexpr FindingRow kFindings[] = {
     {Id::PytorchStorageType, "pytorch.storage-type", Severity::Fatal,
      "A tensor of the checkpoint has an element type that is refused.",
      "32-bit floats, 16-bit floats and bfloat16 are read.",
-     "Run okv2 prepare DIR OUT with --cast for 64-bit floats, or with --drop REGEX for what inference does "
-     "not need."},
+     "Run okv2 prepare DIR OUT with --cast for 64-bit floats, --cast-integers for integers and booleans, or "
+     "--drop REGEX for what inference does not need."},
     {Id::TensorRefused, "tensor.refused", Severity::Fatal,
      "A tensor, or a third of a fused one, has no dimension, more than four, or no bytes.",
      "The container cannot hold such a tensor, and the import ends there.",
