@@ -662,6 +662,57 @@ TEST(TorchStateDict, IsTakenFromUnderAnyKeyWhenThereIsOnlyOne) {
   ASSERT_THAT(parsed.status, IsOk());
   EXPECT_EQ(parsed.checkpoint.within(), "my_model");
 }
+
+// ---- arrays of numpy's beside it
+
+const SavedArray kArray{{1}, "abcd"};
+SavedPickle arrayDict() {
+  return SavedPickle::bare().op(op::kEmptyDict).text("mean").array(kArray).op(op::kSetItem);
+}
+TEST(TorchStateDict, IsTakenFromBesideAnArray) {
+  for (const char* key : {"state_dict", "my_model"}) {
+    const Parsed parsed(
+        savedZip(wrapped({key}).text("mean").array(kArray).op(op::kSetItem).stop(), {{"0", kFloats}})
+            .build());
+    ASSERT_THAT(parsed.status, IsOk()) << key;
+    EXPECT_EQ(parsed.checkpoint.within(), key);
+    ASSERT_EQ(parsed.checkpoint.tensors().size(), 1u) << key;
+    EXPECT_EQ(parsed.checkpoint.tensors()[0].name, "w") << key;
+    ASSERT_EQ(parsed.checkpoint.others().size(), 2u) << key;
+    EXPECT_EQ(parsed.checkpoint.others()[1].name, "mean") << key;
+    EXPECT_EQ(parsed.checkpoint.others()[1].what, "a tensor") << key;
+    EXPECT_FALSE(parsed.checkpoint.others()[1].mayHoldWeights) << key;
+  }
+}
+TEST(TorchStateDict, IsTakenFromBesideADictionaryOfArrays) {
+  for (const char* key : {"model", "statistics"}) {
+    SavedPickle program = wrapped({"my_model"});
+    program.text(key).raw(arrayDict().bytes()).op(op::kSetItem);
+    const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
+    ASSERT_THAT(parsed.status, IsOk()) << key;
+    EXPECT_EQ(parsed.checkpoint.within(), "my_model") << key;
+  }
+}
+TEST(TorchStateDict, MayHoldNothingButArrays) {
+  for (const char* key : {"model", "my_model"}) {
+    SavedPickle program;
+    program.op(op::kEmptyDict).text(key).raw(arrayDict().bytes()).op(op::kSetItem);
+    const Parsed parsed(savedZip(program.stop(), {}).build());
+    ASSERT_THAT(parsed.status, IsOk()) << key;
+    EXPECT_EQ(parsed.checkpoint.within(), key);
+    ASSERT_EQ(parsed.checkpoint.tensors().size(), 1u) << key;
+    EXPECT_EQ(parsed.checkpoint.tensors()[0].name, "mean") << key;
+  }
+}
+TEST(TorchStateDict, OfArraysIsNotChosenAmongSeveral) {
+  SavedPickle program;
+  program.op(op::kEmptyDict).text("a").raw(arrayDict().bytes()).op(op::kSetItem);
+  program.text("b").raw(arrayDict().bytes()).op(op::kSetItem);
+  EXPECT_THAT(
+      programStatus(program),
+      StatusIs(Code::Unsupported, "checkpoint: it holds more than one dictionary of tensors: 'a', 'b'"));
+}
+
 TEST(TorchStateDict, IsNotChosenAmongSeveral) {
   EXPECT_THAT(
       programStatus(wrapped({"a", "b"})),

@@ -349,7 +349,10 @@ bool TorchPickle::addItem(PickleNode& node, const PickleValue& key, const Pickle
   item->value = settled(value);
   (node.count++ == 0 ? node.first : node.last->next) = item;
   node.last = item;
-  node.holdsTensor = node.holdsTensor || item->value.is(Kind::Tensor);
+  if (item->value.is(Kind::Tensor)) {
+    node.holdsTensor = true;
+    node.holdsTorchTensor = node.holdsTorchTensor || item->value.tensor().storage->content == nullptr;
+  }
   return true;
 }
 

@@ -113,7 +113,8 @@ struct PickleNode {
   const PickleItem* first = nullptr;
   PickleItem* last = nullptr;
   std::uint64_t count = 0;
-  bool holdsTensor = false;  // among its items, not deeper
+  bool holdsTensor = false;       // among its items, not deeper
+  bool holdsTorchTensor = false;  // one of them is torch's own, and no array of numpy's
 
   // The caller has checked `count`. Walks from the front.
   [[nodiscard]] const PickleValue& at(std::uint64_t k) const noexcept;

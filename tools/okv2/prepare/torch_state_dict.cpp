@@ -1,5 +1,6 @@
 #include "okv2/prepare/torch_state_dict.h"
 
+#include <cstdint>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -26,16 +27,27 @@ constexpr WrapperKey kWrapperKeys[] = {
 bool isContainer(const PickleValue& value) {
   return value.is(Kind::Dict) || value.is(Kind::List) || value.is(Kind::Tuple);
 }
-bool isStateDict(const PickleValue& value) { return value.is(Kind::Dict) && value.node().holdsTensor; }
+
+// Which tensors tell a dictionary of weights. Programs that train with torch keep arrays of numpy's beside
+// the weights as well, means and states of generators: those tell nothing where there are tensors of torch's.
+enum class Telling : std::uint8_t { TorchTensors, AnyTensors };
+
+bool holdsTelling(const PickleNode& node, Telling telling) {
+  return telling == Telling::AnyTensors ? node.holdsTensor : node.holdsTorchTensor;
+}
+bool isStateDict(const PickleValue& value, Telling telling) {
+  return value.is(Kind::Dict) && holdsTelling(value.node(), telling);
+}
 
 bool mayHoldWeights(const PickleValue& value) {
   return value.is(Kind::Inert) || (isContainer(value) && value.node().holdsTensor);
 }
 
-const PickleItem* findKnownKey(const PickleNode& root) {
+const PickleItem* findKnownKey(const PickleNode& root, Telling telling) {
   for (const WrapperKey& row : kWrapperKeys) {
     for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
-      if (item->key.is(Kind::Text) && item->key.text() == row.key && isStateDict(item->value)) return item;
+      if (item->key.is(Kind::Text) && item->key.text() == row.key && isStateDict(item->value, telling))
+        return item;
     }
   }
   return nullptr;
@@ -43,11 +55,11 @@ const PickleItem* findKnownKey(const PickleNode& root) {
 
 // The only dictionary of tensors among the items of the root; null, with `names` of all, when there are none
 // or several.
-const PickleItem* findOnlyStateDict(const PickleNode& root, std::string& names) {
+const PickleItem* findOnlyStateDict(const PickleNode& root, Telling telling, std::string& names) {
   const PickleItem* found = nullptr;
   std::size_t count = 0;
   for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
-    if (!item->key.is(Kind::Text) || !isStateDict(item->value)) continue;
+    if (!item->key.is(Kind::Text) || !isStateDict(item->value, telling)) continue;
     found = item;
     constexpr std::size_t kNamed = 8;
     if (count++ < kNamed) names += (names.empty() ? "'" : ", '") + std::string(item->key.text()) + "'";
@@ -135,10 +147,14 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     return unsupported(std::string("checkpoint: it holds ") + pickleKindName(root.kind()) +
                        " instead of a dictionary of tensors by name");
   }
-  if (root.node().holdsTensor) return takeEntries(root.node(), "", out);
-  const PickleItem* chosen = findKnownKey(root.node());
+  const PickleItem* chosen = nullptr;
   std::string names;
-  if (chosen == nullptr) chosen = findOnlyStateDict(root.node(), names);
+  for (const Telling telling : {Telling::TorchTensors, Telling::AnyTensors}) {
+    if (holdsTelling(root.node(), telling)) return takeEntries(root.node(), "", out);
+    chosen = findKnownKey(root.node(), telling);
+    if (chosen == nullptr) chosen = findOnlyStateDict(root.node(), telling, names);
+    if (chosen != nullptr || !names.empty()) break;
+  }
   if (chosen == nullptr) {
     return unsupported(names.empty() ? "checkpoint: it holds no dictionary of tensors by name"
                                      : "checkpoint: it holds more than one dictionary of tensors: " + names);

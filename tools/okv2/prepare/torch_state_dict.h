@@ -34,8 +34,9 @@ struct StateDict {
 };
 
 // A dictionary: the root itself when it holds tensors, or else what it holds under one of the keys that
-// training programs use, or else its only dictionary of tensors. A tensor, or a list or tuple that holds
-// some, is taken without one. Failures begin "checkpoint: ":
+// training programs use, or else its only dictionary of tensors. Arrays of numpy's tell such a dictionary
+// only where no tensor of torch's tells one; in it they are tensors like any other. A tensor, or a list or
+// tuple that holds some, is taken without one. Failures begin "checkpoint: ":
 //   Unsupported  there is no such dictionary, or more than one; a key that is no text or comes twice; more
 //                than kMaxFileTensors entries
 Status findStateDict(const PickleValue& root, StateDict& out);
