@@ -160,6 +160,20 @@ TEST_F(WeightsTest, RefusesAnObjectAmongTheTensorsUntilItIsDropped) {
   EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
 }
 
+TEST_F(WeightsTest, SaysThatTheOptionLeavesOutWhatMayHoldWeights) {
+  SavedPickle program =
+      SavedPickle().stateDict({{"w", {6}, {1}, "0", 6}}).text("note").op(test::pickle_op::kNone);
+  program.op(test::pickle_op::kSetItem).text("more").stateDict({{"v", {6}, {1}, "0", 6}});
+  program.op(test::pickle_op::kSetItem);
+  write("pytorch_model.bin", savedZip(program.stop(), {{"0", kSix}}).build());
+  const Changes changes = prepare({false, {"^(note|more)$"}, false});
+  ASSERT_EQ(changes.size(), 3u);
+  EXPECT_EQ(changes[0].what, "note");
+  EXPECT_EQ(changes[0].why, "It is no tensor of the model.");
+  EXPECT_EQ(changes[1].what, "more");
+  EXPECT_EQ(changes[1].why, "--drop leaves it out.");
+}
+
 TEST_F(WeightsTest, GivesEveryShardOfATorchCheckpointItsPlace) {
   write("pytorch_model-00001-of-00002.bin", zipOf({{"a", {6}, {1}, "0", 6}}, kSix));
   write("pytorch_model-00002-of-00002.bin", zipOf({{"b", {6}, {1}, "0", 6}}, kSix));

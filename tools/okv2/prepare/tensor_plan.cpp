@@ -144,7 +144,9 @@ class Planner {
         if (entry.mayHoldWeights && !dropped) {
           names.add(fmt::format("'{}' ({})", entry.name, entry.what));
         } else {
-          change(k, entry.name, entry.what, "", "It is no tensor of the model.", Id::PytorchPickle);
+          change(k, entry.name, entry.what, "",
+                 entry.mayHoldWeights ? "--drop leaves it out." : "It is no tensor of the model.",
+                 Id::PytorchPickle);
         }
       }
       if (names.count() == 0) continue;
