@@ -733,6 +733,32 @@ TEST(TorchStateDict, NamesWhatIsBesideItOnce) {
   ASSERT_THAT(parsed.status, IsOk());
   EXPECT_EQ(parsed.checkpoint.others().size(), 1u);
 }
+// A tensor in a tuple in a list in a dictionary.
+SavedPickle threeDeep() {
+  SavedPickle program = SavedPickle::bare().op(op::kEmptyDict).text("a").op(op::kEmptyList);
+  return program.tensor(kTensor).op(op::kTuple1).op(op::kAppend).op(op::kSetItem);
+}
+TEST(TorchStateDict, SaysWhenTensorsLieSeveralContainersDeeper) {
+  SavedPickle dict = SavedPickle().stateDict({kTensor}).text("deep");
+  dict.raw(threeDeep().bytes()).op(op::kSetItem);
+  SavedPickle list = SavedPickle().op(op::kEmptyList).tensor(kTensor).op(op::kAppend);
+  list.raw(threeDeep().bytes()).op(op::kAppend);
+  for (const SavedPickle& program : {dict, list}) {
+    const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
+    ASSERT_THAT(parsed.status, IsOk());
+    ASSERT_EQ(parsed.checkpoint.others().size(), 1u);
+    EXPECT_EQ(parsed.checkpoint.others()[0].what, "a dictionary");
+    EXPECT_TRUE(parsed.checkpoint.others()[0].mayHoldWeights);
+  }
+}
+TEST(TorchStateDict, SaysWhenContainersHoldNoTensors) {
+  SavedPickle program = SavedPickle().stateDict({kTensor}).text("deep");
+  program.op(op::kEmptyList).op(op::kNone).op(op::kTuple1).op(op::kAppend).op(op::kSetItem);
+  const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  ASSERT_EQ(parsed.checkpoint.others().size(), 1u);
+  EXPECT_FALSE(parsed.checkpoint.others()[0].mayHoldWeights);
+}
 TEST(TorchStateDict, SaysWhenTensorsLieDeeperThanItsOwn) {
   const Parsed parsed(
       savedZip(SavedPickle().stateDict({kTensor}).text("deep").stateDict({kTensor}).op(op::kSetItem).stop(),

@@ -350,8 +350,10 @@ bool TorchPickle::addItem(PickleNode& node, const PickleValue& key, const Pickle
   (node.count++ == 0 ? node.first : node.last->next) = item;
   node.last = item;
   if (item->value.is(Kind::Tensor)) {
-    node.holdsTensor = true;
+    node.holdsTensor = node.reachesTensor = true;
     node.holdsTorchTensor = node.holdsTorchTensor || item->value.tensor().storage->content == nullptr;
+  } else if (item->value.isContainer()) {
+    node.reachesTensor = node.reachesTensor || item->value.node().reachesTensor;
   }
   return true;
 }

@@ -70,6 +70,9 @@ class PickleValue {
 
   [[nodiscard]] PickleKind kind() const noexcept { return kind_; }
   [[nodiscard]] bool is(PickleKind kind) const noexcept { return kind_ == kind; }
+  [[nodiscard]] bool isContainer() const noexcept {
+    return is(PickleKind::Tuple) || is(PickleKind::List) || is(PickleKind::Dict);
+  }
 
   // Each only for the kinds that it names.
   [[nodiscard]] std::int64_t integer() const noexcept { return integer_; }         // Boolean, Integer
@@ -115,6 +118,7 @@ struct PickleNode {
   std::uint64_t count = 0;
   bool holdsTensor = false;       // among its items, not deeper
   bool holdsTorchTensor = false;  // one of them is torch's own, and no array of numpy's
+  bool reachesTensor = false;     // or in containers below, as they were when they were added
 
   // The caller has checked `count`. Walks from the front.
   [[nodiscard]] const PickleValue& at(std::uint64_t k) const noexcept;

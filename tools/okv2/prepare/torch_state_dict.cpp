@@ -24,10 +24,6 @@ constexpr WrapperKey kWrapperKeys[] = {
     {"module", "DeepSpeed, runtime/engine.py"},
 };
 
-bool isContainer(const PickleValue& value) {
-  return value.is(Kind::Dict) || value.is(Kind::List) || value.is(Kind::Tuple);
-}
-
 // Which tensors tell a dictionary of weights. Programs that train with torch keep arrays of numpy's beside
 // the weights as well, means and states of generators: those tell nothing where there are tensors of torch's.
 enum class Telling : std::uint8_t { TorchTensors, AnyTensors };
@@ -40,7 +36,7 @@ bool isStateDict(const PickleValue& value, Telling telling) {
 }
 
 bool mayHoldWeights(const PickleValue& value) {
-  return value.is(Kind::Inert) || (isContainer(value) && value.node().holdsTensor);
+  return value.is(Kind::Inert) || (value.isContainer() && value.node().reachesTensor);
 }
 
 const PickleItem* findKnownKey(const PickleNode& root, Telling telling) {
