@@ -312,8 +312,7 @@ TEST_F(WeightsTest, RefusesAnArrayInTheOtherByteOrder) {
   EXPECT_EQ(refused.code, 3);
   EXPECT_EQ(refused.finding, "pytorch.pickle");
   EXPECT_EQ(refused.message,
-            "pytorch_model.bin: checkpoint: the pickle has a numpy array whose byte order is not "
-            "little-endian");
+            "pytorch_model.bin: among its tensors are other things: 'array' (a big-endian numpy array)");
 }
 
 // ---- checkpoints that an import reads as they are

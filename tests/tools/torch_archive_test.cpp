@@ -693,6 +693,21 @@ TEST(TorchStateDict, IsTakenFromBesideADictionaryOfArrays) {
     EXPECT_EQ(parsed.checkpoint.within(), "my_model") << key;
   }
 }
+TEST(TorchStateDict, IsTakenFromBesideABigEndianArray) {
+  SavedPickle program = wrapped({"state_dict"}).text("mean");
+  program.array({{1}, "abcd", "f4", false, ">"}).op(op::kSetItem);
+  const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  ASSERT_EQ(parsed.checkpoint.others().size(), 2u);
+  EXPECT_EQ(parsed.checkpoint.others()[1].what, "a big-endian numpy array");
+  EXPECT_FALSE(parsed.checkpoint.others()[1].mayHoldWeights);
+}
+TEST(TorchStateDict, RefusesABigEndianArrayAlone) {
+  EXPECT_THAT(programStatus(SavedPickle().array({{1}, "abcd", "f4", false, ">"})),
+              StatusIs(Code::Unsupported,
+                       "checkpoint: it holds a big-endian numpy array instead of a dictionary of tensors by "
+                       "name"));
+}
 TEST(TorchStateDict, MayHoldNothingButArrays) {
   for (const char* key : {"model", "my_model"}) {
     SavedPickle program;

@@ -188,10 +188,10 @@ TEST(TorchArrays, AreTakenWithATypeWhoseStateSaysNothingElse) {
   ASSERT_THAT(run.status, IsOk());
   EXPECT_TRUE(run.root.is(Kind::Tensor));
 }
-TEST(TorchArrays, AreRefusedInTheOtherByteOrder) {
-  EXPECT_THAT(Executed(bare().array({{1}, "abcd", "f4", false, ">"})).status,
-              StatusIs(Code::Unsupported,
-                       "checkpoint: the pickle has a numpy array whose byte order is not little-endian"));
+TEST(TorchArrays, StayObjectsInTheOtherByteOrder) {
+  const Executed run(bare().array({{1}, "abcd", "f4", false, ">"}));
+  ASSERT_THAT(run.status, IsOk());
+  EXPECT_TRUE(run.root.is(Kind::Inert));
 }
 TEST(TorchArrays, DoNotMakeATypeOfTheOtherByteOrderBad) {
   const Executed run(bare().numberType("f4", ">"));
@@ -446,6 +446,11 @@ TEST(TorchArraysFromABuffer, HaveTheFirstExtentFastestInTheOrderOfFortran) {
 TEST(TorchArraysFromABuffer, AreRefusedInAnyOtherOrder) {
   const Executed run(fromBuffer("numpy.core.numeric", f4(), "K"));
   EXPECT_THAT(run.status, corruptAtTheEnd(run, "bad numpy array"));
+}
+TEST(TorchArraysFromABuffer, StayObjectsInTheOtherByteOrder) {
+  const Executed run(fromBuffer("numpy.core.numeric", bare().numberType("f4", ">"), "C"));
+  ASSERT_THAT(run.status, IsOk());
+  EXPECT_TRUE(run.root.is(Kind::Inert));
 }
 TEST(TorchArraysFromABuffer, HaveAsManyBytesAsTheirElements) {
   const Executed run(fromBuffer("numpy.core.numeric", f4(), "C", 23));

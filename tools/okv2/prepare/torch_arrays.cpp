@@ -62,6 +62,12 @@ const ArrayPart* asNumberType(const PickleValue& value) {
   return part != nullptr && part->type != nullptr ? part : nullptr;
 }
 
+ArrayPart bigEndianArray() {
+  ArrayPart part;
+  part.isBigEndian = true;
+  return part;
+}
+
 // False for what does not stand for bytes.
 bool contentOf(const PickleValue& raw, ProgramBytes& out) {
   if (const ArrayPart* const encoded = asPart(raw, ArrayPart::Kind::EncodedText); encoded != nullptr) {
@@ -144,6 +150,7 @@ bool TorchPickle::encode(const PickleNode& args) {
 bool TorchPickle::arrayFromBuffer(const PickleNode& args) {
   const ArrayPart* const type = args.count == 4 ? asNumberType(args.at(1)) : nullptr;
   if (type == nullptr) return push(PickleValue(Kind::Inert));
+  if (type->isBigEndian) return pushPart(bigEndianArray());
   const PickleValue& order = args.at(3);
   if (!order.is(Kind::Text) || (order.text() != "C" && order.text() != "F")) {
     return corrupt("has a bad numpy array");
@@ -167,8 +174,8 @@ bool TorchPickle::setState(ArrayPart& part, const PickleValue& state) {
   return true;
 }
 
-// (1, shape, type, whether the first extent is the fastest, bytes). An array of anything but numbers stays
-// what it is.
+// (1, shape, type, whether the first extent is the fastest, bytes). An array of anything but numbers of this
+// byte order stays what it is: it may lie beside the weights.
 bool TorchPickle::fill(ArrayPart& array, const PickleValue& state) {
   constexpr std::uint64_t kItems = 5;
   constexpr std::int64_t kVersion = 1;
@@ -177,6 +184,10 @@ bool TorchPickle::fill(ArrayPart& array, const PickleValue& state) {
   const PickleNode& node = state.node();
   const ArrayPart* const type = asNumberType(node.at(2));
   if (!node.at(0).is(Kind::Integer) || node.at(0).integer() != kVersion || type == nullptr) return true;
+  if (type->isBigEndian) {
+    array = bigEndianArray();
+    return true;
+  }
   const PickleValue& order = node.at(3);
   if (!order.is(Kind::Boolean) && !order.is(Kind::Integer)) return corrupt("has a bad numpy array");
   array.tensor = makeArray(node.at(1), *type, order.integer() != 0, node.at(4));
@@ -198,10 +209,6 @@ const PickleTensor* TorchPickle::makeArray(const PickleValue& shape, const Array
   }
   if (!shape.node().holdsSizes()) {
     corrupt("has a bad numpy array");
-    return nullptr;
-  }
-  if (type.isBigEndian) {
-    reject("has a numpy array whose byte order is not little-endian");
     return nullptr;
   }
   constexpr std::uint64_t kMade = 4;  // content, storage, strides, tensor

@@ -152,7 +152,7 @@ struct ArrayPart {
   enum class Kind : std::uint8_t { NumberType, EncodedText, Array };
   Kind kind = Kind::Array;
   const ElementType* type = nullptr;     // of a NumberType; null for what is no number of ours
-  bool isBigEndian = false;              // of a NumberType
+  bool isBigEndian = false;              // of a NumberType, and of an Array that is none of ours for it
   std::string_view text;                 // of an EncodedText: UTF-8
   const PickleTensor* tensor = nullptr;  // of an Array, once it is filled
 };

@@ -72,11 +72,17 @@ Status tooManyEntries(const char* container) {
                      std::to_string(kMaxFileTensors) + " entries");
 }
 
+const char* describe(const PickleValue& value) {
+  const ArrayPart* const part = value.part();
+  const bool isBigEndian = part != nullptr && part->kind == ArrayPart::Kind::Array && part->isBigEndian;
+  return isBigEndian ? "a big-endian numpy array" : pickleKindName(value.kind());
+}
+
 void takeEntry(std::string name, const std::string& prefix, const PickleValue& value, StateDict& out) {
   if (value.is(Kind::Tensor)) {
     out.tensors.emplace_back(std::move(name), &value.tensor());
   } else {
-    out.others.push_back({prefix + name, pickleKindName(value.kind()), mayHoldWeights(value)});
+    out.others.push_back({prefix + name, describe(value), mayHoldWeights(value)});
   }
 }
 
@@ -140,7 +146,7 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
   if ((root.is(Kind::List) || root.is(Kind::Tuple)) && root.node().holdsTensor)
     return takePositions(root, out);
   if (!root.is(Kind::Dict)) {
-    return unsupported(std::string("checkpoint: it holds ") + pickleKindName(root.kind()) +
+    return unsupported(std::string("checkpoint: it holds ") + describe(root) +
                        " instead of a dictionary of tensors by name");
   }
   const PickleItem* chosen = nullptr;
@@ -165,7 +171,7 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     const std::string_view key = item->key.is(Kind::Text) ? item->key.text() : std::string_view();
     if (seen.insert(key).second) {
       if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
-      out.others.push_back({std::string(key), pickleKindName(item->value.kind()), false});
+      out.others.push_back({std::string(key), describe(item->value), false});
     }
   }
   return takeEntries(chosen->value.node(), out.within + ".", out);
