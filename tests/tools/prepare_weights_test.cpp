@@ -513,7 +513,7 @@ INSTANTIATE_TEST_SUITE_P(
         IntegerRow{"U8", bytesOf<std::uint8_t>({255, 0}), {0x437f0000, 0}},
         // A boolean is true unless all its bits are 0.
         IntegerRow{"BOOL", bytesOf<std::uint8_t>({0, 1, 2, 255}), {0, 0x3f800000, 0x3f800000, 0x3f800000}}),
-    [](const auto& info) { return info.param.type; });
+    [](const auto& row) { return row.param.type; });
 
 // An integer that lies between two floats.
 struct BetweenRow {
@@ -542,7 +542,7 @@ INSTANTIATE_TEST_SUITE_P(
         BetweenRow{"I32", "I32", bytesOf<std::int32_t>({std::numeric_limits<std::int32_t>::max()})},
         BetweenRow{"U64", "U64", bytesOf<std::uint64_t>({std::numeric_limits<std::uint64_t>::max()})},
         BetweenRow{"U32", "U32", bytesOf<std::uint32_t>({0xffffff01})}),
-    [](const auto& info) { return info.param.name; });
+    [](const auto& row) { return row.param.name; });
 
 TEST_F(WeightsTest, LooksAtTheIntegersOfEveryPieceBeforeItCastsThem) {
   // More than the 256 KiB that are looked at in one go.
