@@ -733,6 +733,21 @@ TEST(TorchStateDict, IsNotChosenAmongSeveral) {
       programStatus(wrapped({"a", "b"})),
       StatusIs(Code::Unsupported, "checkpoint: it holds more than one dictionary of tensors: 'a', 'b'"));
 }
+TEST(TorchStateDict, ShowsTheFirst200BytesOfItsKeysWhereThereAreSeveral) {
+  const std::string most(200, 'k');
+  EXPECT_THAT(programStatus(wrapped({most, most + "x"})),
+              StatusIs(Code::Unsupported, "checkpoint: it holds more than one dictionary of tensors: '" +
+                                              most + "', '" + most + "'"));
+}
+TEST(TorchStateDict, ShowsTheFirst200BytesOfAKeyThatComesTwice) {
+  for (const char* rest : {"", "x"}) {
+    const SavedTensor tensor{std::string(200, 'k') + rest, {4}, {1}, "0", 4};
+    EXPECT_THAT(programStatus(SavedPickle().stateDict({tensor, tensor})),
+                StatusIs(Code::Unsupported,
+                         "checkpoint: the dictionary of tensors has '" + std::string(200, 'k') + "' twice"))
+        << rest;
+  }
+}
 TEST(TorchStateDict, RefusesALongWrapperThatEveryNameWouldCarry) {
   EXPECT_THAT(programStatus(wrapped({std::string(256, 'k')})), IsOk());
   EXPECT_THAT(programStatus(wrapped({std::string(257, 'k')})),

@@ -49,6 +49,12 @@ const PickleItem* findKnownKey(const PickleNode& root, Telling telling) {
   return nullptr;
 }
 
+// A key for a message. The memo can hand out one text of megabytes as the key of many.
+std::string shown(std::string_view key) {
+  constexpr std::size_t kShownBytes = 200;
+  return "'" + std::string(key.substr(0, kShownBytes)) + "'";
+}
+
 // The only dictionary of tensors among the items of the root; null, with `names` of all, when there are none
 // or several.
 const PickleItem* findOnlyStateDict(const PickleNode& root, Telling telling, std::string& names) {
@@ -58,7 +64,7 @@ const PickleItem* findOnlyStateDict(const PickleNode& root, Telling telling, std
     if (!item->key.is(Kind::Text) || !isStateDict(item->value, telling)) continue;
     found = item;
     constexpr std::size_t kNamed = 8;
-    if (count++ < kNamed) names += (names.empty() ? "'" : ", '") + std::string(item->key.text()) + "'";
+    if (count++ < kNamed) names += (names.empty() ? "" : ", ") + shown(item->key.text());
   }
   return count == 1 ? found : nullptr;
 }
@@ -94,8 +100,7 @@ Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict&
                          pickleKindName(item->key.kind()));
     }
     if (!seen.insert(item->key.text()).second) {
-      return unsupported("checkpoint: the dictionary of tensors has '" + std::string(item->key.text()) +
-                         "' twice");
+      return unsupported("checkpoint: the dictionary of tensors has " + shown(item->key.text()) + " twice");
     }
     if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
     takeEntry(std::string(item->key.text()), prefix, item->value, out);
