@@ -789,6 +789,18 @@ TEST(TorchStateDict, SaysWhenContainersHoldNoTensors) {
   ASSERT_EQ(parsed.checkpoint.others().size(), 1u);
   EXPECT_FALSE(parsed.checkpoint.others()[0].mayHoldWeights);
 }
+TEST(TorchStateDict, NamesWhatIsBesideItByTheFirst200Bytes) {
+  const std::string most(200, 'k');
+  SavedPickle program;
+  program.op(op::kEmptyDict).op(op::kMark).text("state_dict").stateDict({kTensor});
+  for (const std::string& key : {most + "x", most, most + "y", most.substr(1)})
+    program.text(key).op(op::kNone);
+  const Parsed parsed(savedZip(program.op(op::kSetItems).stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  ASSERT_EQ(parsed.checkpoint.others().size(), 2u);
+  EXPECT_EQ(parsed.checkpoint.others()[0].name, most);
+  EXPECT_EQ(parsed.checkpoint.others()[1].name, most.substr(1));
+}
 TEST(TorchStateDict, SaysWhenTensorsLieDeeperThanItsOwn) {
   const Parsed parsed(
       savedZip(SavedPickle().stateDict({kTensor}).text("deep").stateDict({kTensor}).op(op::kSetItem).stop(),

@@ -49,11 +49,9 @@ const PickleItem* findKnownKey(const PickleNode& root, Telling telling) {
   return nullptr;
 }
 
-// A key for a message. The memo can hand out one text of megabytes as the key of many.
-std::string shown(std::string_view key) {
-  constexpr std::size_t kShownBytes = 200;
-  return "'" + std::string(key.substr(0, kShownBytes)) + "'";
-}
+// Of a key that is only named. The memo can hand out one text of megabytes as the key of many.
+constexpr std::size_t kShownBytes = 200;
+std::string shown(std::string_view key) { return "'" + std::string(key.substr(0, kShownBytes)) + "'"; }
 
 // The only dictionary of tensors among the items of the root; null, with `names` of all, when there are none
 // or several.
@@ -173,7 +171,8 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
   std::set<std::string_view> seen;  // ordered: names can be made to collide under a hash
   for (const PickleItem* item = root.node().first; item != nullptr; item = item->next) {
     if (item == chosen) continue;
-    const std::string_view key = item->key.is(Kind::Text) ? item->key.text() : std::string_view();
+    const std::string_view key =
+        item->key.is(Kind::Text) ? item->key.text().substr(0, kShownBytes) : std::string_view();
     if (seen.insert(key).second) {
       if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
       out.others.push_back({std::string(key), describe(item->value), false});

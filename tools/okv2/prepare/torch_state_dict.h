@@ -14,7 +14,7 @@ namespace zel::tool::prepare {
 
 // An entry that is no tensor, or lies beside the dictionary of tensors.
 struct OtherEntry {
-  std::string name;             // its key; "a.b" for what lies in dictionary a
+  std::string name;             // its key; "a.b" for what lies in dictionary a; 200 bytes of what lies beside
   std::string what;             // "a number", "a dictionary"
   bool mayHoldWeights = false;  // it lies among the tensors and holds tensors, or something that is not known
 };
