@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "executed_pickle.h"
 #include "okv2/prepare/torch_pickle.h"
 #include "support/status_matchers.h"
 #include "support/torch_builder.h"
@@ -23,18 +24,6 @@ using test::StatusIs;
 namespace op = test::pickle_op;
 using Kind = PickleKind;
 using Sizes = std::vector<std::uint64_t>;
-
-// Runs one program; what it makes lives as long as the object.
-struct Executed {
-  explicit Executed(const SavedPickle& pickle) : program(pickle.stop()) {
-    status = machine.run(program, root, consumed);
-  }
-  std::string program;
-  TorchPickle machine;
-  PickleValue root;
-  std::uint64_t consumed = 0;
-  Status status;
-};
 
 SavedPickle bare() { return SavedPickle::bare(); }
 SavedPickle latin1(std::string_view utf8) { return bare().latin1(utf8); }

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "executed_pickle.h"
 #include "okv2/prepare/torch_pickle.h"
 #include "support/status_matchers.h"
 #include "support/torch_builder.h"
@@ -20,18 +21,6 @@ using test::SavedPickle;
 using test::StatusIs;
 namespace op = test::pickle_op;
 using Kind = PickleKind;
-
-// Runs one program; what it makes lives as long as the object.
-struct Executed {
-  explicit Executed(std::string bytes) : program(std::move(bytes)) {
-    status = machine.run(program, root, consumed);
-  }
-  std::string program;
-  TorchPickle machine;
-  PickleValue root;
-  std::uint64_t consumed = 0;
-  Status status;
-};
 
 SavedPickle bare() { return SavedPickle::bare(); }
 
