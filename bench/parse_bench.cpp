@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "bench/inputs.h"
+#include "bench/touched_memory.h"
 #include "hf/hf_importer.h"
 #include "hf/json.h"
 #include "readers/safetensors_importer.h"
@@ -43,14 +44,19 @@ std::size_t scaled(std::size_t full) {
   return quick ? std::max<std::size_t>(full / 100, 10) : full;
 }
 
+// More than any reader here uses.
+const std::size_t kTouchedBytes = scaled(std::size_t{256} << 20);
+
 // Times `make()`, not the freeing of what it made: that depends on the C library's memory of earlier runs.
 template <class Make>
 void timeMaking(benchmark::State& state, std::size_t bytes, Make make) {
+  zel::bench::touchMemory(kTouchedBytes);
   for (auto _ : state) {
     auto made = make();
     benchmark::DoNotOptimize(made);
     state.PauseTiming();
     { const auto freed = std::move(made); }
+    zel::bench::touchMemory(kTouchedBytes);
     state.ResumeTiming();
   }
   state.SetBytesProcessed(state.iterations() * std::int64_t(bytes));
@@ -297,6 +303,7 @@ void headerPython(benchmark::State& state) {
                               "').read();b=time.process_time();json.loads(t);print(time.process_time()-b)\"";
   double seconds = 0;
   for (auto _ : state) {
+    zel::bench::touchMemory(kTouchedBytes);
     std::FILE* const python = popen(command.c_str(), "r");
     const bool read = python != nullptr && std::fscanf(python, "%lf", &seconds) == 1;
     require(python != nullptr && pclose(python) == 0 && read, "python3");

@@ -1,0 +1,19 @@
+// Fresh memory that costs what it costs on a machine of one's own.
+#pragma once
+
+#include <cstddef>
+
+#include <sys/mman.h>
+
+namespace zel::bench {
+
+// Uses and frees so much memory before a timed run. A virtual machine gives free pages back to its host
+// within seconds, and the first use of such a page is many times slower than the work that is measured. A
+// page fault each is still paid for by whoever is timed.
+inline void touchMemory(std::size_t bytes) {
+  void* const memory =
+      mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
+  if (memory != MAP_FAILED) (void)munmap(memory, bytes);
+}
+
+}  // namespace zel::bench
