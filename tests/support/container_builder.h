@@ -70,16 +70,19 @@ struct BuiltContainer {
   // CRC over header bytes 0..55 and the section table: right-shifting, polynomial 0x42F0E1EBA9EA3693 as it
   // is.
   void seal() {
-    std::array<std::uint64_t, 256> table{};
-    for (std::uint64_t n = 0; n < 256; ++n) {
-      table[n] = n;
-      for (int k = 0; k < 8; ++k)
-        table[n] = table[n] >> 1 ^ (table[n] & 1 ? 0x42F0E1EBA9EA3693U : 0);
-    }
+    static constexpr std::array<std::uint64_t, 256> kTable = [] {
+      std::array<std::uint64_t, 256> table{};
+      for (std::uint64_t n = 0; n < 256; ++n) {
+        table[n] = n;
+        for (int k = 0; k < 8; ++k)
+          table[n] = table[n] >> 1 ^ (table[n] & 1 ? 0x42F0E1EBA9EA3693U : 0);
+      }
+      return table;
+    }();
     std::uint64_t crc = 0;
     const auto add = [&](std::size_t from, std::size_t count) {
       for (std::size_t k = from; k < from + count; ++k) {
-        crc = crc >> 8 ^ table[(crc ^ static_cast<unsigned char>(bytes[k])) & 0xFF];
+        crc = crc >> 8 ^ kTable[(crc ^ static_cast<unsigned char>(bytes[k])) & 0xFF];
       }
     };
     add(0, 56);
