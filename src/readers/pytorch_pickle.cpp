@@ -27,26 +27,27 @@ enum class PickleKind : std::uint8_t {
   Tensor = 9,  // items: Storage, size Tuple, storage offset Int
 };
 
-// Hands out objects that live as long as the arena and never move.
+// Hands out objects that never move. They live until the arena is rewound to before them, or ends.
 template <class T>
 class Arena {
  public:
   template <class... Args>
   const T* make(Args&&... args) {
-    if (used_ == kBlock) {
-      blocks_.push_back(std::make_unique<T[]>(kBlock));
-      used_ = 0;
-    }
-    T& slot = blocks_.back()[used_];
+    if (size_ == blocks_.size() * kBlock) blocks_.push_back(std::make_unique<T[]>(kBlock));
+    T& slot = blocks_[size_ / kBlock][size_ % kBlock];
     slot = T{std::forward<Args>(args)...};
-    ++used_;
+    ++size_;
     return &slot;
   }
+
+  [[nodiscard]] std::size_t size() const noexcept { return size_; }
+  // Gives up all but the first `size` objects; their memory is used again.
+  void rewind(std::size_t size) noexcept { size_ = std::min(size_, size); }
 
  private:
   static constexpr std::size_t kBlock = 512;
   std::vector<std::unique_ptr<T[]>> blocks_;
-  std::size_t used_ = kBlock;
+  std::size_t size_ = 0;
 };
 
 struct PickleCell;
@@ -170,8 +171,16 @@ class PickleVM {
 
   bool step(std::uint8_t opcode);
 
+  // How much of the arenas is in use.
+  struct Extent {
+    std::size_t texts = 0;
+    std::size_t cells = 0;
+  };
+  [[nodiscard]] Extent used() const noexcept { return {texts_.size(), cells_.size()}; }
+
   bool push(const PickleValue& value);
   PickleValue pop() noexcept;
+  void drop() noexcept;
   bool pushText(PickleKind kind, std::string_view text);
 
   bool pop1();
@@ -213,7 +222,11 @@ class PickleVM {
   ByteReader in_;
   std::vector<PickleValue> stack_;
   std::vector<std::size_t> marks_;  // positions of marks in stack_, ascending
+  // For each position of stack_ what was used when something came to lie there. What lies below it, and
+  // stays, leads to nothing that was made since: values change only at the top of the stack.
+  std::vector<Extent> usedBefore_;
   std::vector<PickleValue> memo_;
+  Extent usedByMemo_;                   // at most
   std::vector<PickleValue> collected_;  // scratch of the opcodes that take everything above a mark
   Arena<PickleTexts> texts_;
   Arena<PickleCell> cells_;
@@ -228,7 +241,9 @@ Status PickleVM::value() {
     if (!in_.readU8(opcode)) {
       fail("unterminated pickle");
     } else if (opcode != kStop) {
+      const Extent before = used();
       step(opcode);
+      usedBefore_.resize(stack_.size(), before);
     }
   }
   if (failureCode_ == Code::OK) return {};
@@ -301,9 +316,17 @@ PickleValue PickleVM::pop() noexcept {
   return top;
 }
 
+// Pops a value that nothing takes over, and what was made for it alone.
+void PickleVM::drop() noexcept {
+  (void)pop();
+  const Extent& before = usedBefore_[stack_.size()];
+  texts_.rewind(std::max(before.texts, usedByMemo_.texts));
+  cells_.rewind(std::max(before.cells, usedByMemo_.cells));
+}
+
 bool PickleVM::pop1() {
   if (stack_.empty()) return fail("pop underflow");
-  (void)pop();
+  drop();
   return true;
 }
 
@@ -315,6 +338,7 @@ bool PickleVM::dup() {
 bool PickleVM::memoize() {
   if (stack_.empty()) return fail("memo index");
   memo_.push_back(stack_.back());
+  usedByMemo_ = used();
   return true;
 }
 
@@ -514,7 +538,7 @@ bool PickleVM::setItem() {
 
 bool PickleVM::build() {
   if (stack_.size() < 2) return fail("build underflow");
-  (void)pop();  // the state
+  drop();  // the state
   const PickleValue& object = stack_.back();
   const bool known = object.is(PickleKind::Storage) || object.is(PickleKind::Tensor);
   return known || reject("BUILD on unsupported object");

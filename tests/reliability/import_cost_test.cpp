@@ -7,8 +7,10 @@
 #include "allocator_shim.h"
 #include "plugin/plugin_host.h"
 #include "support/model_dir_builder.h"
+#include "support/pickle_builder.h"
 #include "support/safetensors_builder.h"
 #include "support/temp_dir.h"
+#include "support/zip_builder.h"
 
 namespace zel {
 namespace {
@@ -76,6 +78,28 @@ TEST(ImportCost, InMemoryDoesNotGrowWithTheTensor) {
         .peakBytes;
   };
   EXPECT_LE(peak(4096), peak(16) + 4096);  // 16 MiB and 64 KiB
+}
+
+// `rounds` times a list of two items that nothing keeps, around the one tensor that is imported.
+ModelDirBuilder withDroppedLists(std::size_t rounds) {
+  using test::Op;
+  const std::string round = test::PickleBuilder()
+                                .ops({Op::EMPTY_LIST, Op::NONE, Op::APPEND})
+                                .binunicode("dropped")
+                                .ops({Op::TUPLE1, Op::APPEND, Op::POP})
+                                .bytes();
+  test::PickleBuilder program;
+  program.repeat(rounds, round).op(Op::EMPTY_DICT);
+  program.binunicode("model.norm.weight").tensor({"", {1}, "data/0"}).op(Op::SETITEM);
+  return ModelDirBuilder().noWeights().file(
+      "pytorch_model.bin", test::ZipBuilder().add("data.pkl", program.stop()).add("data/0", "1234").build());
+}
+
+TEST(ImportCost, DoesNotGrowWithWhatAPickleDrops) {
+  const AllocationReport one = costOf(withDroppedLists(1));
+  const AllocationReport many = costOf(withDroppedLists(100000));
+  EXPECT_EQ(many.count, one.count);
+  EXPECT_EQ(many.peakBytes, one.peakBytes);
 }
 
 }  // namespace
