@@ -164,6 +164,15 @@ class MappedSource {
     return file_.get();
   }
 
+  // Whether the file is shorter than when it was mapped: the mapping then ends in zeros, up to the end of a
+  // page.
+  bool isCut(const BorrowedMapping& mapping) noexcept {
+    const int file = descriptorOf(mapping);
+    struct stat info {};
+    return file >= 0 && ::fstat(file, &info) == 0 && S_ISREG(info.st_mode) &&
+           std::uint64_t(info.st_size) < mapping.bytes.size();
+  }
+
  private:
   const BorrowedMapping* mapping_ = nullptr;
   Descriptor file_;
@@ -385,6 +394,9 @@ Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t
     }
     if (!out.appendZeros(paddingAfter(tensor.size), "OKV2: pad weights failed")) return failed(out.failure());
   }
+  if (!out.flush()) return failed(out.failure());
+  const auto isCut = [&source](const BorrowedMapping& mapping) { return source.isCut(mapping); };
+  if (std::any_of(mappings_.begin(), mappings_.end(), isCut)) return failed("OKV2: write weights failed");
   return {};
 }
 
@@ -457,7 +469,6 @@ Status OKV2Writer::write(const char* path) const {
     }
   }
   ZEL_RETURN_IF_ERROR(writeWeights(out, order));
-  if (!out.flush()) return failed(out.failure());
 
   std::uint64_t checksum = okv2::crc64(header.data(), okv2::kHeaderChecksumOffset);
   checksum = okv2::crc64(tableBytes.data(), tableBytes.size(), checksum);

@@ -104,8 +104,9 @@ class OKV2Writer {
 
   // Tells that borrowed tensors lie in this read-only mapping of the whole file at `path`. write() then opens
   // the file again to copy long tensors from file to file, which is faster; of others it lets go of the pages
-  // behind the copy, so that memory in use does not grow with the model. The bytes stay readable. Only for
-  // speed: where another file is at `path` by then, or none, the mapping is written.
+  // behind the copy, so that memory in use does not grow with the model. The bytes stay readable. Where
+  // another file is at `path` by then, or none, the mapping is written; a file that has been cut short is a
+  // failed write.
   void borrowMapping(std::string_view mapping, FileId file, std::string path);
 
   // Creates or truncates `path` and writes the container. A failure leaves the partly written file on disk.

@@ -125,11 +125,40 @@ TEST_F(OKV2WriterMapping, EachTensorComesFromItsOwnFile) {
   EXPECT_TRUE(writes(content_.substr(kLong), 2 * kLong));
 }
 
-TEST_F(OKV2WriterMapping, WhatTheFileLacksIsWrittenFromMemory) {
-  const std::string path = dir_.write("shard", content_.substr(0, kLong + 7));
+// The mapping of such a file goes on in zeros up to the end of the page, which no write would notice.
+TEST_F(OKV2WriterMapping, AFileThatLacksItsLastByteIsAFailedWrite) {
+  const std::string path = dir_.write("shard", content_.substr(0, memory_.size() - 1));
+  writer_.borrowMapping(memory_, idOf(path), path);
+  add("long", memory_);
+  add("short", memory_.substr(0, 100));
+  EXPECT_THAT(writer_.write((dir_ / "out.okv2").c_str()),
+              test::StatusIs(Code::InvalidFormat, "OKV2: write weights failed"));
+}
+
+TEST_F(OKV2WriterMapping, AFileThatLacksItsLastByteIsAFailedWriteOfShortTensorsToo) {
+  const std::string path = dir_.write("shard", content_.substr(0, memory_.size() - 1));
+  writer_.borrowMapping(memory_, idOf(path), path);
+  add("w", memory_.substr(0, 100));
+  EXPECT_THAT(writer_.write((dir_ / "out.okv2").c_str()),
+              test::StatusIs(Code::InvalidFormat, "OKV2: write weights failed"));
+}
+
+TEST_F(OKV2WriterMapping, ACutFileAmongOthersIsAFailedWrite) {
+  const std::string first = dir_.write("first", content_);
+  const Mapping otherMapping(dir_.write("mapped too", numbered(100, 30)));
+  const std::string second = dir_.write("second", numbered(99, 30));
+  writer_.borrowMapping(memory_, idOf(first), first);
+  writer_.borrowMapping(otherMapping.bytes(), idOf(second), second);
+  add("w", memory_);
+  EXPECT_THAT(writer_.write((dir_ / "out.okv2").c_str()),
+              test::StatusIs(Code::InvalidFormat, "OKV2: write weights failed"));
+}
+
+TEST_F(OKV2WriterMapping, AFileThatHasGrownIsWritten) {
+  const std::string path = dir_.write("shard", content_ + "x");
   writer_.borrowMapping(memory_, idOf(path), path);
   add("w", memory_);
-  EXPECT_TRUE(writes(content_.substr(0, kLong + 7) + std::string(memory_.substr(kLong + 7))));
+  EXPECT_TRUE(writes(content_));
 }
 
 TEST_F(OKV2WriterMapping, IsWrittenWhenAnotherFileIsAtThePath) {

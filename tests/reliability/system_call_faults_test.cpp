@@ -30,7 +30,8 @@ using test::TempDir;
 // ---- the directories, and the order in which an import goes through them
 
 // Opened in this order: config.json 1, tokenizer.json 2, tokenizer_config.json 3, special_tokens_map.json 4,
-// generation_config.json 5, a.safetensors 6, b.safetensors 7, the container 8.
+// generation_config.json 5, a.safetensors 6, b.safetensors 7, the container 8, both shards again 9 and 10, to
+// see whether they have been cut short.
 ModelDirBuilder shardsDir() {
   // 262146 bytes: more than one write, and 62 bytes of padding behind them.
   static const std::string kLargeShard =
@@ -43,7 +44,7 @@ ModelDirBuilder shardsDir() {
 }
 
 // Opened in this order: config.json 1, tokenizer.json and .model (absent) 2 and 3, the side files (absent)
-// 4 to 6, the checkpoint 7, the container 8.
+// 4 to 6, the checkpoint 7, the container 8, the checkpoint again 9.
 ModelDirBuilder checkpointDir() { return test::pytorchInput(); }
 
 // Opened in this order: config.json 1, tokenizer.json and .model (absent) 2 and 3, the side files (absent)
@@ -164,11 +165,19 @@ const Row kRows[] = {
     {"CloseShardAgain", Dir::LongTensor, FAULT_CLOSE, 3, kCloseErrors, OKV_OK, ""},
     {"CloseOnePipeEnd", Dir::LongTensor, FAULT_CLOSE, 5, kCloseErrors, OKV_OK, ""},
     {"CloseOtherPipeEnd", Dir::LongTensor, FAULT_CLOSE, 6, kCloseErrors, OKV_OK, ""},
+    // What cannot be known of the shards at the end is no failure.
+    {"OpenFirstShardAtTheEnd", Dir::Shards, FAULT_OPEN, 9, kOpenErrors, OKV_OK, ""},
+    {"OpenLastShardAtTheEnd", Dir::Shards, FAULT_OPEN, 10, kOpenErrors, OKV_OK, ""},
+    {"StatFirstShardAtTheEnd", Dir::Shards, FAULT_FSTAT, 9, kStatErrors, OKV_OK, ""},
+    {"StatFirstShardForItsSize", Dir::Shards, FAULT_FSTAT, 10, kStatErrors, OKV_OK, ""},
+    {"StatLongTensorsShardForItsSize", Dir::LongTensor, FAULT_FSTAT, 5, kStatErrors, OKV_OK, ""},
+    {"CloseFirstShardAtTheEnd", Dir::Shards, FAULT_CLOSE, 8, kCloseErrors, OKV_OK, ""},
+    {"CloseLastShardAtTheEnd", Dir::Shards, FAULT_CLOSE, 9, kCloseErrors, OKV_OK, ""},
     {"AskPosition", Dir::Shards, FAULT_LSEEK, 1, kSeekErrors, OKV_INVALID, "OKV2: layout error"},
     {"SeekToStart", Dir::Shards, FAULT_LSEEK, 2, kSeekErrors, OKV_INVALID, "OKV2: patch header failed"},
     {"PatchHeader", Dir::Shards, FAULT_WRITE, 1, kWriteErrors, OKV_INVALID, "OKV2: patch header failed"},
     {"InterruptedPatchHeader", Dir::Shards, FAULT_WRITE, 1, kInterrupted, OKV_OK, ""},
-    {"CloseContainer", Dir::Shards, FAULT_CLOSE, 8, kCloseErrors, OKV_INVALID, "OKV2: close failed"},
+    {"CloseContainer", Dir::Shards, FAULT_CLOSE, 10, kCloseErrors, OKV_INVALID, "OKV2: close failed"},
 };
 
 // At one go: unoptimised stream iterators would take most of the time of these tests.
@@ -252,11 +261,11 @@ TEST(SystemCalls, AreAsManyAsTheTableOfFaultsCounts) {
   // open fstat stat read mmap munmap madvise opendir readdir closedir ftruncate writev write lseek close
   // fread fseeko pipe2 fcntl
   ASSERT_EQ(importUnder(none, shardsDir().write(temp, "s"), temp / "s.okv2").code, OKV_OK);
-  expectCounts({8, 8, 1, 5, 2, 0, 3, 1, 10, 1, 0, 3, 1, 2, 8, 0, 0, 0, 0});
+  expectCounts({10, 12, 1, 5, 2, 0, 3, 1, 10, 1, 0, 3, 1, 2, 10, 0, 0, 0, 0});
   ASSERT_EQ(importUnder(none, checkpointDir().write(temp, "c"), temp / "c.okv2").code, OKV_OK);
-  expectCounts({8, 3, 2, 1, 1, 1, 0, 1, 5, 1, 0, 1, 1, 2, 3, 0, 0, 0, 0});
+  expectCounts({9, 5, 2, 1, 1, 1, 0, 1, 5, 1, 0, 1, 1, 2, 4, 0, 0, 0, 0});
   ASSERT_EQ(importUnder(none, longTensorDir().write(temp, "l"), temp / "l.okv2").code, OKV_OK);
-  expectCounts({9, 4, 1, 1, 1, 0, 0, 1, 5, 1, 0, 2, 1, 2, 6, 0, 0, 1, 1});
+  expectCounts({9, 5, 1, 1, 1, 0, 0, 1, 5, 1, 0, 2, 1, 2, 6, 0, 0, 1, 1});
 }
 
 TEST(SystemCalls, CopyATensorOfOneMiBFromFileToFileAndNoShorterOne) {
@@ -435,6 +444,23 @@ TEST(PartialCalls, ACopyThatBreaksOffIsContinuedFromTheMapping) {
       EXPECT_TRUE(contentOf(out) == expected);
     }
   }
+}
+
+// What has stuck in the pipe must not come before the next long tensor.
+TEST(PartialCalls, ACopyThatBreaksOffLeavesNothingBeforeTheNextTensor) {
+  const TempDir temp;
+  const std::string dir =
+      ModelDirBuilder()
+          .shard("model.safetensors", SafetensorsBuilder()
+                                          .tensor("lm_head.weight", "F32", {512, 1024})
+                                          .tensor("model.norm.weight", "F32", {512, 1024}))
+          .write(temp);
+  const std::string expected = goodContainer(dir, temp);
+  const std::string out = temp / "out.okv2";
+  EXPECT_EQ(importUnder({FAULT_SPLICE, 2, 0, 4096, EIO}, dir, out).code, OKV_OK);
+  // Into the pipe, out of it in part, and no more: the pipe is gone.
+  EXPECT_EQ(faultCallCount(FAULT_SPLICE), 3);
+  EXPECT_TRUE(contentOf(out) == expected);
 }
 
 // Short writes and then none: the message names the part that the missing byte belongs to.
