@@ -5,6 +5,8 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <string>
 
@@ -24,23 +26,20 @@ namespace {
 using test::SafetensorsBuilder;
 using test::TempDir;
 
-constexpr std::uint64_t kTensorBytes = std::uint64_t{8} << 20;
+constexpr std::uint64_t kTensorBytes = std::uint64_t{4} << 20;
 constexpr int kTensors = 4;
 
-// The data region is a hole: quick to make, and as long to copy as any other.
-std::string sparseShard() {
+std::string shard() {
   SafetensorsBuilder builder;
-  for (std::uint64_t k = 0; k < kTensors; ++k) {
-    builder.tensor("t" + std::to_string(k), "F32", {kTensorBytes / 4},
-                   SafetensorsBuilder::Offsets{k * kTensorBytes, (k + 1) * kTensorBytes});
-  }
+  for (std::uint64_t k = 0; k < kTensors; ++k)
+    builder.tensor("t" + std::to_string(k), "F32", {kTensorBytes / 4});
   return builder.bytes();
 }
 
-std::string sparseCheckpoint() {
+std::string checkpoint() {
   return test::ZipBuilder()
       .add("data.pkl", test::stateDict({{"t0", {kTensorBytes / 4}, "s"}, {"t1", {kTensorBytes / 4}, "s"}}))
-      .add("s", std::string(kTensorBytes, '\0'))
+      .add("s", test::patternBytes(kTensorBytes))
       .build();
 }
 
@@ -53,41 +52,71 @@ struct Tally {
   int failed = 0;
 };
 
-// One import, cut short at a random moment after its output has begun to grow.
-void truncateDuringImport(const std::string& dir, const std::string& weights, const std::string& out,
-                          std::mt19937_64& random, Tally& tally) {
-  std::filesystem::remove(out);
-  test::ForkedChild import([&] { return answerText(test::importDir(dir, out)); });
-  const std::uint64_t whole = std::filesystem::file_size(weights);
-  const std::uint64_t until = std::uniform_int_distribution<std::uint64_t>(256, whole / 2)(random);
-  const std::uint64_t cut = std::uniform_int_distribution<std::uint64_t>(0, whole / 2)(random);
-  struct stat info {};
-  while ((stat(out.c_str(), &info) != 0 || std::uint64_t(info.st_size) < until) && !import.ended())
-    sched_yield();
-  ASSERT_EQ(truncate(weights.c_str(), off_t(cut)), 0);
-  const test::ChildResult result = import.wait();
-  EXPECT_EQ(result.signal, 0) << "ended by " << strsignal(result.signal);
-  if (result.text == "0 ") {
-    ++tally.written;
-  } else {
-    EXPECT_EQ(result.text, "2 OKV2: write weights failed");
-    ++tally.failed;
+// Imports of one weight file, cut short at a random moment after the output has begun to grow.
+class CutImports {
+ public:
+  CutImports(const char* name, const std::string& weights, unsigned seed)
+      : weights_(weights),
+        dir_(test::ModelDirBuilder().noWeights().file(name, weights).write(temp_)),
+        path_(dir_ + "/" + name),
+        random_(seed) {
+    (void)test::importer();
+    EXPECT_EQ(answerText(test::importDir(dir_, out_)), "0 ");
+    whole_ = contentOf(out_);
   }
-}
+
+  void round(Tally& tally) {
+    std::filesystem::remove(out_);
+    writeWeights();
+    test::ForkedChild import([&] { return answerText(test::importDir(dir_, out_)); });
+    const std::uint64_t until = upTo(256, weights_.size() / 2);
+    // As often by less than a page as by more.
+    const std::uint64_t cut =
+        upTo(0, 1) == 0 ? upTo(0, weights_.size() / 2) : weights_.size() - upTo(1, 4095);
+    struct stat info {};
+    while ((stat(out_.c_str(), &info) != 0 || std::uint64_t(info.st_size) < until) && !import.ended())
+      sched_yield();
+    ASSERT_EQ(truncate(path_.c_str(), off_t(cut)), 0);
+    const test::ChildResult result = import.wait();
+    EXPECT_EQ(result.signal, 0) << "ended by " << strsignal(result.signal);
+    if (result.text == "0 ") {
+      EXPECT_TRUE(contentOf(out_) == whole_) << "an import of " << cut << " bytes";
+      ++tally.written;
+    } else {
+      EXPECT_EQ(result.text, "2 OKV2: write weights failed");
+      ++tally.failed;
+    }
+  }
+
+ private:
+  static std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  void writeWeights() const {
+    std::ofstream file(path_, std::ios::binary);
+    file << weights_;
+    ASSERT_TRUE(file.flush());
+  }
+  std::uint64_t upTo(std::uint64_t least, std::uint64_t most) {
+    return std::uniform_int_distribution<std::uint64_t>(least, most)(random_);
+  }
+
+  const TempDir temp_;
+  const std::string weights_;
+  const std::string dir_;
+  const std::string path_;
+  const std::string out_ = temp_ / "out.okv2";
+  std::string whole_;
+  std::mt19937_64 random_;
+};
 
 TEST(TruncatedSource, OfSafetensorsEndsWithAFailedWriteAndNeverWithASignal) {
-  const TempDir temp;
-  const std::string header = sparseShard();
-  const std::string dir = test::ModelDirBuilder().noWeights().file("model.safetensors", header).write(temp);
-  const std::string weights = dir + "/model.safetensors";
-  (void)test::importer();
-  std::mt19937_64 random(7);
+  CutImports imports("model.safetensors", shard(), 7);
   Tally tally;
   for (int round = 0; round < test::rounds(40, 500) && !HasFatalFailure(); ++round) {
     SCOPED_TRACE(round);
-    temp.write("model/model.safetensors", header);
-    ASSERT_EQ(truncate(weights.c_str(), off_t(header.size() + kTensors * kTensorBytes)), 0);
-    truncateDuringImport(dir, weights, temp / "out.okv2", random, tally);
+    imports.round(tally);
   }
   EXPECT_GT(tally.failed, 0) << "every import was faster than the truncation";
   RecordProperty("written", tally.written);
@@ -95,17 +124,11 @@ TEST(TruncatedSource, OfSafetensorsEndsWithAFailedWriteAndNeverWithASignal) {
 }
 
 TEST(TruncatedSource, OfACheckpointEndsWithAFailedWriteAndNeverWithASignal) {
-  const TempDir temp;
-  const std::string checkpoint = sparseCheckpoint();
-  const std::string dir = test::ModelDirBuilder().noWeights().file("pytorch_model.bin", "").write(temp);
-  const std::string weights = dir + "/pytorch_model.bin";
-  (void)test::importer();
-  std::mt19937_64 random(8);
+  CutImports imports("pytorch_model.bin", checkpoint(), 8);
   Tally tally;
   for (int round = 0; round < test::rounds(15, 500) && !HasFatalFailure(); ++round) {
     SCOPED_TRACE(round);
-    temp.write("model/pytorch_model.bin", checkpoint);
-    truncateDuringImport(dir, weights, temp / "out.okv2", random, tally);
+    imports.round(tally);
   }
   EXPECT_GT(tally.failed, 0) << "every import was faster than the truncation";
   RecordProperty("written", tally.written);
