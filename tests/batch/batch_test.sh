@@ -131,6 +131,13 @@ for tool in scancel scontrol; do
   printf '#!/bin/sh\necho %s "$@" >>%q\n' $tool "$scratch/scheduler" >"bin/$tool"
   chmod +x "bin/$tool"
 done
+# A disk with room for the report and not for the container.
+rm out/model-01.*
+code=0
+(trap '' XFSZ && ulimit -f 16 && SLURM_ARRAY_TASK_ID=$(line_of model-01) exec bash recipe2) 2>/dev/null || code=$?
+expect_equal "Slurm: the report of a full disk" "$(result out/model-01.json)" "2 OKV2: write weights failed"
+expect_equal "Slurm: a full disk" "$code $(cat scheduler)" "74 scontrol requeue 77_$(line_of model-01)"
+rm scheduler
 printf '#!/bin/sh\nexit 69\n' >bin/okv2
 code=0
 SLURM_ARRAY_TASK_ID=3 bash recipe2 || code=$?
