@@ -177,6 +177,15 @@ class SavedPickle {
   std::string stream_;
 };
 
+// A dictionary without the opcode PROTO; keys and values are opcodes that push them.
+inline SavedPickle savedDict(const std::vector<std::pair<SavedPickle, SavedPickle>>& items) {
+  SavedPickle out = SavedPickle::bare().op(pickle_op::kEmptyDict).op(pickle_op::kMark);
+  for (const auto& [key, value] : items)
+    out.raw(key.bytes()).raw(value.bytes());
+  return out.op(pickle_op::kSetItems);
+}
+inline SavedPickle savedText(std::string_view text) { return SavedPickle::bare().text(text); }
+
 using SavedStorages = std::vector<std::pair<std::string, std::string>>;  // key and bytes
 
 // `data` as a deflate stream (RFC 1951) of stored blocks.

@@ -19,9 +19,11 @@ namespace {
 
 using test::bytesOf;
 using test::SafetensorsBuilder;
+using test::savedDict;
 using test::savedLegacy;
 using test::SavedPickle;
 using test::SavedTensor;
+using test::savedText;
 using test::savedZip;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -137,6 +139,50 @@ TEST_F(WeightsTest, TakesTensorsFromUnderAKeyAndSaysSo) {
                           "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
                           "model.safetensors: tensor names: state_dict.* -> * (pytorch.pickle)"));
   EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+}
+
+// A checkpoint that is a dictionary of these items, with one storage of six floats.
+std::string dictionaryOf(const std::vector<std::pair<SavedPickle, SavedPickle>>& items) {
+  return savedZip(SavedPickle().raw(savedDict(items).bytes()).stop(), {{"0", kSix}}).build();
+}
+SavedPickle six(const char* storageClass = "FloatStorage") {
+  return SavedPickle::bare().tensor({"", {6}, {1}, "0", 6, storageClass});
+}
+
+TEST_F(WeightsTest, TakesTensorsFromUnderAKnownKeyBesideTensorsAndSaysSo) {
+  write("pytorch_model.bin",
+        dictionaryOf({{savedText("epoch"), SavedPickle::bare().number(1)},
+                      {savedText("state_dict"), savedDict({{savedText("w"), six()}})},
+                      {savedText("best_acc1"), SavedPickle::bare().tensor({"", {}, {}, "0", 6})}}));
+  const Changes changes = prepare();
+  EXPECT_THAT(changeTexts(changes),
+              ElementsAre("model.safetensors: epoch: a number ->  (pytorch.pickle)",
+                          "model.safetensors: best_acc1: a tensor ->  (pytorch.pickle)",
+                          "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                          "model.safetensors: tensor names: state_dict.* -> * (pytorch.pickle)"));
+  EXPECT_EQ(changes[0].why, "It is no tensor of the model.");
+  EXPECT_EQ(changes[1].why, "It lies beside the dictionary of tensors.");
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+  EXPECT_EQ(dataOf("model.safetensors", "w"), kSix);
+}
+
+TEST_F(WeightsTest, TakesArraysFromUnderAKnownKeyBesideADictionaryOfIntegers) {
+  const SavedPickle array = SavedPickle::bare().array({{6}, kSix});
+  write("pytorch_model.bin",
+        dictionaryOf({{savedText("state_dict"), savedDict({{savedText("w"), array}})},
+                      {savedText("rng"), savedDict({{savedText("cpu"), six("ByteStorage")}})}}));
+  WeightOptions options;
+  for (const bool castIntegers : {false, true}) {
+    options.castIntegers = castIntegers;
+    EXPECT_THAT(
+        changeTexts(prepare(options)),
+        ElementsAre("model.safetensors: rng: a dictionary ->  (pytorch.pickle)",
+                    "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                    "model.safetensors: tensor names: state_dict.* -> * (pytorch.pickle)"));
+    EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+    EXPECT_EQ(dataOf("model.safetensors", "w"), kSix);
+    std::filesystem::remove(out() + "/model.safetensors");
+  }
 }
 
 TEST_F(WeightsTest, RefusesAnObjectAmongTheTensorsUntilItIsDropped) {

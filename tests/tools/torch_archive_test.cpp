@@ -685,13 +685,11 @@ TEST(TorchStateDict, IsTakenFromBesideAnArray) {
   }
 }
 TEST(TorchStateDict, IsTakenFromBesideADictionaryOfArrays) {
-  for (const char* key : {"model", "statistics"}) {
-    SavedPickle program = wrapped({"my_model"});
-    program.text(key).raw(arrayDict().bytes()).op(op::kSetItem);
-    const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
-    ASSERT_THAT(parsed.status, IsOk()) << key;
-    EXPECT_EQ(parsed.checkpoint.within(), "my_model") << key;
-  }
+  SavedPickle program = wrapped({"my_model"});
+  program.text("statistics").raw(arrayDict().bytes()).op(op::kSetItem);
+  const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
+  ASSERT_THAT(parsed.status, IsOk());
+  EXPECT_EQ(parsed.checkpoint.within(), "my_model");
 }
 TEST(TorchStateDict, IsTakenFromBesideABigEndianArray) {
   SavedPickle program = wrapped({"state_dict"}).text("mean");

@@ -135,6 +135,11 @@ class Planner {
     }
   }
 
+  static const char* whyLeftOut(const OtherEntry& entry) {
+    if (entry.mayHoldWeights) return "--drop leaves it out.";
+    return entry.isLeftOut ? "It lies beside the dictionary of tensors." : "It is no tensor of the model.";
+  }
+
   void refuseOthers() {
     for (std::size_t k = 0; k < files_.size(); ++k) {
       const WeightFile& file = *files_[k];
@@ -144,9 +149,7 @@ class Planner {
         if (entry.mayHoldWeights && !dropped) {
           names.add(fmt::format("'{}' ({})", entry.name, entry.what));
         } else {
-          change(k, entry.name, entry.what, "",
-                 entry.mayHoldWeights ? "--drop leaves it out." : "It is no tensor of the model.",
-                 Id::PytorchPickle);
+          change(k, entry.name, entry.what, "", whyLeftOut(entry), Id::PytorchPickle);
         }
       }
       if (names.count() == 0) continue;

@@ -24,8 +24,8 @@ constexpr WrapperKey kWrapperKeys[] = {
     {"module", "DeepSpeed, runtime/engine.py"},
 };
 
-// Which tensors tell a dictionary of weights. Programs that train with torch keep arrays of numpy's beside
-// the weights as well, means and states of generators: those tell nothing where there are tensors of torch's.
+// Which tensors tell a dictionary of weights. Programs that train with torch keep arrays of numpy's as well,
+// means and states of generators: of two known keys, that of torch's tensors is the weights'.
 enum class Telling : std::uint8_t { TorchTensors, AnyTensors };
 
 bool holdsTelling(const PickleNode& node, Telling telling) {
@@ -35,15 +35,18 @@ bool isStateDict(const PickleValue& value, Telling telling) {
   return value.is(Kind::Dict) && holdsTelling(value.node(), telling);
 }
 
-bool mayHoldWeights(const PickleValue& value) {
-  return value.is(Kind::Inert) || (value.isContainer() && value.node().reachesTensor);
+bool reachesTensor(const PickleValue& value) {
+  return value.is(Kind::Tensor) || (value.isContainer() && value.node().reachesTensor);
 }
+bool mayHoldWeights(const PickleValue& value) { return value.is(Kind::Inert) || reachesTensor(value); }
 
-const PickleItem* findKnownKey(const PickleNode& root, Telling telling) {
-  for (const WrapperKey& row : kWrapperKeys) {
-    for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
-      if (item->key.is(Kind::Text) && item->key.text() == row.key && isStateDict(item->value, telling))
-        return item;
+const PickleItem* findKnownKey(const PickleNode& root) {
+  for (const Telling telling : {Telling::TorchTensors, Telling::AnyTensors}) {
+    for (const WrapperKey& row : kWrapperKeys) {
+      for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
+        if (item->key.is(Kind::Text) && item->key.text() == row.key && isStateDict(item->value, telling))
+          return item;
+      }
     }
   }
   return nullptr;
@@ -86,7 +89,7 @@ void takeEntry(std::string name, const std::string& prefix, const PickleValue& v
   if (value.is(Kind::Tensor)) {
     out.tensors.emplace_back(std::move(name), &value.tensor());
   } else {
-    out.others.push_back({prefix + name, describe(value), mayHoldWeights(value)});
+    out.others.push_back({prefix + name, describe(value), mayHoldWeights(value), false});
   }
 }
 
@@ -102,6 +105,21 @@ Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict&
     }
     if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
     takeEntry(std::string(item->key.text()), prefix, item->value, out);
+  }
+  return {};
+}
+
+// What lies beside the dictionary of tensors, each name once.
+Status takeBeside(const PickleNode& root, const PickleItem& chosen, StateDict& out) {
+  std::set<std::pair<std::string_view, bool>> seen;  // ordered: names can be made to collide under a hash
+  for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
+    if (item == &chosen) continue;
+    const std::string_view key =
+        item->key.is(Kind::Text) ? item->key.text().substr(0, kShownBytes) : std::string_view();
+    const bool holds = reachesTensor(item->value);
+    if (!seen.insert({key, holds}).second) continue;
+    if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
+    out.others.push_back({std::string(key), describe(item->value), false, holds});
   }
   return {};
 }
@@ -152,13 +170,14 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     return unsupported(std::string("checkpoint: it holds ") + describe(root) +
                        " instead of a dictionary of tensors by name");
   }
-  const PickleItem* chosen = nullptr;
+  const PickleItem* chosen = findKnownKey(root.node());
   std::string names;
-  for (const Telling telling : {Telling::TorchTensors, Telling::AnyTensors}) {
-    if (holdsTelling(root.node(), telling)) return takeEntries(root.node(), "", out);
-    chosen = findKnownKey(root.node(), telling);
-    if (chosen == nullptr) chosen = findOnlyStateDict(root.node(), telling, names);
-    if (chosen != nullptr || !names.empty()) break;
+  if (chosen == nullptr) {
+    for (const Telling telling : {Telling::TorchTensors, Telling::AnyTensors}) {
+      if (holdsTelling(root.node(), telling)) return takeEntries(root.node(), "", out);
+      chosen = findOnlyStateDict(root.node(), telling, names);
+      if (chosen != nullptr || !names.empty()) break;
+    }
   }
   if (chosen == nullptr) {
     return unsupported(names.empty() ? "checkpoint: it holds no dictionary of tensors by name"
@@ -168,16 +187,7 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     return unsupported("checkpoint: the key of the dictionary of tensors has more than 256 bytes");
   }
   out.within = chosen->key.text();
-  std::set<std::string_view> seen;  // ordered: names can be made to collide under a hash
-  for (const PickleItem* item = root.node().first; item != nullptr; item = item->next) {
-    if (item == chosen) continue;
-    const std::string_view key =
-        item->key.is(Kind::Text) ? item->key.text().substr(0, kShownBytes) : std::string_view();
-    if (seen.insert(key).second) {
-      if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
-      out.others.push_back({std::string(key), describe(item->value), false});
-    }
-  }
+  ZEL_RETURN_IF_ERROR(takeBeside(root.node(), *chosen, out));
   return takeEntries(chosen->value.node(), out.within + ".", out);
 }
 

@@ -17,6 +17,7 @@ struct OtherEntry {
   std::string name;             // its key; "a.b" for what lies in dictionary a; 200 bytes of what lies beside
   std::string what;             // "a number", "a dictionary"
   bool mayHoldWeights = false;  // it lies among the tensors and holds tensors, or something that is not known
+  bool isLeftOut = false;       // it lies beside the dictionary of tensors and holds tensors
 };
 
 enum class TensorNaming : std::uint8_t {
@@ -33,8 +34,8 @@ struct StateDict {
   std::vector<OtherEntry> others;
 };
 
-// A dictionary: the root itself when it holds tensors, or else what it holds under one of the keys that
-// training programs use, or else its only dictionary of tensors. Arrays of numpy's tell such a dictionary
+// A dictionary: what the root holds under one of the keys that training programs use, or else the root itself
+// when it holds tensors, or else its only dictionary of tensors. Arrays of numpy's tell such a dictionary
 // only where no tensor of torch's tells one; in it they are tensors like any other. A tensor, or a list or
 // tuple that holds some, is taken without one. Failures begin "checkpoint: ":
 //   Unsupported  there is no such dictionary, or more than one; a key that is no text or comes twice; more

@@ -1,0 +1,160 @@
+// Which dictionary of a checkpoint is taken for the weights, and what is said of everything beside it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "okv2/prepare/torch_archive.h"
+#include "support/status_matchers.h"
+#include "support/torch_builder.h"
+
+namespace zel::tool::prepare {
+namespace {
+
+using test::bytesOf;
+using test::IsOk;
+using test::savedDict;
+using test::SavedPickle;
+using test::savedText;
+using testing::ElementsAre;
+namespace op = test::pickle_op;
+
+SavedPickle bare() { return SavedPickle::bare(); }
+SavedPickle one() { return bare().op(op::kBinInt1, "\1"); }
+SavedPickle tensor() { return bare().tensor({"", {4}, {1}, "0", 4}); }
+SavedPickle array() { return bare().array({{1}, "abcd"}); }
+SavedPickle tensorsIn(const char* name) { return savedDict({{savedText(name), tensor()}}); }
+SavedPickle arraysIn(const char* name) { return savedDict({{savedText(name), array()}}); }
+
+using Items = std::vector<std::pair<SavedPickle, SavedPickle>>;
+
+// A checkpoint that is a dictionary of these items.
+struct Chosen {
+  explicit Chosen(const Items& items)
+      : file(test::savedZip(SavedPickle().raw(savedDict(items).bytes()).stop(),
+                            {{"0", bytesOf<float>({1, 2, 3, 4})}})
+                 .build()) {
+    status = checkpoint.parse(file);
+  }
+  [[nodiscard]] std::vector<std::string> tensors() const {
+    std::vector<std::string> names;
+    for (const TorchTensor& row : checkpoint.tensors())
+      names.push_back(row.name);
+    return names;
+  }
+  // "NAME: WHAT", and what follows from it.
+  [[nodiscard]] std::vector<std::string> others() const {
+    std::vector<std::string> texts;
+    for (const OtherEntry& entry : checkpoint.others()) {
+      texts.push_back(entry.name + ": " + entry.what + (entry.mayHoldWeights ? ", may hold weights" : "") +
+                      (entry.isLeftOut ? ", left out" : ""));
+    }
+    return texts;
+  }
+  std::string file;
+  TorchCheckpoint checkpoint;
+  Status status;
+};
+
+// ---- under a known key
+
+class KnownKeys : public testing::TestWithParam<const char*> {};
+TEST_P(KnownKeys, OfArraysAreTakenBeforeAnotherDictionaryOfTensors) {
+  const Chosen chosen({{savedText(GetParam()), arraysIn("w")}, {savedText("rng"), tensorsIn("cpu")}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), GetParam());
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(), ElementsAre("rng: a dictionary, left out"));
+}
+TEST_P(KnownKeys, AreTakenBeforeTensorsAtTheTop) {
+  const Chosen chosen({{savedText("epoch"), one()},
+                       {savedText(GetParam()), tensorsIn("w")},
+                       {savedText("best_acc1"), tensor()},
+                       {savedText("mean"), array()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), GetParam());
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(),
+              ElementsAre("epoch: a number", "best_acc1: a tensor, left out", "mean: a tensor, left out"));
+}
+TEST_P(KnownKeys, OfArraysAreTakenBeforeTensorsAtTheTop) {
+  const Chosen chosen({{savedText("rng_state"), tensor()},
+                       {savedText(GetParam()), arraysIn("w")},
+                       {savedText("best_acc1"), array()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), GetParam());
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(), ElementsAre("rng_state: a tensor, left out", "best_acc1: a tensor, left out"));
+}
+TEST_P(KnownKeys, SayThatTensorsSeveralContainersDeeperAreLeftOut) {
+  const Chosen chosen({{savedText(GetParam()), tensorsIn("w")},
+                       {savedText("optimizer"), savedDict({{savedText("state"), tensorsIn("m")}})},
+                       {savedText("options"), savedDict({{savedText("more"), savedDict({})}})}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_THAT(chosen.others(), ElementsAre("optimizer: a dictionary, left out", "options: a dictionary"));
+}
+TEST_P(KnownKeys, OfADictionaryWithoutTensorsAreNotTaken) {
+  const Chosen chosen(
+      {{savedText(GetParam()), savedDict({{savedText("epoch"), one()}})}, {savedText("w"), tensor()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "");
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(), ElementsAre(std::string(GetParam()) + ": a dictionary"));
+}
+TEST_P(KnownKeys, OfAListOfTensorsAreNotTaken) {
+  const Chosen chosen(
+      {{savedText(GetParam()), bare().op(op::kEmptyList).raw(tensor().bytes()).op(op::kAppend)},
+       {savedText("w"), tensor()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "");
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(), ElementsAre(std::string(GetParam()) + ": a list, may hold weights"));
+}
+TEST_P(KnownKeys, AreNotTakenWhenTheyAreSpeltOtherwise) {
+  const std::string longer = std::string(GetParam()) + "_";
+  const Chosen chosen({{savedText(longer), tensorsIn("v")}, {savedText("w"), tensor()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "");
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(), ElementsAre(longer + ": a dictionary, may hold weights"));
+}
+INSTANTIATE_TEST_SUITE_P(Each, KnownKeys,
+                         testing::Values("model_state_dict", "state_dict", "model", "module"),
+                         [](const auto& row) { return std::string(row.param); });
+
+TEST(KeysBesideAKnownOne, ThatLookAlikeAreNamedOnceWithTensorsAndOnceWithout) {
+  const std::string shown(200, 'k');
+  const Chosen chosen({{savedText("model"), tensorsIn("w")},
+                       {savedText(shown + "a"), one()},
+                       {savedText(shown + "b"), tensor()},
+                       {savedText(shown + "c"), one()},
+                       {savedText(shown + "d"), tensor()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_THAT(chosen.others(), ElementsAre(shown + ": a number", shown + ": a tensor, left out"));
+}
+
+TEST(KnownKeysBesideEachOther, AreTakenInTheirOrder) {
+  const std::vector<const char*> keys = {"model_state_dict", "state_dict", "model", "module"};
+  for (std::size_t k = 0; k + 1 < keys.size(); ++k) {
+    for (const bool ofTensors : {true, false}) {
+      const SavedPickle dict = ofTensors ? tensorsIn("w") : arraysIn("w");
+      const Chosen chosen({{savedText(keys[k + 1]), dict}, {savedText(keys[k]), dict}});
+      ASSERT_THAT(chosen.status, IsOk());
+      EXPECT_EQ(chosen.checkpoint.within(), keys[k]);
+      EXPECT_THAT(chosen.others(), ElementsAre(std::string(keys[k + 1]) + ": a dictionary, left out"));
+    }
+  }
+}
+TEST(KnownKeysBesideEachOther, AreTakenWithTensorsBeforeThoseOfArrays) {
+  const Chosen chosen(
+      {{savedText("model_state_dict"), arraysIn("v")}, {savedText("module"), tensorsIn("w")}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "module");
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(), ElementsAre("model_state_dict: a dictionary, left out"));
+}
+
+}  // namespace
+}  // namespace zel::tool::prepare
