@@ -185,6 +185,57 @@ TEST_F(WeightsTest, TakesArraysFromUnderAKnownKeyBesideADictionaryOfIntegers) {
   }
 }
 
+TEST_F(WeightsTest, RefusesADictionaryOfTensorsBesideArraysUntilItIsDropped) {
+  const SavedPickle array = SavedPickle::bare().array({{6}, kSix});
+  write("pytorch_model.bin", dictionaryOf({{savedText("w"), array},
+                                           {savedText("b"), array},
+                                           {savedText("extra"), savedDict({{savedText("step"), six()}})}}));
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.pickle");
+  EXPECT_EQ(refused.message, "pytorch_model.bin: among its tensors are other things: 'extra' (a dictionary)");
+  EXPECT_EQ(refused.remedy, "Leave them out with --drop REGEX, or save the tensors alone.");
+  const Changes changes = prepare({false, {"^extra$"}, false});
+  ASSERT_EQ(changes.size(), 2u);
+  EXPECT_EQ(changes[0].what, "extra");
+  EXPECT_EQ(changes[0].why, "--drop leaves it out.");
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("b F32 [6]", "w F32 [6]"));
+}
+
+TEST_F(WeightsTest, RefusesTensorsBesideADictionaryUnderAnUnknownKeyUntilTheyAreDropped) {
+  const SavedPickle optimizer =
+      savedDict({{savedText("state"), savedDict({{SavedPickle::bare().number(0), six()}})}});
+  write("pytorch_model.bin", dictionaryOf({{savedText("net"), savedDict({{savedText("w"), six()}})},
+                                           {savedText("optimizer"), optimizer}}));
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.pickle");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: among its tensors are other things: 'optimizer' (a dictionary)");
+  EXPECT_EQ(refused.remedy, "Leave them out with --drop REGEX, or save the tensors alone.");
+  EXPECT_THAT(changeTexts(prepare({false, {"^optimizer$"}, false})),
+              ElementsAre("model.safetensors: optimizer: a dictionary ->  (pytorch.pickle)",
+                          "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                          "model.safetensors: tensor names: net.* -> * (pytorch.pickle)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+}
+
+TEST_F(WeightsTest, RefusesToChooseBetweenADictionaryOfTensorsAndOneOfArrays) {
+  const SavedPickle array = SavedPickle::bare().array({{6}, kSix});
+  write("pytorch_model.bin",
+        dictionaryOf({{savedText("net"), savedDict({{savedText("w"), six()}})},
+                      {savedText("statistics"), savedDict({{savedText("mean"), array}})}}));
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.pickle");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: checkpoint: it holds more than one dictionary of tensors: 'net', "
+            "'statistics'");
+  EXPECT_EQ(
+      refused.remedy,
+      "Load it in a program that trusts its author, and save the tensors alone, as a dictionary by name.");
+}
+
 TEST_F(WeightsTest, RefusesAnObjectAmongTheTensorsUntilItIsDropped) {
   write("pytorch_model.bin", savedZip(SavedPickle()
                                           .stateDict({{"w", {6}, {1}, "0", 6}})

@@ -669,28 +669,6 @@ const SavedArray kArray{{1}, "abcd"};
 SavedPickle arrayDict() {
   return SavedPickle::bare().op(op::kEmptyDict).text("mean").array(kArray).op(op::kSetItem);
 }
-TEST(TorchStateDict, IsTakenFromBesideAnArray) {
-  for (const char* key : {"state_dict", "my_model"}) {
-    const Parsed parsed(
-        savedZip(wrapped({key}).text("mean").array(kArray).op(op::kSetItem).stop(), {{"0", kFloats}})
-            .build());
-    ASSERT_THAT(parsed.status, IsOk()) << key;
-    EXPECT_EQ(parsed.checkpoint.within(), key);
-    ASSERT_EQ(parsed.checkpoint.tensors().size(), 1u) << key;
-    EXPECT_EQ(parsed.checkpoint.tensors()[0].name, "w") << key;
-    ASSERT_EQ(parsed.checkpoint.others().size(), 2u) << key;
-    EXPECT_EQ(parsed.checkpoint.others()[1].name, "mean") << key;
-    EXPECT_EQ(parsed.checkpoint.others()[1].what, "a tensor") << key;
-    EXPECT_FALSE(parsed.checkpoint.others()[1].mayHoldWeights) << key;
-  }
-}
-TEST(TorchStateDict, IsTakenFromBesideADictionaryOfArrays) {
-  SavedPickle program = wrapped({"my_model"});
-  program.text("statistics").raw(arrayDict().bytes()).op(op::kSetItem);
-  const Parsed parsed(savedZip(program.stop(), {{"0", kFloats}}).build());
-  ASSERT_THAT(parsed.status, IsOk());
-  EXPECT_EQ(parsed.checkpoint.within(), "my_model");
-}
 TEST(TorchStateDict, IsTakenFromBesideABigEndianArray) {
   SavedPickle program = wrapped({"state_dict"}).text("mean");
   program.array({{1}, "abcd", "f4", false, ">"}).op(op::kSetItem);

@@ -18,6 +18,7 @@ using test::IsOk;
 using test::savedDict;
 using test::SavedPickle;
 using test::savedText;
+using test::StatusIs;
 using testing::ElementsAre;
 namespace op = test::pickle_op;
 
@@ -27,6 +28,10 @@ SavedPickle tensor() { return bare().tensor({"", {4}, {1}, "0", 4}); }
 SavedPickle array() { return bare().array({{1}, "abcd"}); }
 SavedPickle tensorsIn(const char* name) { return savedDict({{savedText(name), tensor()}}); }
 SavedPickle arraysIn(const char* name) { return savedDict({{savedText(name), array()}}); }
+
+SavedPickle listOf(const SavedPickle& item) {
+  return bare().op(op::kEmptyList).raw(item.bytes()).op(op::kAppend);
+}
 
 using Items = std::vector<std::pair<SavedPickle, SavedPickle>>;
 
@@ -104,9 +109,7 @@ TEST_P(KnownKeys, OfADictionaryWithoutTensorsAreNotTaken) {
   EXPECT_THAT(chosen.others(), ElementsAre(std::string(GetParam()) + ": a dictionary"));
 }
 TEST_P(KnownKeys, OfAListOfTensorsAreNotTaken) {
-  const Chosen chosen(
-      {{savedText(GetParam()), bare().op(op::kEmptyList).raw(tensor().bytes()).op(op::kAppend)},
-       {savedText("w"), tensor()}});
+  const Chosen chosen({{savedText(GetParam()), listOf(tensor())}, {savedText("w"), tensor()}});
   ASSERT_THAT(chosen.status, IsOk());
   EXPECT_EQ(chosen.checkpoint.within(), "");
   EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
@@ -154,6 +157,51 @@ TEST(KnownKeysBesideEachOther, AreTakenWithTensorsBeforeThoseOfArrays) {
   EXPECT_EQ(chosen.checkpoint.within(), "module");
   EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
   EXPECT_THAT(chosen.others(), ElementsAre("model_state_dict: a dictionary, left out"));
+}
+
+// ---- without a known key
+
+TEST(UnknownKeys, AreTakenWhenNothingElseHoldsTensors) {
+  for (const SavedPickle& dict : {tensorsIn("w"), arraysIn("w")}) {
+    const Chosen chosen({{savedText("epoch"), one()},
+                         {savedText("options"), savedDict({{savedText("more"), listOf(one())}})},
+                         {savedText("net"), dict}});
+    ASSERT_THAT(chosen.status, IsOk());
+    EXPECT_EQ(chosen.checkpoint.within(), "net");
+    EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+    EXPECT_THAT(chosen.others(), ElementsAre("epoch: a number", "options: a dictionary"));
+  }
+}
+TEST(UnknownKeys, NeverOutrankArraysAtTheTop) {
+  const Chosen chosen(
+      {{savedText("w"), array()}, {savedText("b"), array()}, {savedText("extra"), tensorsIn("step")}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "");
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w", "b"));
+  EXPECT_THAT(chosen.others(), ElementsAre("extra: a dictionary, may hold weights"));
+}
+TEST(UnknownKeys, NeverOutrankATensorAtTheTop) {
+  const Chosen chosen({{savedText("w"), tensor()}, {savedText("extra"), arraysIn("step")}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "");
+  EXPECT_THAT(chosen.tensors(), ElementsAre("w"));
+  EXPECT_THAT(chosen.others(), ElementsAre("extra: a dictionary, may hold weights"));
+}
+TEST(UnknownKeys, OfTensorsNeverOutrankOneOfArrays) {
+  const Chosen chosen({{savedText("net"), tensorsIn("w")}, {savedText("statistics"), arraysIn("mean")}});
+  EXPECT_THAT(chosen.status, StatusIs(Code::Unsupported,
+                                      "checkpoint: it holds more than one dictionary of tensors: 'net', "
+                                      "'statistics'"));
+}
+TEST(UnknownKeys, NeverOutrankTensorsSeveralContainersDeeper) {
+  const Chosen chosen({{savedText("net"), savedDict({{savedText("layers"), arraysIn("w")}})},
+                       {savedText("ema"), tensorsIn("decay")},
+                       {savedText("model"), listOf(tensor())},
+                       {savedText("epoch"), one()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "ema");
+  EXPECT_THAT(chosen.others(), ElementsAre("net: a dictionary, may hold weights",
+                                           "model: a list, may hold weights", "epoch: a number"));
 }
 
 }  // namespace

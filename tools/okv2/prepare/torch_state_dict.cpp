@@ -24,32 +24,25 @@ constexpr WrapperKey kWrapperKeys[] = {
     {"module", "DeepSpeed, runtime/engine.py"},
 };
 
-// Which tensors tell a dictionary of weights. Programs that train with torch keep arrays of numpy's as well,
-// means and states of generators: of two known keys, that of torch's tensors is the weights'.
-enum class Telling : std::uint8_t { TorchTensors, AnyTensors };
-
-bool holdsTelling(const PickleNode& node, Telling telling) {
-  return telling == Telling::AnyTensors ? node.holdsTensor : node.holdsTorchTensor;
-}
-bool isStateDict(const PickleValue& value, Telling telling) {
-  return value.is(Kind::Dict) && holdsTelling(value.node(), telling);
-}
+bool isStateDict(const PickleValue& value) { return value.is(Kind::Dict) && value.node().holdsTensor; }
 
 bool reachesTensor(const PickleValue& value) {
   return value.is(Kind::Tensor) || (value.isContainer() && value.node().reachesTensor);
 }
 bool mayHoldWeights(const PickleValue& value) { return value.is(Kind::Inert) || reachesTensor(value); }
 
+// Programs that train with torch keep arrays of numpy's as well, means and states of generators: of several
+// known keys, one with tensors of torch's is the weights'.
 const PickleItem* findKnownKey(const PickleNode& root) {
-  for (const Telling telling : {Telling::TorchTensors, Telling::AnyTensors}) {
-    for (const WrapperKey& row : kWrapperKeys) {
-      for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
-        if (item->key.is(Kind::Text) && item->key.text() == row.key && isStateDict(item->value, telling))
-          return item;
-      }
+  const PickleItem* ofArrays = nullptr;
+  for (const WrapperKey& row : kWrapperKeys) {
+    for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
+      if (!item->key.is(Kind::Text) || item->key.text() != row.key || !isStateDict(item->value)) continue;
+      if (item->value.node().holdsTorchTensor) return item;
+      if (ofArrays == nullptr) ofArrays = item;
     }
   }
-  return nullptr;
+  return ofArrays;
 }
 
 // Of a key that is only named. The memo can hand out one text of megabytes as the key of many.
@@ -58,11 +51,11 @@ std::string shown(std::string_view key) { return "'" + std::string(key.substr(0,
 
 // The only dictionary of tensors among the items of the root; null, with `names` of all, when there are none
 // or several.
-const PickleItem* findOnlyStateDict(const PickleNode& root, Telling telling, std::string& names) {
+const PickleItem* findOnlyStateDict(const PickleNode& root, std::string& names) {
   const PickleItem* found = nullptr;
   std::size_t count = 0;
   for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
-    if (!item->key.is(Kind::Text) || !isStateDict(item->value, telling)) continue;
+    if (!item->key.is(Kind::Text) || !isStateDict(item->value)) continue;
     found = item;
     constexpr std::size_t kNamed = 8;
     if (count++ < kNamed) names += (names.empty() ? "" : ", ") + shown(item->key.text());
@@ -109,8 +102,9 @@ Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict&
   return {};
 }
 
-// What lies beside the dictionary of tensors, each name once.
-Status takeBeside(const PickleNode& root, const PickleItem& chosen, StateDict& out) {
+// What lies beside the dictionary of tensors, each name once. A key that is not known does not tell that what
+// holds tensors beside it is no weights.
+Status takeBeside(const PickleNode& root, const PickleItem& chosen, bool isKnown, StateDict& out) {
   std::set<std::pair<std::string_view, bool>> seen;  // ordered: names can be made to collide under a hash
   for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
     if (item == &chosen) continue;
@@ -119,7 +113,7 @@ Status takeBeside(const PickleNode& root, const PickleItem& chosen, StateDict& o
     const bool holds = reachesTensor(item->value);
     if (!seen.insert({key, holds}).second) continue;
     if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
-    out.others.push_back({std::string(key), describe(item->value), false, holds});
+    out.others.push_back({std::string(key), describe(item->value), holds && !isKnown, holds && isKnown});
   }
   return {};
 }
@@ -171,13 +165,11 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
                        " instead of a dictionary of tensors by name");
   }
   const PickleItem* chosen = findKnownKey(root.node());
+  const bool isKnown = chosen != nullptr;
   std::string names;
-  if (chosen == nullptr) {
-    for (const Telling telling : {Telling::TorchTensors, Telling::AnyTensors}) {
-      if (holdsTelling(root.node(), telling)) return takeEntries(root.node(), "", out);
-      chosen = findOnlyStateDict(root.node(), telling, names);
-      if (chosen != nullptr || !names.empty()) break;
-    }
+  if (!isKnown) {
+    if (root.node().holdsTensor) return takeEntries(root.node(), "", out);
+    chosen = findOnlyStateDict(root.node(), names);
   }
   if (chosen == nullptr) {
     return unsupported(names.empty() ? "checkpoint: it holds no dictionary of tensors by name"
@@ -187,7 +179,7 @@ Status findStateDict(const PickleValue& root, StateDict& out) {
     return unsupported("checkpoint: the key of the dictionary of tensors has more than 256 bytes");
   }
   out.within = chosen->key.text();
-  ZEL_RETURN_IF_ERROR(takeBeside(root.node(), *chosen, out));
+  ZEL_RETURN_IF_ERROR(takeBeside(root.node(), *chosen, isKnown, out));
   return takeEntries(chosen->value.node(), out.within + ".", out);
 }
 

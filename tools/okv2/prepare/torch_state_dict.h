@@ -14,10 +14,12 @@ namespace zel::tool::prepare {
 
 // An entry that is no tensor, or lies beside the dictionary of tensors.
 struct OtherEntry {
-  std::string name;             // its key; "a.b" for what lies in dictionary a; 200 bytes of what lies beside
-  std::string what;             // "a number", "a dictionary"
-  bool mayHoldWeights = false;  // it lies among the tensors and holds tensors, or something that is not known
-  bool isLeftOut = false;       // it lies beside the dictionary of tensors and holds tensors
+  std::string name;  // its key; "a.b" for what lies in dictionary a; 200 bytes of what lies beside
+  std::string what;  // "a number", "a dictionary"
+  // It lies among the tensors and holds tensors, or something that is not known; or it holds tensors beside a
+  // dictionary under a key that is not known.
+  bool mayHoldWeights = false;
+  bool isLeftOut = false;  // it holds tensors beside a dictionary under a known key
 };
 
 enum class TensorNaming : std::uint8_t {
@@ -35,9 +37,9 @@ struct StateDict {
 };
 
 // A dictionary: what the root holds under one of the keys that training programs use, or else the root itself
-// when it holds tensors, or else its only dictionary of tensors. Arrays of numpy's tell such a dictionary
-// only where no tensor of torch's tells one; in it they are tensors like any other. A tensor, or a list or
-// tuple that holds some, is taken without one. Failures begin "checkpoint: ":
+// when it holds tensors, or else its only dictionary of tensors. Arrays of numpy's are tensors like any
+// other, but of several known keys one with tensors of torch's goes first. A tensor, or a list or tuple that
+// holds some, is taken without one. Failures begin "checkpoint: ":
 //   Unsupported  there is no such dictionary, or more than one; a key that is no text or comes twice; more
 //                than kMaxFileTensors entries
 Status findStateDict(const PickleValue& root, StateDict& out);
