@@ -236,6 +236,19 @@ TEST_F(WeightsTest, RefusesToChooseBetweenADictionaryOfTensorsAndOneOfArrays) {
       "Load it in a program that trusts its author, and save the tensors alone, as a dictionary by name.");
 }
 
+TEST_F(WeightsTest, NamesWhatHasNoTextForAKeyByItsPosition) {
+  const SavedPickle more = savedDict({{savedText("q"), six()}});
+  write("pytorch_model.bin", dictionaryOf({{SavedPickle::bare().number(0), more},
+                                           {savedText("model"), savedDict({{savedText("w"), six()}})},
+                                           {SavedPickle::bare().number(1), more}}));
+  EXPECT_THAT(changeTexts(prepare()),
+              ElementsAre("model.safetensors: entry 0: a dictionary ->  (pytorch.pickle)",
+                          "model.safetensors: entry 2: a dictionary ->  (pytorch.pickle)",
+                          "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                          "model.safetensors: tensor names: model.* -> * (pytorch.pickle)"));
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+}
+
 TEST_F(WeightsTest, RefusesAnObjectAmongTheTensorsUntilItIsDropped) {
   write("pytorch_model.bin", savedZip(SavedPickle()
                                           .stateDict({{"w", {6}, {1}, "0", 6}})

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -202,6 +203,54 @@ TEST(UnknownKeys, NeverOutrankTensorsSeveralContainersDeeper) {
   EXPECT_EQ(chosen.checkpoint.within(), "ema");
   EXPECT_THAT(chosen.others(), ElementsAre("net: a dictionary, may hold weights",
                                            "model: a list, may hold weights", "epoch: a number"));
+}
+
+// ---- keys that are no text
+
+SavedPickle number(std::uint64_t value) { return bare().number(value); }
+SavedPickle none() { return bare().op(op::kNone); }
+
+TEST(KeysThatAreNoText, AreNamedByTheirPositionsAmongSeveralDictionaries) {
+  const Chosen chosen(
+      {{number(0), tensorsIn("q")}, {number(1), tensorsIn("q")}, {savedText("ema"), tensorsIn("a")}});
+  EXPECT_THAT(chosen.status, StatusIs(Code::Unsupported,
+                                      "checkpoint: it holds more than one dictionary of tensors: entry 0, "
+                                      "entry 1, 'ema'"));
+}
+TEST(KeysThatAreNoText, NameNoDictionaryThatCouldBeTaken) {
+  const Chosen chosen({{savedText("epoch"), one()}, {number(7), tensorsIn("w")}});
+  EXPECT_THAT(chosen.status,
+              StatusIs(Code::Unsupported, "checkpoint: it holds no dictionary of tensors by name"));
+}
+TEST(KeysThatAreNoText, AreNamedByTheirPositionsOneByOne) {
+  const Chosen chosen({{number(7), one()},
+                       {savedText("model"), tensorsIn("w")},
+                       {number(7), tensorsIn("q")},
+                       {none(), tensorsIn("q")},
+                       {savedText("entry 2"), none()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "model");
+  EXPECT_THAT(chosen.others(), ElementsAre("entry 0: a number", "entry 2: a dictionary, left out",
+                                           "entry 3: a dictionary, left out", "entry 2: None"));
+}
+TEST(KeysThatAreNoText, AreNamedByTheirPositionsBesideAnUnknownOne) {
+  const Chosen chosen(
+      {{savedText("net"), tensorsIn("w")}, {number(0), listOf(tensor())}, {number(1), one()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "net");
+  EXPECT_THAT(chosen.others(), ElementsAre("entry 1: a list, may hold weights", "entry 2: a number"));
+}
+TEST(KeysThatAreNoText, AreAtMost131072BesideTheDictionary) {
+  const auto beside = [](std::size_t keys) {
+    Items items(keys, {none(), none()});
+    items.emplace_back(savedText("model"), tensorsIn("w"));
+    return Chosen(items);
+  };
+  const Chosen most = beside(131'072);
+  ASSERT_THAT(most.status, IsOk());
+  EXPECT_EQ(most.checkpoint.others().back().name, "entry 131071");
+  EXPECT_THAT(beside(131'073).status,
+              StatusIs(Code::Unsupported, "checkpoint: a dictionary has more than 131072 entries"));
 }
 
 }  // namespace

@@ -49,18 +49,26 @@ const PickleItem* findKnownKey(const PickleNode& root) {
 constexpr std::size_t kShownBytes = 200;
 std::string shown(std::string_view key) { return "'" + std::string(key.substr(0, kShownBytes)) + "'"; }
 
+// What has no text for a key is called after its position in the dictionary.
+std::string entryName(std::size_t position) { return "entry " + std::to_string(position); }
+
 // The only dictionary of tensors among the items of the root; null, with `names` of all, when there are none
-// or several.
+// or several. Without a text for a key, the only one is none by name.
 const PickleItem* findOnlyStateDict(const PickleNode& root, std::string& names) {
   const PickleItem* found = nullptr;
   std::size_t count = 0;
-  for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
-    if (!item->key.is(Kind::Text) || !isStateDict(item->value)) continue;
+  std::size_t position = 0;
+  for (const PickleItem* item = root.first; item != nullptr; item = item->next, ++position) {
+    if (!isStateDict(item->value)) continue;
     found = item;
     constexpr std::size_t kNamed = 8;
-    if (count++ < kNamed) names += (names.empty() ? "" : ", ") + shown(item->key.text());
+    if (count++ >= kNamed) continue;
+    names += names.empty() ? "" : ", ";
+    names += item->key.is(Kind::Text) ? shown(item->key.text()) : entryName(position);
   }
-  return count == 1 ? found : nullptr;
+  if (count == 1 && found->key.is(Kind::Text)) return found;
+  if (count == 1) names.clear();
+  return nullptr;
 }
 
 // The memo can hand out one long text as any number of keys: each is taken once, and a key that is put before
@@ -102,18 +110,20 @@ Status takeEntries(const PickleNode& dict, const std::string& prefix, StateDict&
   return {};
 }
 
-// What lies beside the dictionary of tensors, each name once. A key that is not known does not tell that what
+// What lies beside the dictionary of tensors, each text once. A key that is not known does not tell that what
 // holds tensors beside it is no weights.
 Status takeBeside(const PickleNode& root, const PickleItem& chosen, bool isKnown, StateDict& out) {
   std::set<std::pair<std::string_view, bool>> seen;  // ordered: names can be made to collide under a hash
-  for (const PickleItem* item = root.first; item != nullptr; item = item->next) {
+  std::size_t position = 0;
+  for (const PickleItem* item = root.first; item != nullptr; item = item->next, ++position) {
     if (item == &chosen) continue;
-    const std::string_view key =
-        item->key.is(Kind::Text) ? item->key.text().substr(0, kShownBytes) : std::string_view();
+    const bool isText = item->key.is(Kind::Text);
+    const std::string_view key = isText ? item->key.text().substr(0, kShownBytes) : std::string_view();
     const bool holds = reachesTensor(item->value);
-    if (!seen.insert({key, holds}).second) continue;
-    if (seen.size() > kMaxFileTensors) return tooManyEntries("a dictionary");
-    out.others.push_back({std::string(key), describe(item->value), holds && !isKnown, holds && isKnown});
+    if (isText && !seen.insert({key, holds}).second) continue;
+    if (out.others.size() == kMaxFileTensors) return tooManyEntries("a dictionary");
+    out.others.push_back({isText ? std::string(key) : entryName(position), describe(item->value),
+                          holds && !isKnown, holds && isKnown});
   }
   return {};
 }

@@ -14,7 +14,9 @@ namespace zel::tool::prepare {
 
 // An entry that is no tensor, or lies beside the dictionary of tensors.
 struct OtherEntry {
-  std::string name;  // its key; "a.b" for what lies in dictionary a; 200 bytes of what lies beside
+  // Its key; "a.b" for what lies in dictionary a. Of what lies beside, 200 bytes, or "entry 2" for the third
+  // when its key is no text.
+  std::string name;
   std::string what;  // "a number", "a dictionary"
   // It lies among the tensors and holds tensors, or something that is not known; or it holds tensors beside a
   // dictionary under a key that is not known.
