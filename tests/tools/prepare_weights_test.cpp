@@ -220,6 +220,20 @@ TEST_F(WeightsTest, RefusesTensorsBesideADictionaryUnderAnUnknownKeyUntilTheyAre
   EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
 }
 
+TEST_F(WeightsTest, RefusesArraysInTheOtherByteOrderBesideADictionaryUntilTheyAreDropped) {
+  const SavedPickle array = SavedPickle::bare().array({{6}, kSix, "f4", false, ">"});
+  write("pytorch_model.bin", dictionaryOf({{savedText("state_dict"), savedDict({{savedText("w"), array}})},
+                                           {savedText("ema"), savedDict({{savedText("decay"), six()}})}}));
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.finding, "pytorch.pickle");
+  EXPECT_EQ(refused.message,
+            "pytorch_model.bin: among its tensors are other things: 'state_dict' (a dictionary)");
+  EXPECT_EQ(refused.remedy, "Leave them out with --drop REGEX, or save the tensors alone.");
+  prepare({false, {"^state_dict$"}, false});
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("decay F32 [6]"));
+}
+
 TEST_F(WeightsTest, RefusesToChooseBetweenADictionaryOfTensorsAndOneOfArrays) {
   const SavedPickle array = SavedPickle::bare().array({{6}, kSix});
   write("pytorch_model.bin",

@@ -205,6 +205,46 @@ TEST(UnknownKeys, NeverOutrankTensorsSeveralContainersDeeper) {
                                            "model: a list, may hold weights", "epoch: a number"));
 }
 
+// ---- arrays of which no tensor was made
+
+SavedPickle bigEndian() { return bare().array({{1}, "abcd", "f4", false, ">"}); }
+SavedPickle longDouble() { return bare().array({{1}, std::string(16, 'x'), "f16"}); }
+
+TEST(UnreadArrays, AreNotLostBesideAnUnknownKey) {
+  const Chosen chosen(
+      {{savedText("w"), bigEndian()},
+       {savedText("v"), longDouble()},
+       {savedText("options"), bare().global("argparse", "Namespace").op(op::kEmptyTuple).op(op::kReduce)},
+       {savedText("extra"), tensorsIn("step")}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "extra");
+  EXPECT_THAT(chosen.others(), ElementsAre("w: a big-endian numpy array, may hold weights",
+                                           "v: an object that is no tensor, may hold weights",
+                                           "options: an object that is no tensor"));
+}
+TEST(UnreadArrays, AreNotLostInADictionaryBesideAnUnknownKey) {
+  for (const SavedPickle& array : {bigEndian(), longDouble()}) {
+    const Chosen chosen({{savedText("state_dict"), savedDict({{savedText("w"), array}})},
+                         {savedText("ema"), tensorsIn("decay")}});
+    ASSERT_THAT(chosen.status, IsOk());
+    EXPECT_EQ(chosen.checkpoint.within(), "ema");
+    EXPECT_THAT(chosen.others(), ElementsAre("state_dict: a dictionary, may hold weights"));
+  }
+}
+TEST(UnreadArrays, AreNotLostInAListAmongTheTensors) {
+  const Chosen chosen({{savedText("w"), tensor()},
+                       {savedText("more"), listOf(listOf(bigEndian()))},
+                       {savedText("type"), listOf(bare().numberType("f4"))}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_THAT(chosen.others(), ElementsAre("more: a list, may hold weights", "type: a list"));
+}
+TEST(UnreadArrays, AreLeftOutBesideAKnownKey) {
+  const Chosen chosen({{savedText("model"), tensorsIn("w")}, {savedText("mean"), bigEndian()}});
+  ASSERT_THAT(chosen.status, IsOk());
+  EXPECT_EQ(chosen.checkpoint.within(), "model");
+  EXPECT_THAT(chosen.others(), ElementsAre("mean: a big-endian numpy array, left out"));
+}
+
 // ---- keys that are no text
 
 SavedPickle number(std::uint64_t value) { return bare().number(value); }

@@ -81,6 +81,10 @@ bool PickleNode::holdsSizes() const noexcept {
   return true;
 }
 
+bool PickleValue::isUnreadArray() const noexcept {
+  return isPart_ && part_->kind == ArrayPart::Kind::Array && part_->tensor == nullptr;
+}
+
 const PickleValue& PickleNode::at(std::uint64_t k) const noexcept {
   const PickleItem* item = first;
   for (; k > 0; --k)
@@ -354,6 +358,8 @@ bool TorchPickle::addItem(PickleNode& node, const PickleValue& key, const Pickle
     node.holdsTorchTensor = node.holdsTorchTensor || item->value.tensor().storage->content == nullptr;
   } else if (item->value.isContainer()) {
     node.reachesTensor = node.reachesTensor || item->value.node().reachesTensor;
+  } else if (item->value.isUnreadArray()) {
+    node.reachesTensor = true;
   }
   return true;
 }

@@ -86,6 +86,8 @@ class PickleValue {
   [[nodiscard]] bool isByteString() const noexcept { return isByteString_; }
   // Null for what is no part of an array.
   [[nodiscard]] ArrayPart* part() const noexcept { return isPart_ ? part_ : nullptr; }
+  // Whether it is an array of which no tensor was made, for its byte order or the type of its elements.
+  [[nodiscard]] bool isUnreadArray() const noexcept;
 
  private:
   PickleKind kind_ = PickleKind::Unset;
@@ -118,7 +120,8 @@ struct PickleNode {
   std::uint64_t count = 0;
   bool holdsTensor = false;       // among its items, not deeper
   bool holdsTorchTensor = false;  // one of them is torch's own, and no array of numpy's
-  bool reachesTensor = false;     // or in containers below, as they were when they were added
+  bool reachesTensor = false;     // or in containers below, as they were when they were added; or an array
+                                  // of which no tensor was made
 
   // The caller has checked `count`. Walks from the front.
   [[nodiscard]] const PickleValue& at(std::uint64_t k) const noexcept;

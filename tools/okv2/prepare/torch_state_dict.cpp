@@ -26,10 +26,11 @@ constexpr WrapperKey kWrapperKeys[] = {
 
 bool isStateDict(const PickleValue& value) { return value.is(Kind::Dict) && value.node().holdsTensor; }
 
-bool reachesTensor(const PickleValue& value) {
-  return value.is(Kind::Tensor) || (value.isContainer() && value.node().reachesTensor);
+bool holdsTensors(const PickleValue& value) {
+  return value.is(Kind::Tensor) || value.isUnreadArray() ||
+         (value.isContainer() && value.node().reachesTensor);
 }
-bool mayHoldWeights(const PickleValue& value) { return value.is(Kind::Inert) || reachesTensor(value); }
+bool mayHoldWeights(const PickleValue& value) { return value.is(Kind::Inert) || holdsTensors(value); }
 
 // Programs that train with torch keep arrays of numpy's as well, means and states of generators: of several
 // known keys, one with tensors of torch's is the weights'.
@@ -81,8 +82,7 @@ Status tooManyEntries(const char* container) {
 }
 
 const char* describe(const PickleValue& value) {
-  const ArrayPart* const part = value.part();
-  const bool isBigEndian = part != nullptr && part->kind == ArrayPart::Kind::Array && part->isBigEndian;
+  const bool isBigEndian = value.isUnreadArray() && value.part()->isBigEndian;
   return isBigEndian ? "a big-endian numpy array" : pickleKindName(value.kind());
 }
 
@@ -119,7 +119,7 @@ Status takeBeside(const PickleNode& root, const PickleItem& chosen, bool isKnown
     if (item == &chosen) continue;
     const bool isText = item->key.is(Kind::Text);
     const std::string_view key = isText ? item->key.text().substr(0, kShownBytes) : std::string_view();
-    const bool holds = reachesTensor(item->value);
+    const bool holds = holdsTensors(item->value);
     if (isText && !seen.insert({key, holds}).second) continue;
     if (out.others.size() == kMaxFileTensors) return tooManyEntries("a dictionary");
     out.others.push_back({isText ? std::string(key) : entryName(position), describe(item->value),
