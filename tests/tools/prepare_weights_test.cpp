@@ -263,6 +263,55 @@ TEST_F(WeightsTest, NamesWhatHasNoTextForAKeyByItsPosition) {
   EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
 }
 
+TEST_F(WeightsTest, DropsWhatLiesAmongTheTensorsOfADictionaryByEitherOfItsNames) {
+  const SavedPickle more = savedDict({{savedText("q"), six()}});
+  const SavedPickle dict = savedDict({{savedText("w"), six()}, {savedText("b"), more}});
+  write("pytorch_model.bin",
+        dictionaryOf({{savedText("state_dict"), dict}, {savedText("epoch"), SavedPickle::bare().number(1)}}));
+  for (const char* expression : {"^b$", "^state_dict\\.b$"}) {
+    const Changes changes = prepare({false, {expression}, false});
+    EXPECT_THAT(
+        changeTexts(changes),
+        ElementsAre("model.safetensors: epoch: a number ->  (pytorch.pickle)",
+                    "model.safetensors: state_dict.b: a dictionary ->  (pytorch.pickle)",
+                    "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                    "model.safetensors: tensor names: state_dict.* -> * (pytorch.pickle)"))
+        << expression;
+    EXPECT_EQ(changes.at(1).why, "--drop leaves it out.") << expression;
+    EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]")) << expression;
+    fs::remove(out() + "/model.safetensors");
+  }
+  for (const char* expression : {"^\\.b$", "^dict\\.b$", "^state_dict$"}) {
+    const Refusal refused = refusal({false, {expression}, false});
+    EXPECT_EQ(refused.code, 3) << expression;
+    EXPECT_EQ(refused.message,
+              "pytorch_model.bin: among its tensors are other things: 'state_dict.b' (a dictionary)")
+        << expression;
+  }
+}
+
+TEST_F(WeightsTest, KnowsEveryExpressionThatMatchesOneOfTheTwoNames) {
+  const SavedPickle more = savedDict({{savedText("q"), six()}});
+  const SavedPickle dict = savedDict({{savedText("w"), six()}, {savedText("b"), more}});
+  write("pytorch_model.bin", dictionaryOf({{savedText("state_dict"), dict}}));
+  EXPECT_THAT(changeTexts(prepare({false, {"^b$", "^state_dict\\.", "^c$"}, false})),
+              ElementsAre("model.safetensors: state_dict.b: a dictionary ->  (pytorch.pickle)",
+                          "weights: --drop ^c$:  ->  ()",
+                          "model.safetensors: file: pytorch_model.bin -> model.safetensors (pytorch.folder)",
+                          "model.safetensors: tensor names: state_dict.* -> * (pytorch.pickle)"));
+}
+
+TEST_F(WeightsTest, DropsWhatLiesBesideADictionaryByItsWholeNameOnly) {
+  const SavedPickle more = savedDict({{savedText("q"), savedDict({{savedText("r"), six()}})}});
+  write("pytorch_model.bin",
+        dictionaryOf({{savedText("net"), savedDict({{savedText("w"), six()}})}, {savedText("net.b"), more}}));
+  const Refusal refused = refusal({false, {"^b$"}, false});
+  EXPECT_EQ(refused.code, 3);
+  EXPECT_EQ(refused.message, "pytorch_model.bin: among its tensors are other things: 'net.b' (a dictionary)");
+  prepare({false, {"^net\\.b$"}, false});
+  EXPECT_THAT(tensorsIn("model.safetensors"), ElementsAre("w F32 [6]"));
+}
+
 TEST_F(WeightsTest, RefusesAnObjectAmongTheTensorsUntilItIsDropped) {
   write("pytorch_model.bin", savedZip(SavedPickle()
                                           .stateDict({{"w", {6}, {1}, "0", 6}})

@@ -135,6 +135,12 @@ class Planner {
     }
   }
 
+  // By its whole name, or by its own key, which is how the tensors beside it are spelled.
+  [[nodiscard]] bool isDropped(const OtherEntry& entry) {
+    const bool byName = drop_.match(entry.name);
+    return (entry.ownBegin > 0 && drop_.match(entry.name.substr(entry.ownBegin))) || byName;
+  }
+
   static const char* whyLeftOut(const OtherEntry& entry) {
     if (entry.mayHoldWeights) return "--drop leaves it out.";
     return entry.isLeftOut ? "It lies beside the dictionary of tensors." : "It is no tensor of the model.";
@@ -145,7 +151,7 @@ class Planner {
       const WeightFile& file = *files_[k];
       NameList names;
       for (const OtherEntry& entry : file.others()) {
-        const bool dropped = drop_.match(entry.name);
+        const bool dropped = isDropped(entry);
         if (entry.mayHoldWeights && !dropped) {
           names.add(fmt::format("'{}' ({})", entry.name, entry.what));
         } else {

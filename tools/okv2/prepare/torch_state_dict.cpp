@@ -90,7 +90,7 @@ void takeEntry(std::string name, const std::string& prefix, const PickleValue& v
   if (value.is(Kind::Tensor)) {
     out.tensors.emplace_back(std::move(name), &value.tensor());
   } else {
-    out.others.push_back({prefix + name, describe(value), mayHoldWeights(value), false});
+    out.others.push_back({prefix + name, describe(value), mayHoldWeights(value), false, prefix.size()});
   }
 }
 
@@ -123,7 +123,7 @@ Status takeBeside(const PickleNode& root, const PickleItem& chosen, bool isKnown
     if (isText && !seen.insert({key, holds}).second) continue;
     if (out.others.size() == kMaxFileTensors) return tooManyEntries("a dictionary");
     out.others.push_back({isText ? std::string(key) : entryName(position), describe(item->value),
-                          holds && !isKnown, holds && isKnown});
+                          holds && !isKnown, holds && isKnown, 0});
   }
   return {};
 }

@@ -1,6 +1,7 @@
 // Where the weights are in what a checkpoint's program made.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -21,7 +22,8 @@ struct OtherEntry {
   // It lies among the tensors and holds tensors, or something that is not known; or it holds tensors beside a
   // dictionary under a key that is not known.
   bool mayHoldWeights = false;
-  bool isLeftOut = false;  // it holds tensors beside a dictionary under a known key
+  bool isLeftOut = false;    // it holds tensors beside a dictionary under a known key
+  std::size_t ownBegin = 0;  // where its own key begins in the name
 };
 
 enum class TensorNaming : std::uint8_t {
