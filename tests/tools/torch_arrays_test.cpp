@@ -213,6 +213,8 @@ INSTANTIATE_TEST_SUITE_P(
         InertRow{"TypeWithNames", arrayOf(typeWithState("K\3U\1<N)NK\1K\1K" + kZero))},
         InertRow{"TypeWithFields", arrayOf(typeWithState("K\3U\1<NN}K\1K\1K" + kZero))},
         InertRow{"TypeOfAnotherVersion", arrayOf(typeWithState("K\4U\1<NNNK\1K\1K" + kZero))},
+        InertRow{"TypeOfNoVersion", arrayOf(typeWithState("NU\1<NNNK\1K\1K" + kZero))},
+        InertRow{"TypeOfANumberForAByteOrder", arrayOf(typeWithState("K\3K\3NNNK\1K\1K" + kZero))},
         InertRow{"TypeWithMetadata", arrayOf(typeWithState("K\3U\1<NNNK\1K\1K" + kZero + "}"))},
         InertRow{"TypeOfNoByteOrder", arrayOf(typeWithState("K\3U\1!NNNK\1K\1K" + kZero))},
         InertRow{"NoType", arrayOf(bare().op(op::kNone))},
@@ -231,6 +233,39 @@ INSTANTIATE_TEST_SUITE_P(
         InertRow{"OfNoClass",
                  bare().global("numpy.core.multiarray", "_reconstruct").op(op::kEmptyTuple).op(op::kReduce)},
         InertRow{"MadeByItsClass", bare().global("numpy", "ndarray").tuple({1}).op(op::kReduce)},
+        InertRow{"MadeOfAnotherClass", bare()
+                                           .global("numpy.core.multiarray", "_reconstruct")
+                                           .global("collections", "OrderedDict")
+                                           .op(op::kTuple1)
+                                           .op(op::kReduce)},
+        InertRow{"MadeOfANumber",
+                 bare().global("numpy.core.multiarray", "_reconstruct").tuple({1}).op(op::kReduce)},
+        InertRow{"FromABufferAlone", bare()
+                                         .global("numpy.core.numeric", "_frombuffer")
+                                         .op(op::kShortBinBytes, "\4abcd")
+                                         .op(op::kTuple1)
+                                         .op(op::kReduce)},
+        InertRow{"EncodedWithoutAnEncoding",
+                 bare().global("_codecs", "encode").text("a").op(op::kTuple1).op(op::kReduce)},
+        InertRow{"EncodedWithAMode", bare()
+                                         .global("_codecs", "encode")
+                                         .text("a")
+                                         .text("latin1")
+                                         .text("strict")
+                                         .op(op::kTuple3)
+                                         .op(op::kReduce)},
+        InertRow{"EncodedNumbers", bare()
+                                       .global("_codecs", "encode")
+                                       .op(op::kBinInt1, "\1")
+                                       .text("latin1")
+                                       .op(op::kTuple2)
+                                       .op(op::kReduce)},
+        InertRow{"EncodedInANumber", bare()
+                                         .global("_codecs", "encode")
+                                         .text("a")
+                                         .op(op::kBinInt1, "\1")
+                                         .op(op::kTuple2)
+                                         .op(op::kReduce)},
         InertRow{"OtherEncodings",
                  bare().global("_codecs", "encode").text("a").text("utf-8").op(op::kTuple2).op(op::kReduce)}),
     [](const auto& row) { return row.param.name; });
@@ -434,6 +469,19 @@ TEST(TorchArraysFromABuffer, HaveTheFirstExtentFastestInTheOrderOfFortran) {
 }
 TEST(TorchArraysFromABuffer, AreRefusedInAnyOtherOrder) {
   const Executed run(fromBuffer("numpy.core.numeric", f4(), "K"));
+  EXPECT_THAT(run.status, corruptAtTheEnd(run, "bad numpy array"));
+}
+TEST(TorchArraysFromABuffer, AreRefusedInAnOrderThatIsNoText) {
+  const Executed run(bare()
+                         .global("numpy.core.numeric", "_frombuffer")
+                         .op(op::kMark)
+                         .op(op::kByteArray8, littleEndian(4, 8))
+                         .raw("abcd")
+                         .raw(f4().bytes())
+                         .tuple({1})
+                         .op(op::kBinInt1, "\1")
+                         .op(op::kTuple)
+                         .op(op::kReduce));
   EXPECT_THAT(run.status, corruptAtTheEnd(run, "bad numpy array"));
 }
 TEST(TorchArraysFromABuffer, StayObjectsInTheOtherByteOrder) {
