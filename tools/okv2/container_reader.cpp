@@ -265,7 +265,7 @@ std::uint64_t containerChecksum(std::string_view bytes) noexcept {
   for (const char byte : bytes) {
     crc ^= static_cast<unsigned char>(byte);
     for (int bit = 0; bit < 8; ++bit)
-      crc = crc >> 1 ^ (0 - (crc & 1) & kPolynomial);
+      crc = crc >> 1 ^ ((0 - (crc & 1)) & kPolynomial);
   }
   return crc;
 }
