@@ -8,51 +8,114 @@
 #include <utility>
 #include <vector>
 
-namespace zel {
+#include "container/bytes.h"
 
-// The positions 0 to count - 1 (at most 2^32) in the byte-wise order of nameAt(position), a string_view that
-// stays valid meanwhile; equal names keep their order. Allocates 28 bytes a name.
-//
-// The names of one model begin alike ("model.layers."), so what is compared first is the number that the
-// sixteen bytes behind the common beginning spell; that decides almost always, and lies beside the position.
+namespace zel {
+namespace detail {
+
+// An element, and eight bytes of its name.
+struct NameKey {
+  std::uint64_t word;
+  std::uint32_t position;
+};
+
+// The eight bytes from `from` on, big-endian, so that words compare as bytes do. A name that ends among them
+// goes on with zeros, which sorts it first.
+inline std::uint64_t wordAt(std::string_view name, std::size_t from) noexcept {
+  std::uint64_t word = 0;
+  if (from + sizeof word <= name.size()) return __builtin_bswap64(loadU64(name.data() + from));
+  for (std::size_t k = from; k < from + sizeof word; ++k)
+    word = word << 8 | (k < name.size() ? static_cast<unsigned char>(name[k]) : 0U);
+  return word;
+}
+
+// Sorts by word; equal words keep their order. Uses `scratch`, of the same length.
+void sortByWord(NameKey* keys, NameKey* scratch, std::size_t count) noexcept;
+
+// See orderByName().
 template <class NameAt>
-[[nodiscard]] std::vector<std::uint32_t> orderByName(std::size_t count, NameAt nameAt) {
-  std::size_t common = count == 0 ? 0 : nameAt(0).size();
-  for (std::size_t k = 1; k < count && common > 0; ++k) {
-    const std::string_view first = nameAt(0).substr(0, common);
-    const std::string_view name = nameAt(k);
-    common = std::size_t(std::mismatch(first.begin(), first.end(), name.begin(), name.end()).first -
-                         first.begin());
+class NameSorter {
+ public:
+  NameSorter(std::size_t count, const NameAt& nameAt) : nameAt_(nameAt), keys_(count), scratch_(count) {
+    for (std::size_t k = 0; k < count; ++k)
+      keys_[k].position = std::uint32_t(k);
+    sort(0, count, 0, 0);
   }
 
-  // Big-endian; a shorter name ends in zeros, which also sorts it first.
-  const auto wordAt = [&](std::size_t k, std::size_t from) {
-    const std::string_view name = nameAt(k);
-    std::uint64_t word = 0;
-    for (std::size_t n = from; n < from + sizeof word; ++n)
-      word = word << 8 | (n < name.size() ? static_cast<unsigned char>(name[n]) : 0U);
-    return word;
-  };
-  struct Key {
-    std::uint64_t first, second;
-    std::uint32_t position;
-  };
-  std::vector<Key> keys;
-  keys.reserve(count);
-  for (std::size_t k = 0; k < count; ++k)
-    keys.push_back({wordAt(k, common), wordAt(k, common + sizeof(Key::first)), std::uint32_t(k)});
-  std::sort(keys.begin(), keys.end(), [&](const Key& a, const Key& b) {
-    if (a.first != b.first) return a.first < b.first;
-    if (a.second != b.second) return a.second < b.second;
-    const int sign = nameAt(a.position).compare(nameAt(b.position));
-    return sign != 0 ? sign < 0 : a.position < b.position;
-  });
+  [[nodiscard]] std::vector<std::uint32_t> order() const {
+    std::vector<std::uint32_t> order;
+    order.reserve(keys_.size());
+    for (const NameKey& key : keys_)
+      order.push_back(key.position);
+    return order;
+  }
 
-  std::vector<std::uint32_t> order;
-  order.reserve(count);
-  for (const Key& key : keys)
-    order.push_back(key.position);
-  return order;
+ private:
+  // A few names are compared faster than they are taken to pieces. Nesting ends for the sake of the stack:
+  // names that branch so often are nobody's model.
+  static constexpr std::size_t kFew = 16;
+  static constexpr unsigned kMaxLevel = 8;
+
+  // The keys `first` to `last` - 1, whose names agree in `depth` bytes and which lie in order of position.
+  void sort(std::size_t first, std::size_t last, std::size_t depth, unsigned level) {
+    if (last - first <= kFew || level == kMaxLevel) return compare(first, last, depth);
+    depth += commonBytes(first, last, depth);
+    for (std::size_t k = first; k < last; ++k)
+      keys_[k].word = wordAt(nameOf(k), depth);
+    sortByWord(&keys_[first], &scratch_[first], last - first);
+    while (first < last) {
+      std::size_t end = first + 1;
+      while (end < last && keys_[end].word == keys_[first].word)
+        ++end;
+      if (end - first > 1) sortEqualWords(first, end, depth, level);
+      first = end;
+    }
+  }
+
+  void sortEqualWords(std::size_t first, std::size_t last, std::size_t depth, unsigned level) {
+    const std::size_t behind = depth + sizeof(NameKey::word);
+    for (std::size_t k = first; k < last; ++k) {
+      if (nameOf(k).size() < behind) return compare(first, last, depth);  // what is equal may be its zeros
+    }
+    sort(first, last, behind, level + 1);
+  }
+
+  void compare(std::size_t first, std::size_t last, std::size_t depth) {
+    const auto at = [this](std::size_t k) { return keys_.begin() + std::ptrdiff_t(k); };
+    std::sort(at(first), at(last), [&](const NameKey& a, const NameKey& b) {
+      const int sign = nameAt_(a.position).substr(depth).compare(nameAt_(b.position).substr(depth));
+      return sign != 0 ? sign < 0 : a.position < b.position;
+    });
+  }
+
+  [[nodiscard]] std::size_t commonBytes(std::size_t first, std::size_t last, std::size_t depth) const {
+    std::string_view common = nameOf(first).substr(depth);
+    for (std::size_t k = first + 1; k < last && !common.empty(); ++k) {
+      const std::string_view name = nameOf(k).substr(depth);
+      const auto ends = std::mismatch(common.begin(), common.end(), name.begin(), name.end());
+      common = common.substr(0, std::size_t(ends.first - common.begin()));
+    }
+    return common.size();
+  }
+
+  [[nodiscard]] std::string_view nameOf(std::size_t k) const { return nameAt_(keys_[k].position); }
+
+  const NameAt& nameAt_;
+  std::vector<NameKey> keys_;
+  std::vector<NameKey> scratch_;
+};
+
+}  // namespace detail
+
+// The positions 0 to count - 1 (at most 2^32) in the byte-wise order of nameAt(position), a string_view that
+// stays valid meanwhile; equal names keep their order. Allocates 36 bytes a name.
+//
+// The names of one model begin alike ("model.layers."), so what they have in common is passed over, and the
+// eight bytes behind it are sorted as numbers that lie beside the position; where they are equal, the same
+// again behind them.
+template <class NameAt>
+[[nodiscard]] std::vector<std::uint32_t> orderByName(std::size_t count, const NameAt& nameAt) {
+  return detail::NameSorter<NameAt>(count, nameAt).order();
 }
 
 // Moves every element to where `order`, a permutation of the positions, wants it: element `order[k]` to k.

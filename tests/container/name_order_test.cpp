@@ -43,6 +43,14 @@ TEST(NameOrder, GoesOnBehindSixteenEqualBytes) {
       Order({4, 3, 2, 1, 0, 5}));
 }
 
+Order stableOrder(const Names& names) {
+  Order order(names.size());
+  std::iota(order.begin(), order.end(), 0U);
+  std::stable_sort(order.begin(), order.end(),
+                   [&](std::uint32_t a, std::uint32_t b) { return names[a] < names[b]; });
+  return order;
+}
+
 TEST(NameOrder, IsThatOfAStableSort) {
   std::mt19937 random(7);
   for (int round = 0; round < 200; ++round) {
@@ -53,12 +61,52 @@ TEST(NameOrder, IsThatOfAStableSort) {
       for (std::size_t n = random() % 24; n > 0; --n)
         name += "\0\x01yz\xFF"[random() % 5];
     }
-    Order expected(names.size());
-    std::iota(expected.begin(), expected.end(), 0U);
-    std::stable_sort(expected.begin(), expected.end(),
-                     [&](std::uint32_t a, std::uint32_t b) { return names[a] < names[b]; });
-    ASSERT_EQ(order(names), expected) << "round " << round;
+    ASSERT_EQ(order(names), stableOrder(names)) << "round " << round;
   }
+}
+
+// Enough names for every way of sorting them, alike for long, and some that are equal or end among zeros.
+TEST(NameOrder, OfThousandsOfNamesIsThatOfAStableSort) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 20; ++round) {
+    Names names(250 + random() % 2000);
+    for (std::string& name : names) {
+      for (std::size_t n = random() % 6; n > 0; --n)
+        name += random() % 2 == 0 ? "layers.0" : "layers.\xFF";
+      for (std::size_t n = random() % 4; n > 0; --n)
+        name += "\0ab"[random() % 3];
+    }
+    ASSERT_EQ(order(names), stableOrder(names)) << "round " << round;
+  }
+}
+
+TEST(NameOrder, OfManyEqualNamesIsTheirOwn) {
+  Order expected(1000);
+  std::iota(expected.begin(), expected.end(), 0U);
+  EXPECT_EQ(order(Names(1000, "model.layers.0.weight")), expected);
+}
+
+// Each name goes on where all the shorter ones have ended, so nothing but the limit ends the nesting.
+TEST(NameOrder, OfNamesThatBranchEverywhereIsByLength) {
+  Names names;
+  for (std::size_t k = 200; k > 0; --k)
+    names.push_back(std::string(8 * k, 'x') + "yyyyyyyy");
+  EXPECT_EQ(order(names), stableOrder(names));
+}
+
+TEST(NameOrder, OfNumberedLayersIsByDigits) {
+  Names names;
+  for (int layer = 0; layer < 1200; ++layer) {
+    for (const char* part : {"self_attn.q_proj", "self_attn.k_proj", "mlp.up_proj"})
+      names.push_back("model.layers." + std::to_string(layer) + "." + part + ".weight");
+  }
+  names.push_back("lm_head.weight");
+  const Order found = order(names);
+  EXPECT_EQ(found, stableOrder(names));
+  EXPECT_EQ(names[found[0]], "lm_head.weight");
+  EXPECT_EQ(names[found[1]], "model.layers.0.mlp.up_proj.weight");
+  EXPECT_EQ(names[found[4]], "model.layers.1.mlp.up_proj.weight");
+  EXPECT_EQ(names[found[7]], "model.layers.10.mlp.up_proj.weight");
 }
 
 TEST(Arrange, MovesEveryElementToItsPlace) {

@@ -1,0 +1,53 @@
+#include "container/name_order.h"
+
+#include <array>
+#include <climits>
+#include <utility>
+
+namespace zel::detail {
+namespace {
+
+constexpr std::size_t kDigits = sizeof(NameKey::word);  // bytes, the last one first
+constexpr std::size_t kValues = 1 << CHAR_BIT;
+
+std::size_t digitOf(std::uint64_t word, std::size_t digit) noexcept {
+  return std::size_t(word >> (CHAR_BIT * digit)) % kValues;
+}
+
+}  // namespace
+
+// Byte by byte from the last to the first: each pass puts the keys into their places without a comparison,
+// whose outcome no processor can predict.
+void sortByWord(NameKey* keys, NameKey* scratch, std::size_t count) noexcept {
+  constexpr std::size_t kWorthCounting = kValues;
+  const auto byWord = [](const NameKey& a, const NameKey& b) { return a.word < b.word; };
+  if (std::is_sorted(keys, keys + count, byWord)) return;
+  if (count < kWorthCounting) {
+    std::sort(keys, keys + count, [](const NameKey& a, const NameKey& b) {
+      return a.word != b.word ? a.word < b.word : a.position < b.position;
+    });
+    return;
+  }
+
+  std::array<std::array<std::uint32_t, kValues>, kDigits> places{};
+  for (std::size_t k = 0; k < count; ++k) {
+    for (std::size_t digit = 0; digit < kDigits; ++digit)
+      ++places[digit][digitOf(keys[k].word, digit)];
+  }
+  NameKey* from = keys;
+  NameKey* to = scratch;
+  for (std::size_t digit = 0; digit < kDigits; ++digit) {
+    auto& place = places[digit];
+    if (place[digitOf(from[0].word, digit)] == count) continue;
+    std::uint32_t before =
+        0;  // from here on where the next key with this byte goes, no longer how many have it
+    for (std::uint32_t& value : place)
+      before += std::exchange(value, before);
+    for (std::size_t k = 0; k < count; ++k)
+      to[place[digitOf(from[k].word, digit)]++] = from[k];
+    std::swap(from, to);
+  }
+  if (from != keys) std::copy(from, from + count, keys);
+}
+
+}  // namespace zel::detail
