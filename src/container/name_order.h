@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "container/bytes.h"
@@ -116,25 +115,6 @@ class NameSorter {
 template <class NameAt>
 [[nodiscard]] std::vector<std::uint32_t> orderByName(std::size_t count, const NameAt& nameAt) {
   return detail::NameSorter<NameAt>(count, nameAt).order();
-}
-
-// Moves every element to where `order`, a permutation of the positions, wants it: element `order[k]` to k.
-// In place, each element moved once, since fresh memory would cost more than the moves. Uses `order` up.
-template <class T>
-void arrange(std::vector<T>& elements, std::vector<std::uint32_t> order) {
-  for (std::uint32_t first = 0; first < order.size(); ++first) {
-    if (order[first] == first) continue;
-    T held = std::move(elements[first]);
-    std::uint32_t hole = first;
-    while (order[hole] != first) {
-      const std::uint32_t next = order[hole];
-      elements[hole] = std::move(elements[next]);
-      order[hole] = hole;
-      hole = next;
-    }
-    elements[hole] = std::move(held);
-    order[hole] = hole;
-  }
 }
 
 }  // namespace zel

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <deque>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <utility>
@@ -9,6 +12,7 @@
 #include "container/bytes.h"
 #include "container/name_order.h"
 #include "container/okv2_format.h"
+#include "container/page_advice.h"
 #include "hf/json_parser.h"
 
 namespace zel {
@@ -22,8 +26,22 @@ constexpr std::uint64_t kMaxHeaderBytes = 1U << 30;
 using okv2::kMaxDims;
 constexpr std::uint64_t kTooLarge = std::numeric_limits<std::uint64_t>::max();
 
+QuantInfo quantOf(DType dtype) {
+  QuantInfo quant;
+  const BlockGeometry& geometry = kBlockGeometry[std::size_t(dtype)];
+  if (geometry.blockElements > 1) {
+    quant.dtype = std::uint16_t(dtype);
+    quant.blockElements = geometry.blockElements;
+    quant.blockBytes = geometry.blockBytes;
+    // The first layout value stays 0 on purpose; the container writer stores its own.
+    quant.layout[1] = geometry.layout[1];
+    quant.layout[2] = geometry.layout[2];
+  }
+  return quant;
+}
+
 struct DtypeName {
-  const char* text;
+  std::string_view text;
   DType dtype;
 };
 constexpr DtypeName kDtypeNames[] = {
@@ -31,8 +49,18 @@ constexpr DtypeName kDtypeNames[] = {
     {"Q4_K", DType::Q4_K}, {"Q5_K", DType::Q5_K}, {"Q6_K", DType::Q6_K},
 };
 
+// One tensor of the header, before the tensors have their order: less than half of what StTensorInfo takes.
+struct HeaderEntry {
+  std::string_view name;
+  DType dtype = DType::F32;
+  std::uint8_t ndim = 0;
+  std::uint64_t dims[kMaxDims] = {};
+  std::uint64_t dataBegin = 0;
+  std::uint64_t dataEnd = 0;
+};
+
 // The product of the extents from `first` on, or all ones when it does not fit 64 bits.
-std::uint64_t productFrom(const StTensorInfo& tensor, unsigned first) {
+std::uint64_t productFrom(const HeaderEntry& tensor, unsigned first) {
   std::uint64_t product = 1;
   for (unsigned k = first; k < tensor.ndim; ++k) {
     if (tensor.dims[k] == 0) return 0;  // whatever the other extents would overflow to
@@ -44,7 +72,7 @@ std::uint64_t productFrom(const StTensorInfo& tensor, unsigned first) {
 }
 
 // Bytes that the shape asks for, or all ones when they do not fit 64 bits.
-std::uint64_t expectedBytes(const StTensorInfo& tensor) {
+std::uint64_t expectedBytes(const HeaderEntry& tensor) {
   const BlockGeometry& geometry = kBlockGeometry[std::size_t(tensor.dtype)];
   std::uint64_t units = 1;  // blocks, or elements of a plain float
   std::uint64_t rest;
@@ -71,6 +99,12 @@ struct IntegerList {
   bool allIntegral = true;  // and not negative
 };
 
+// A comparison with a constant is a few instructions; one through the library's operator is a call.
+template <std::size_t N>
+bool isText(std::string_view text, const char (&constant)[N]) noexcept {
+  return text.size() == N - 1 && std::memcmp(text.data(), constant, N - 1) == 0;
+}
+
 // One header member as it stands; judged when it has been read whole.
 struct RawEntry {
   enum class Field : std::uint8_t { Absent, WrongKind, Present };
@@ -86,13 +120,12 @@ struct RawEntry {
 // whole header has been parsed: a syntax error further on outranks it.
 class HeaderReader {
  public:
-  HeaderReader(std::string_view header, std::uint64_t dataBytes, std::vector<StTensorInfo>& out)
-      : parser_(header.data(), header.size()),
-        headerBytes_(header.size()),
-        dataBytes_(dataBytes),
-        out_(out) {}
+  HeaderReader(std::string_view header, std::uint64_t dataBytes)
+      : parser_(header.data(), header.size()), header_(header), dataBytes_(dataBytes) {}
 
   Status read();
+  // What read() has found, in the order of names.
+  void fill(std::vector<StTensorInfo>& out) const;
 
  private:
   bool readMember(std::string_view name);
@@ -102,12 +135,23 @@ class HeaderReader {
   bool readField(RawEntry::Field& field, Kind kind, Read read);
   Status addTensor(std::string_view name, const RawEntry& entry);
 
+  std::string_view keep(std::string_view name);
+
   Parser parser_;
-  std::size_t headerBytes_;
+  std::string_view header_;
   std::uint64_t dataBytes_;
-  std::vector<StTensorInfo>& out_;
+  std::vector<HeaderEntry> entries_;
+  std::deque<std::string> unescapedNames_;
   Status firstFailure_;
 };
+
+// The name as long as this reader lives: most stand in the header as they are.
+std::string_view HeaderReader::keep(std::string_view name) {
+  const std::less<> before;
+  const bool inHeader =
+      !before(name.data(), header_.data()) && before(name.data(), header_.data() + header_.size());
+  return inHeader ? name : unescapedNames_.emplace_back(name);
+}
 
 // The first occurrence of a key counts, whatever its kind.
 template <class Read>
@@ -134,13 +178,13 @@ bool HeaderReader::readIntegers(IntegerList& out) {
 
 bool HeaderReader::readEntry(RawEntry& entry) {
   return parser_.object([&](std::string_view key) {
-    if (key == "dtype") {
+    if (isText(key, "dtype")) {
       return readField(entry.dtype, Kind::String, [&] { return parser_.string(entry.dtypeText); });
     }
-    if (key == "shape") {
+    if (isText(key, "shape")) {
       return readField(entry.shape, Kind::Array, [&] { return readIntegers(entry.shapeItems); });
     }
-    if (key == "data_offsets") {
+    if (isText(key, "data_offsets")) {
       return readField(entry.dataOffsets, Kind::Array, [&] { return readIntegers(entry.offsets); });
     }
     return parser_.skip(2);
@@ -168,11 +212,12 @@ Status HeaderReader::addTensor(std::string_view name, const RawEntry& entry) {
       entry.offsets.count != 2) {
     return corrupted(quoted("safetensors: bad tensor entry"));
   }
-  StTensorInfo& tensor = json::detail::appendEstimated(out_, headerBytes_, parser_.remaining());
-  ZEL_RETURN_IF_ERROR(SafetensorsImporter::mapDtype(entry.dtypeText, tensor.dtype, tensor.quant));
+  HeaderEntry& tensor = json::detail::appendEstimated(entries_, header_.size(), parser_.remaining());
+  QuantInfo quant;
+  ZEL_RETURN_IF_ERROR(SafetensorsImporter::mapDtype(entry.dtypeText, tensor.dtype, quant));
   if (entry.shapeItems.count > kMaxDims) return corrupted("safetensors: ndim > 4");
   if (!entry.shapeItems.allIntegral) return corrupted("safetensors: bad shape");
-  tensor.ndim = unsigned(entry.shapeItems.count);
+  tensor.ndim = std::uint8_t(entry.shapeItems.count);
   std::copy_n(entry.shapeItems.values, tensor.ndim, tensor.dims);
   tensor.dataBegin = entry.offsets.values[0];
   tensor.dataEnd = entry.offsets.values[1];
@@ -180,14 +225,14 @@ Status HeaderReader::addTensor(std::string_view name, const RawEntry& entry) {
     return corrupted("safetensors: bad offsets");
   }
   if (tensor.dataEnd > dataBytes_) return corrupted(quoted("safetensors: offset out of range"));
-  tensor.size = tensor.dataEnd - tensor.dataBegin;
+  const std::uint64_t size = tensor.dataEnd - tensor.dataBegin;
   // A scalar has no first dimension, so a block type has no rows in it.
-  if (tensor.quant.blockElements != 0 && tensor.dims[0] == 0) return corrupted("safetensors: zero rows");
-  if (const std::uint64_t expected = expectedBytes(tensor); expected != tensor.size) {
+  if (quant.blockElements != 0 && tensor.dims[0] == 0) return corrupted("safetensors: zero rows");
+  if (const std::uint64_t expected = expectedBytes(tensor); expected != size) {
     return corrupted(quoted("safetensors: size mismatch") + " (expected " + std::to_string(expected) +
-                     " got " + std::to_string(tensor.size) + ")");
+                     " got " + std::to_string(size) + ")");
   }
-  tensor.name = name;
+  tensor.name = keep(name);
   return {};
 }
 
@@ -204,22 +249,36 @@ Status HeaderReader::read() {
   return firstFailure_;
 }
 
+void HeaderReader::fill(std::vector<StTensorInfo>& out) const {
+  reserveOnLargePages(out, entries_.size());
+  const auto nameAt = [this](std::size_t k) { return entries_[k].name; };
+  const std::vector<std::uint32_t> order = orderByName(entries_.size(), nameAt);
+  // Neither an entry nor its name lies behind the one before: the processor is told early what comes.
+  constexpr std::size_t kEntryAhead = 16;
+  constexpr std::size_t kNameAhead = 8;
+  for (std::size_t k = 0; k < order.size(); ++k) {
+    if (k + kEntryAhead < order.size()) __builtin_prefetch(&entries_[order[k + kEntryAhead]]);
+    if (k + kNameAhead < order.size()) __builtin_prefetch(entries_[order[k + kNameAhead]].name.data());
+    const HeaderEntry& entry = entries_[order[k]];
+    StTensorInfo& tensor = out.emplace_back();
+    tensor.name = entry.name;
+    tensor.dtype = entry.dtype;
+    tensor.quant = quantOf(entry.dtype);
+    tensor.ndim = entry.ndim;
+    std::copy_n(entry.dims, entry.ndim, tensor.dims);
+    tensor.dataBegin = entry.dataBegin;
+    tensor.dataEnd = entry.dataEnd;
+    tensor.size = entry.dataEnd - entry.dataBegin;
+  }
+}
+
 }  // namespace
 
 Status SafetensorsImporter::mapDtype(const std::string& s, DType& out, QuantInfo& q) {
   for (const DtypeName& row : kDtypeNames) {
     if (s != row.text) continue;
     out = row.dtype;
-    q = QuantInfo();
-    const BlockGeometry& geometry = kBlockGeometry[std::size_t(row.dtype)];
-    if (geometry.blockElements > 1) {
-      q.dtype = std::uint16_t(row.dtype);
-      q.blockElements = geometry.blockElements;
-      q.blockBytes = geometry.blockBytes;
-      // The first layout value stays 0 on purpose; the container writer stores its own.
-      q.layout[1] = geometry.layout[1];
-      q.layout[2] = geometry.layout[2];
-    }
+    q = quantOf(out);
     return {};
   }
   return unsupported("safetensors: unsupported dtype '" + s + "'");
@@ -256,13 +315,9 @@ Status SafetensorsImporter::parse(std::string_view file) {
     return corrupted("safetensors: bad header length");
   }
   dataRegion_ = file.substr(kLengthBytes + headerBytes);
-  ZEL_RETURN_IF_ERROR(
-      HeaderReader(file.substr(kLengthBytes, headerBytes), dataRegion_.size(), tensors_).read());
-  const auto byName = [](const StTensorInfo& a, const StTensorInfo& b) { return a.name < b.name; };
-  if (!std::is_sorted(tensors_.begin(), tensors_.end(), byName)) {
-    const auto nameAt = [this](std::size_t k) { return std::string_view(tensors_[k].name); };
-    arrange(tensors_, orderByName(tensors_.size(), nameAt));
-  }
+  HeaderReader reader(file.substr(kLengthBytes, headerBytes), dataRegion_.size());
+  ZEL_RETURN_IF_ERROR(reader.read());
+  reader.fill(tensors_);
   open_ = true;
   return {};
 }

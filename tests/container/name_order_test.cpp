@@ -109,21 +109,5 @@ TEST(NameOrder, OfNumberedLayersIsByDigits) {
   EXPECT_EQ(names[found[7]], "model.layers.10.mlp.up_proj.weight");
 }
 
-TEST(Arrange, MovesEveryElementToItsPlace) {
-  std::mt19937 random(7);
-  for (std::size_t count = 0; count < 60; ++count) {
-    Order order(count);
-    std::iota(order.begin(), order.end(), 0U);
-    std::shuffle(order.begin(), order.end(), random);
-    Names elements(count), expected;
-    for (std::size_t k = 0; k < count; ++k)
-      elements[k] = "the element with the number " + std::to_string(k);
-    for (const std::uint32_t position : order)
-      expected.push_back(elements[position]);
-    arrange(elements, order);
-    ASSERT_EQ(elements, expected) << count << " elements";
-  }
-}
-
 }  // namespace
 }  // namespace zel

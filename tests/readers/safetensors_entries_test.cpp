@@ -86,6 +86,38 @@ TEST(SafetensorsEntries, AreSortedByteWiseWithTheShorterOfACommonPrefixFirst) {
   EXPECT_THAT(names(importer), ElementsAre("", "B", "a", "a.b", "a0", "b", "~", "\xC3\xA9"));
 }
 
+TEST(SafetensorsEntries, WithEscapedNamesAreSortedAmongTheOthers) {
+  const std::string entry = R"({"dtype":"F32","shape":[1],"data_offsets":[0,4]})";
+  const std::string file = Builder()
+                               .rawMember(R"("model.layers.1.a\u0074tention.weight")", entry)
+                               .rawMember(R"("model.layers.0.attention.weight")", entry)
+                               .rawMember(R"("\u00e9\n")", entry)
+                               .rawMember(R"("model.layers.1.attention.bia\u0073")", entry)
+                               .rawMember(R"("a\/b")", entry)
+                               .dataBytes(4)
+                               .bytes();
+  SafetensorsImporter importer;
+  ASSERT_THAT(importer.openBytes(file), IsOk());
+  EXPECT_THAT(names(importer),
+              ElementsAre("a/b", "model.layers.0.attention.weight", "model.layers.1.attention.bias",
+                          "model.layers.1.attention.weight", "\xC3\xA9\n"));
+}
+
+// More than sixteen, each of which lives in the list alone once the file is gone.
+TEST(SafetensorsEntries, KeepTheirNamesWhenTheFileIsGone) {
+  Builder builder;
+  for (int k = 99; k >= 0; --k)
+    builder.tensor("model.layers." + std::to_string(100 + k) + ".weight", "F32", {1});
+  SafetensorsImporter importer;
+  {
+    const std::string file = builder.bytes();
+    ASSERT_THAT(importer.openBytes(file), IsOk());
+  }
+  ASSERT_EQ(importer.tensors().size(), 100U);
+  for (int k = 0; k < 100; ++k)
+    EXPECT_EQ(importer.tensors()[std::size_t(k)].name, "model.layers." + std::to_string(100 + k) + ".weight");
+}
+
 TEST(SafetensorsEntries, OfOneNameAreBothKeptInDocumentOrder) {
   Builder builder;
   builder.tensor("w", "F32", {1}).tensor("a", "F32", {1}).tensor("w", "F16", {3}).tensor("w", "F32", {2});
