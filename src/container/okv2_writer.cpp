@@ -103,6 +103,29 @@ class SectionTable {
   Section sections_[okv2::kSectionCount];
 };
 
+// Appends a section and its padding; the bytes must stay until they are flushed.
+bool appendSection(OutputFile& out, const ByteVector& bytes) {
+  return out.append(bytes.data(), bytes.size(), "OKV2: write section failed") &&
+         out.appendZeros(paddingAfter(bytes.size()), "OKV2: write section failed");
+}
+
+// Appends a section of `count` entries, of which putEntry(bytes, k) builds each, by batches: it would be
+// large for nothing. The last batch stays in `batch` until it is flushed.
+template <class PutEntry>
+bool appendTable(OutputFile& out, std::size_t count, std::size_t entryBytes, ByteVector& batch,
+                 PutEntry putEntry) {
+  batch.reserve(std::min(count * entryBytes, OutputFile::kPieceBytes));
+  for (std::size_t k = 0; k < count; ++k) {
+    if (batch.size() + entryBytes > OutputFile::kPieceBytes) {
+      if (!out.append(batch.data(), batch.size(), "OKV2: write section failed") || !out.flush()) return false;
+      batch.clear();
+    }
+    putEntry(batch, k);
+  }
+  return out.append(batch.data(), batch.size(), "OKV2: write section failed") &&
+         out.appendZeros(paddingAfter(count * entryBytes), "OKV2: write section failed");
+}
+
 // Writes the data of one tensor that lies in a file, through `buffer`.
 Status copyFromFile(OutputFile& out, const TensorMeta& tensor, std::vector<unsigned char>& buffer) {
   constexpr std::size_t kCopyBufferBytes = 1 << 20;
@@ -400,16 +423,11 @@ Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t
   return {};
 }
 
-Status OKV2Writer::buildTensorSections(const std::vector<std::uint32_t>& order, TensorSections& out) const {
-  reserveOnLargePages(out.index, order.size() * okv2::kTensorEntryBytes);
-  reserveOnLargePages(out.layout, order.size() * okv2::kLayoutEntryBytes);
-  for (const std::uint32_t position : order) {
-    const TensorMeta& tensor = tensors_[position];
-    const BlockGeometry* geometry = findBlockGeometry(tensor.dtype);
-    if (geometry == nullptr) return failed("OKV2: unsupported dtype");
-    putIndexEntry(out.index, tensor, out.weightBytes);
-    putLayoutEntry(out.layout, tensor.dtype, *geometry);
-    out.weightBytes += okv2::align(tensor.size);
+Status OKV2Writer::sumWeights(std::uint64_t& bytes) const {
+  bytes = 0;
+  for (const TensorMeta& tensor : tensors_) {
+    if (findBlockGeometry(tensor.dtype) == nullptr) return failed("OKV2: unsupported dtype");
+    bytes += okv2::align(tensor.size);
   }
   return {};
 }
@@ -424,25 +442,20 @@ Status OKV2Writer::write(const char* path) const {
   ByteVector tokenizer;
   buildTokenizer(tokenizer);
   const std::vector<std::uint32_t> order = tensorsByName();
-  TensorSections tensors;
-  ZEL_RETURN_IF_ERROR(buildTensorSections(order, tensors));
+  std::uint64_t weightBytes;
+  ZEL_RETURN_IF_ERROR(sumWeights(weightBytes));
   ByteVector chatTemplate;
   putU64(chatTemplate, chatTemplate_.size());
   putBytes(chatTemplate, chatTemplate_);
 
-  const std::pair<SectionType, const ByteVector*> sections[] = {
-      // in the order of the file; the weights follow
-      {SectionType::Metadata, &metadata},
-      {SectionType::Tokenizer, &tokenizer},
-      {SectionType::Graph, &graph_},
-      {SectionType::TensorIndex, &tensors.index},
-      {SectionType::TensorLayout, &tensors.layout},
-      {SectionType::ChatTemplate, &chatTemplate},
-  };
   SectionTable table;
-  for (const auto& [type, bytes] : sections)
-    table[type].size = bytes->size();
-  table[SectionType::Weights].size = tensors.weightBytes;
+  table[SectionType::Metadata].size = metadata.size();
+  table[SectionType::Tokenizer].size = tokenizer.size();
+  table[SectionType::Graph].size = graph_.size();
+  table[SectionType::TensorIndex].size = order.size() * okv2::kTensorEntryBytes;
+  table[SectionType::TensorLayout].size = order.size() * okv2::kLayoutEntryBytes;
+  table[SectionType::ChatTemplate].size = chatTemplate.size();
+  table[SectionType::Weights].size = weightBytes;
   table.layOut();
 
   OutputFile out;
@@ -462,11 +475,24 @@ Status OKV2Writer::write(const char* path) const {
   if (!out.appendZeros(std::size_t(okv2::kFirstSectionOffset - position), "OKV2: pad failed")) {
     return failed(out.failure());
   }
-  for (const auto& [type, bytes] : sections) {
-    if (!out.append(bytes->data(), bytes->size(), "OKV2: write section failed") ||
-        !out.appendZeros(paddingAfter(bytes->size()), "OKV2: write section failed")) {
-      return failed(out.failure());
-    }
+  ByteVector index;
+  std::uint64_t dataOffset = 0;
+  const auto putIndex = [&](ByteVector& bytes, std::size_t k) {
+    const TensorMeta& tensor = tensors_[order[k]];
+    putIndexEntry(bytes, tensor, dataOffset);
+    dataOffset += okv2::align(tensor.size);
+  };
+  ByteVector layout;
+  const auto putLayout = [&](ByteVector& bytes, std::size_t k) {
+    const std::uint16_t dtype = tensors_[order[k]].dtype;
+    putLayoutEntry(bytes, dtype, *findBlockGeometry(dtype));
+  };
+  // In the order of the file; the weights follow.
+  if (!appendSection(out, metadata) || !appendSection(out, tokenizer) || !appendSection(out, graph_) ||
+      !appendTable(out, order.size(), okv2::kTensorEntryBytes, index, putIndex) ||
+      !appendTable(out, order.size(), okv2::kLayoutEntryBytes, layout, putLayout) ||
+      !appendSection(out, chatTemplate)) {
+    return failed(out.failure());
   }
   ZEL_RETURN_IF_ERROR(writeWeights(out, order));
 

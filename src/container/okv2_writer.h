@@ -116,13 +116,8 @@ class OKV2Writer {
   MetaItem& addMeta(const char* key, okv2::MetaType type);
   Status buildMetadata(ByteVector& out) const;
   void buildTokenizer(ByteVector& out) const;
-  // What the tensors contribute, in the order of their names.
-  struct TensorSections {
-    ByteVector index;
-    ByteVector layout;
-    std::uint64_t weightBytes = 0;  // of the weights section
-  };
-  Status buildTensorSections(const std::vector<std::uint32_t>& order, TensorSections& out) const;
+  // The size of the weights section.
+  Status sumWeights(std::uint64_t& bytes) const;
   [[nodiscard]] ByteVector buildHeader(std::uint64_t checksum) const;
   [[nodiscard]] std::vector<std::uint32_t> tensorsByName() const;
   Status writeWeights(OutputFile& out, const std::vector<std::uint32_t>& order) const;

@@ -150,6 +150,16 @@ TEST(OKV2WriterShortWrite, NamesALongSectionAtOnce) {
   EXPECT_THAT(writeLimited(writer, 1000), StatusIs(Code::InvalidFormat, kSection));
 }
 
+// Of the 384,000 bytes of the index the first 262,144 leave by themselves.
+TEST(OKV2WriterShortWrite, NamesTheSectionInTheMiddleOfALongTable) {
+  OKV2Writer writer;
+  for (int k = 0; k < 3000; ++k)
+    test::addBytes(writer, ("t" + std::to_string(k)).c_str(), "four");
+  for (const std::uint64_t limit : {1000U, 262144U, 262400U, 300000U, 480000U})
+    EXPECT_THAT(writeLimited(writer, limit), StatusIs(Code::InvalidFormat, kSection)) << limit;
+  EXPECT_THAT(writeLimited(writer, 100), StatusIs(Code::InvalidFormat, kTable));
+}
+
 TEST(OKV2WriterShortWrite, NamesALongOwnedTensorAtOnce) {
   OKV2Writer writer;
   test::addBytes(writer, "w", std::string(1 << 20, 'd'));

@@ -341,5 +341,36 @@ TEST(OKV2WriterTensors, ManyTensorsOfEverySizeAllArrive) {
   EXPECT_TRUE(file.substr(sectionOffset(file, 5)) == expected);
 }
 
+// The tables are written 256 KB at a time: 2,048 entries of the index, 8,192 of the layout.
+class LongTables : public testing::TestWithParam<std::size_t> {};
+
+TEST_P(LongTables, HoldEveryTensorOnceInOrder) {
+  const std::size_t count = GetParam();
+  OKV2Writer writer;
+  for (std::size_t k = count; k-- > 0;) {
+    char name[16];
+    std::snprintf(name, sizeof name, "t%05zu", k);
+    ASSERT_THAT(writer.addTensor(name, std::uint16_t(k % 9), kDims, 1, &kByte, 1), IsOk());
+  }
+  const std::string file = containerOf(writer);
+  ASSERT_EQ(sectionSize(file, 4), 128 * count);
+  ASSERT_EQ(sectionSize(file, 6), 32 * count);
+  const std::uint64_t index = sectionOffset(file, 4);
+  const std::uint64_t layout = sectionOffset(file, 6);
+  EXPECT_EQ(layout, index + 128 * count);
+  for (std::size_t k = 0; k < count; ++k) {
+    char name[16];
+    std::snprintf(name, sizeof name, "t%05zu", k);
+    const char* const entry = file.data() + index + 128 * k;
+    ASSERT_STREQ(entry, name);
+    ASSERT_EQ(loadU16(entry + 66), k % 9) << k;
+    ASSERT_EQ(loadU64(entry + 104), 64 * k) << "each tensor takes 64 bytes";
+    ASSERT_EQ(loadU16(file.data() + layout + 32 * k), k % 9) << k;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(BothSidesOfABatch, LongTables,
+                         testing::Values(2047U, 2048U, 2049U, 4097U, 8191U, 8192U, 8193U));
+
 }  // namespace
 }  // namespace zel
