@@ -201,10 +201,31 @@ class MappedSource {
   Descriptor file_;
 };
 
+// Brings in the pages of borrowed tensors that are too short for a call each. A page that is missing breaks
+// off the kernel's copy in the middle of a gathered write, and it goes on by single pages. Linux maps what
+// the file cache holds around a page that is asked for, 64 KB at once, so one page in each such window will
+// do.
+class ShortTensorPages {
+ public:
+  void populate(const void* data, std::uint64_t size) noexcept {
+    constexpr std::uintptr_t kWindowBytes = 64 << 10;
+    const auto begin = reinterpret_cast<std::uintptr_t>(data);
+    for (std::uintptr_t at = begin; at < begin + size; at = (at / kWindowBytes + 1) * kWindowBytes) {
+      if (std::exchange(last_, at / kWindowBytes) != at / kWindowBytes) {
+        populatePages(reinterpret_cast<const void*>(at), 1);
+      }
+    }
+  }
+
+ private:
+  std::uintptr_t last_ = 0;  // window, counted from address 0, where nothing lies
+};
+
 // Appends a tensor in borrowed memory; `mapping` is the one that it lies in, or null.
 bool appendBorrowed(OutputFile& out, const TensorMeta& tensor, const BorrowedMapping* mapping,
-                    MappedSource& source) {
+                    MappedSource& source, ShortTensorPages& pages) {
   const auto* data = static_cast<const char*>(tensor.memory);
+  if (tensor.size < OutputFile::kPieceBytes) pages.populate(data, tensor.size);
   std::uint64_t copied = 0;
   if (mapping != nullptr && tensor.size >= OutputFile::kCopyBytes) {
     if (const int file = source.descriptorOf(*mapping); file >= 0) {
@@ -402,6 +423,7 @@ ByteVector OKV2Writer::buildHeader(std::uint64_t checksum) const {
 Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t>& order) const {
   std::vector<unsigned char> copyBuffer;  // allocated for the first file-backed tensor only
   MappedSource source;
+  ShortTensorPages pages;
   for (const std::uint32_t position : order) {
     const TensorMeta& tensor = tensors_[position];
     if (!tensor.owned.empty()) {
@@ -409,7 +431,7 @@ Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t
     } else if (tensor.memory != nullptr) {
       const BorrowedMapping* mapping =
           tensor.size >= OutputFile::kPieceBytes ? mappingOf(tensor.memory) : nullptr;
-      if (!appendBorrowed(out, tensor, mapping, source)) return failed(out.failure());
+      if (!appendBorrowed(out, tensor, mapping, source, pages)) return failed(out.failure());
     } else if (tensor.file != nullptr) {
       ZEL_RETURN_IF_ERROR(copyFromFile(out, tensor, copyBuffer));
     } else {
