@@ -1,5 +1,7 @@
 #include "convert/name_mapping.h"
 
+#include <charconv>
+#include <iterator>
 #include <optional>
 #include <string_view>
 
@@ -99,7 +101,13 @@ std::optional<LayerName> splitLayerName(std::string_view name) {
       if (digit < '0' || digit > '9') return std::nullopt;
       index = index * 10 + std::uint64_t(digit - '0');
     }
-    return LayerName{"blk." + std::to_string(index) + ".", rest.substr(dot + 1)};
+    LayerName layer;
+    char digits[20];
+    layer.prefix.append("blk.")
+        .append(digits, std::to_chars(digits, std::end(digits), index).ptr)
+        .push_back('.');
+    layer.suffix = rest.substr(dot + 1);
+    return layer;
   }
   return std::nullopt;
 }
@@ -128,7 +136,8 @@ MappedName toOkvName(const std::string& arch, const std::string& srcName) {
   std::optional<std::string_view> suffix;
   if (isGemmaFamily(arch)) suffix = findRename(kGemmaSuffixes, layer->suffix);
   if (!suffix) suffix = findRename(kSuffixes, layer->suffix);
-  mapped.name = layer->prefix + std::string(suffix.value_or(layer->suffix));
+  mapped.name = layer->prefix;
+  mapped.name += suffix.value_or(layer->suffix);
   return mapped;
 }
 
