@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -110,8 +111,12 @@ using ByteVector = std::vector<std::uint8_t>;
 template <std::size_t N>
 void putLittleEndian(ByteVector& out, std::uint64_t value) {
   std::uint8_t bytes[N];
-  for (std::size_t n = 0; n < N; ++n)
-    bytes[n] = std::uint8_t(value >> (8 * n));
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(bytes, &value, N);  // one store; a byte at a time makes whoever copies them wait
+  } else {
+    for (std::size_t n = 0; n < N; ++n)
+      bytes[n] = std::uint8_t(value >> (8 * n));
+  }
   out.insert(out.end(), bytes, bytes + N);
 }
 

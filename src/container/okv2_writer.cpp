@@ -34,7 +34,10 @@ TensorMeta describe(const char* name, std::uint16_t dtype, const std::uint64_t* 
   return tensor;
 }
 
-void putZeros(ByteVector& out, std::size_t n) { out.insert(out.end(), n, 0); }
+void putZeros(ByteVector& out, std::size_t n) {
+  static constexpr std::uint8_t kZeros[okv2::kTensorNameBytes] = {};
+  out.insert(out.end(), kZeros, kZeros + n);
+}
 
 void putStrings(ByteVector& out, const std::vector<std::string>& strings) {
   putU32(out, std::uint32_t(strings.size()));
@@ -498,16 +501,18 @@ Status OKV2Writer::write(const char* path) const {
     return failed(out.failure());
   }
   ByteVector index;
+  std::vector<std::uint16_t> dtypes;
+  dtypes.reserve(order.size());
   std::uint64_t dataOffset = 0;
   const auto putIndex = [&](ByteVector& bytes, std::size_t k) {
     const TensorMeta& tensor = tensors_[order[k]];
     putIndexEntry(bytes, tensor, dataOffset);
+    dtypes.push_back(tensor.dtype);
     dataOffset += okv2::align(tensor.size);
   };
   ByteVector layout;
   const auto putLayout = [&](ByteVector& bytes, std::size_t k) {
-    const std::uint16_t dtype = tensors_[order[k]].dtype;
-    putLayoutEntry(bytes, dtype, *findBlockGeometry(dtype));
+    putLayoutEntry(bytes, dtypes[k], *findBlockGeometry(dtypes[k]));
   };
   // In the order of the file; the weights follow.
   if (!appendSection(out, metadata) || !appendSection(out, tokenizer) || !appendSection(out, graph_) ||
