@@ -79,12 +79,22 @@ class NameSorter {
     sort(first, last, behind, level + 1);
   }
 
+  // By algorithms that stay within the range whatever the comparisons say, unlike std::sort: names may lie in
+  // a mapped file, which somebody may write to meanwhile.
   void compare(std::size_t first, std::size_t last, std::size_t depth) {
-    const auto at = [this](std::size_t k) { return keys_.begin() + std::ptrdiff_t(k); };
-    std::sort(at(first), at(last), [&](const NameKey& a, const NameKey& b) {
+    NameKey* const begin = &keys_[first];
+    NameKey* const end = begin + (last - first);
+    const auto before = [&](const NameKey& a, const NameKey& b) {
       const int sign = nameAt_(a.position).substr(depth).compare(nameAt_(b.position).substr(depth));
       return sign != 0 ? sign < 0 : a.position < b.position;
-    });
+    };
+    if (last - first <= kFew) {
+      for (NameKey* key = begin; key != end; ++key)
+        std::rotate(std::upper_bound(begin, key, *key, before), key, key + 1);
+    } else {
+      std::make_heap(begin, end, before);
+      std::sort_heap(begin, end, before);
+    }
   }
 
   [[nodiscard]] std::size_t commonBytes(std::size_t first, std::size_t last, std::size_t depth) const {
@@ -106,8 +116,9 @@ class NameSorter {
 
 }  // namespace detail
 
-// The positions 0 to count - 1 (at most 2^32) in the byte-wise order of nameAt(position), a string_view that
-// stays valid meanwhile; equal names keep their order. Allocates 36 bytes a name.
+// The positions 0 to count - 1 (below 2^32) in the byte-wise order of nameAt(position), a string_view that
+// stays valid meanwhile; equal names keep their order. Allocates 36 bytes a name. Bytes of names that change
+// meanwhile cost nothing but the order.
 //
 // The names of one model begin alike ("model.layers."), so what they have in common is passed over, and the
 // eight bytes behind it are sorted as numbers that lie beside the position; where they are equal, the same
