@@ -261,21 +261,25 @@ bool Parser::elements(OnElement&& element) {
   }
 }
 
+// Room that a list may have at once when there is one of its kind in a file; what stays unused costs nothing.
+inline constexpr std::size_t kOneListBytes = 16 << 20;
+
 // Appends an element. A long vector grows by what its elements so far say about the rest of the input,
 // instead of by doubling: `bytesBefore` is what was left to read when the first element began. Never by more
-// than eight times at once, or to 16 MB: a text cannot ask for much that it does not fill.
+// than eight times at once or to `atOnceBytes`: a text of many lists cannot ask for much that it does not
+// fill.
 template <class T>
-T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft) {
+T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
+                   std::size_t atOnceBytes = 0) {
   constexpr std::size_t kFirst = 4;
   constexpr std::size_t kLong = 1024;
   constexpr std::size_t kMaxFactor = 8;
-  constexpr std::size_t kSmallBytes = 16 << 20;
   const std::size_t size = out.size();
   if (size != out.capacity()) return out.emplace_back();
   if (size >= kLong) {
     const std::size_t bytesEach = (bytesBefore - bytesLeft) / size;
     const std::size_t estimate = size + bytesLeft / std::max<std::size_t>(bytesEach, 1) + 1;
-    const std::size_t most = std::max(kMaxFactor * size, kSmallBytes / sizeof(T));
+    const std::size_t most = std::max(kMaxFactor * size, atOnceBytes / sizeof(T));
     reserveOnLargePages(out, std::clamp(estimate, 2 * size, most));
   } else {
     out.reserve(std::max(kFirst, 2 * size));

@@ -12,6 +12,7 @@ namespace {
 
 using json::Kind;
 using json::detail::appendEstimated;
+using json::detail::kOneListBytes;
 using json::detail::Parser;
 
 constexpr std::int32_t kNormalToken = 1;
@@ -117,7 +118,7 @@ bool TokenizerJson::readModel() {
 bool TokenizerJson::readVocab() {
   const std::size_t before = parser_.remaining();
   return parser_.members(
-      [&] { return parser_.string(appendEstimated(tokens_, before, parser_.remaining())); },
+      [&] { return parser_.string(appendEstimated(tokens_, before, parser_.remaining(), kOneListBytes)); },
       [this] {
         std::optional<std::int64_t> id;
         if (!readInteger(id, 3)) return false;
@@ -137,7 +138,7 @@ bool TokenizerJson::readMerges() {
     Kind kind;
     if (!parser_.peek(kind, 3)) return false;
     if (kind == Kind::String) {
-      return parser_.string(appendEstimated(mergeTexts_, before, parser_.remaining()));
+      return parser_.string(appendEstimated(mergeTexts_, before, parser_.remaining(), kOneListBytes));
     }
     badMerge_ = true;  // the two-element form is refused on purpose
     return parser_.skip(3);

@@ -19,6 +19,8 @@ namespace zel {
 namespace {
 
 using json::Kind;
+using json::detail::appendEstimated;
+using json::detail::kOneListBytes;
 using json::detail::Parser;
 
 constexpr std::uint64_t kLengthBytes = 8;
@@ -49,7 +51,8 @@ constexpr DtypeName kDtypeNames[] = {
     {"Q4_K", DType::Q4_K}, {"Q5_K", DType::Q5_K}, {"Q6_K", DType::Q6_K},
 };
 
-// One tensor of the header, before the tensors have their order: less than half of what StTensorInfo takes.
+// One tensor of the header, before the tensors have their order: what StTensorInfo takes, but for the name
+// and what follows from the rest.
 struct HeaderEntry {
   std::string_view name;
   DType dtype = DType::F32;
@@ -212,7 +215,7 @@ Status HeaderReader::addTensor(std::string_view name, const RawEntry& entry) {
       entry.offsets.count != 2) {
     return corrupted(quoted("safetensors: bad tensor entry"));
   }
-  HeaderEntry& tensor = json::detail::appendEstimated(entries_, header_.size(), parser_.remaining());
+  HeaderEntry& tensor = appendEstimated(entries_, header_.size(), parser_.remaining(), kOneListBytes);
   QuantInfo quant;
   ZEL_RETURN_IF_ERROR(SafetensorsImporter::mapDtype(entry.dtypeText, tensor.dtype, quant));
   if (entry.shapeItems.count > kMaxDims) return corrupted("safetensors: ndim > 4");
@@ -250,9 +253,9 @@ Status HeaderReader::read() {
 }
 
 void HeaderReader::fill(std::vector<StTensorInfo>& out) const {
-  reserveOnLargePages(out, entries_.size());
   const auto nameAt = [this](std::size_t k) { return entries_[k].name; };
   const std::vector<std::uint32_t> order = orderByName(entries_.size(), nameAt);
+  reserveOnLargePages(out, entries_.size());
   // Neither an entry nor its name lies behind the one before: the processor is told early what comes.
   constexpr std::size_t kEntryAhead = 16;
   constexpr std::size_t kNameAhead = 8;

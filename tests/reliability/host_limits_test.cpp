@@ -119,6 +119,20 @@ TEST_F(AmplifyingInputs, ALongNameTakenFromTheMemoTenThousandTimesEndsWithCodeOn
   expectAnswers(checkpointDir(program.repeat(10000, pair).stop()), kOnlyImportOutOfMemory);
 }
 
+// 400 KB of lists that are just long enough for their room to be estimated from what is left.
+TEST_F(AmplifyingInputs, AConfigOfManyLongListsIsImported) {
+  std::string list = "[0";
+  for (int k = 0; k < 1024; ++k)
+    list += ",0";
+  list += "]";
+  std::string config = R"({"model_type":"llama","x":[)" + list;
+  while (config.size() < 400000)
+    config += "," + list;
+  const test::ChildResult result =
+      answersIn512MiB(ModelDirBuilder().config(config + "]}").write(temp_), temp_ / "out.okv2");
+  EXPECT_EQ(result.text, "0  | 0 llama");
+}
+
 // The limit is no obstacle to an honest model.
 TEST_F(AmplifyingInputs, AnOrdinaryModelIsImportedUnderTheSameLimit) {
   const test::ChildResult result =
