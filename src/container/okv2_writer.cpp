@@ -112,12 +112,11 @@ bool appendSection(OutputFile& out, const ByteVector& bytes) {
          out.appendZeros(paddingAfter(bytes.size()), "OKV2: write section failed");
 }
 
-// Appends a section of `count` entries, of which putEntry(bytes, k) builds each, by batches: it would be
-// large for nothing. The last batch stays in `batch` until it is flushed.
+// Appends a section of `count` entries, each built by putEntry(bytes, k), without ever holding more than one
+// write's worth of it. The last entries stay in `batch` until they are flushed.
 template <class PutEntry>
 bool appendTable(OutputFile& out, std::size_t count, std::size_t entryBytes, ByteVector& batch,
                  PutEntry putEntry) {
-  batch.reserve(std::min(count * entryBytes, OutputFile::kPieceBytes));
   for (std::size_t k = 0; k < count; ++k) {
     if (batch.size() + entryBytes > OutputFile::kPieceBytes) {
       if (!out.append(batch.data(), batch.size(), "OKV2: write section failed") || !out.flush()) return false;
@@ -483,6 +482,14 @@ Status OKV2Writer::write(const char* path) const {
   table[SectionType::Weights].size = weightBytes;
   table.layOut();
 
+  // What the tables take is there before a file is touched.
+  ByteVector index;
+  ByteVector layout;
+  std::vector<std::uint16_t> dtypes;
+  index.reserve(std::min(order.size() * okv2::kTensorEntryBytes, OutputFile::kPieceBytes));
+  layout.reserve(std::min(order.size() * okv2::kLayoutEntryBytes, OutputFile::kPieceBytes));
+  dtypes.reserve(order.size());
+
   OutputFile out;
   // Not truncated before it is known not to be one of the files that the tensors are borrowed from.
   if (!out.open(path) || isProtected(out.id()) || !out.truncate()) {
@@ -500,9 +507,6 @@ Status OKV2Writer::write(const char* path) const {
   if (!out.appendZeros(std::size_t(okv2::kFirstSectionOffset - position), "OKV2: pad failed")) {
     return failed(out.failure());
   }
-  ByteVector index;
-  std::vector<std::uint16_t> dtypes;
-  dtypes.reserve(order.size());
   std::uint64_t dataOffset = 0;
   const auto putIndex = [&](ByteVector& bytes, std::size_t k) {
     const TensorMeta& tensor = tensors_[order[k]];
@@ -510,7 +514,6 @@ Status OKV2Writer::write(const char* path) const {
     dtypes.push_back(tensor.dtype);
     dataOffset += okv2::align(tensor.size);
   };
-  ByteVector layout;
   const auto putLayout = [&](ByteVector& bytes, std::size_t k) {
     putLayoutEntry(bytes, dtypes[k], *findBlockGeometry(dtypes[k]));
   };

@@ -350,7 +350,9 @@ TEST_P(LongTables, HoldEveryTensorOnceInOrder) {
   for (std::size_t k = count; k-- > 0;) {
     char name[16];
     std::snprintf(name, sizeof name, "t%05zu", k);
-    ASSERT_THAT(writer.addTensor(name, std::uint16_t(k % 9), kDims, 1, &kByte, 1), IsOk());
+    const std::uint64_t dims[] = {k + 1};
+    const std::string data(k % 3 + 1, kByte);
+    ASSERT_THAT(writer.addTensor(name, std::uint16_t(k % 9), dims, 1, data.data(), data.size()), IsOk());
   }
   const std::string file = containerOf(writer);
   ASSERT_EQ(sectionSize(file, 4), 128 * count);
@@ -364,7 +366,9 @@ TEST_P(LongTables, HoldEveryTensorOnceInOrder) {
     const char* const entry = file.data() + index + 128 * k;
     ASSERT_STREQ(entry, name);
     ASSERT_EQ(loadU16(entry + 66), k % 9) << k;
+    ASSERT_EQ(loadU64(entry + 72), k + 1);
     ASSERT_EQ(loadU64(entry + 104), 64 * k) << "each tensor takes 64 bytes";
+    ASSERT_EQ(loadU64(entry + 112), k % 3 + 1);
     ASSERT_EQ(loadU16(file.data() + layout + 32 * k), k % 9) << k;
   }
 }
