@@ -348,7 +348,7 @@ TEST_P(LongTables, HoldEveryTensorOnceInOrder) {
   const std::size_t count = GetParam();
   OKV2Writer writer;
   for (std::size_t k = count; k-- > 0;) {
-    char name[16];
+    char name[32];
     std::snprintf(name, sizeof name, "t%05zu", k);
     const std::uint64_t dims[] = {k + 1};
     const std::string data(k % 3 + 1, kByte);
@@ -361,7 +361,7 @@ TEST_P(LongTables, HoldEveryTensorOnceInOrder) {
   const std::uint64_t layout = sectionOffset(file, 6);
   EXPECT_EQ(layout, index + 128 * count);
   for (std::size_t k = 0; k < count; ++k) {
-    char name[16];
+    char name[32];
     std::snprintf(name, sizeof name, "t%05zu", k);
     const char* const entry = file.data() + index + 128 * k;
     ASSERT_STREQ(entry, name);
