@@ -61,7 +61,7 @@ class NameSorter {
     depth += commonBytes(first, last, depth);
     for (std::size_t k = first; k < last; ++k)
       keys_[k].word = wordAt(nameOf(k), depth);
-    sortByWord(&keys_[first], &scratch_[first], last - first);
+    sortByWord(keys_.data() + first, scratch_.data() + first, last - first);
     while (first < last) {
       std::size_t end = first + 1;
       while (end < last && keys_[end].word == keys_[first].word)
@@ -82,7 +82,7 @@ class NameSorter {
   // By algorithms that stay within the range whatever the comparisons say, unlike std::sort: names may lie in
   // a mapped file, which somebody may write to meanwhile.
   void compare(std::size_t first, std::size_t last, std::size_t depth) {
-    NameKey* const begin = &keys_[first];
+    NameKey* const begin = keys_.data() + first;
     NameKey* const end = begin + (last - first);
     const auto before = [&](const NameKey& a, const NameKey& b) {
       const int sign = nameAt_(a.position).substr(depth).compare(nameAt_(b.position).substr(depth));
