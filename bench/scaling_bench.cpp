@@ -12,6 +12,7 @@
 
 #include "bench/inputs.h"
 #include "bench/plugin_import.h"
+#include "bench/touched_memory.h"
 #include "hf/hf_importer.h"
 #include "readers/pytorch_importer.h"
 #include "readers/safetensors_importer.h"
@@ -140,7 +141,12 @@ std::int64_t largest(std::int64_t full) {
   return std::getenv("OKV2_BENCH_QUICK") != nullptr ? std::min<std::int64_t>(full, 10'000) : full;
 }
 
+// More than any of these needs. Once before each repetition, not each iteration: that would empty the
+// processor's caches, which small sizes live in.
+void touchMemory(const benchmark::State&) { zel::bench::touchMemory(std::size_t(largest(1'500'000'000))); }
+
 void decades(benchmark::internal::Benchmark* bench, std::int64_t from, std::int64_t to) {
+  bench->Setup(touchMemory);
   for (std::int64_t n = from; n < to; n *= 10)
     bench->Arg(n);
   bench->Arg(to);
