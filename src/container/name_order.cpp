@@ -39,8 +39,8 @@ void sortByWord(NameKey* keys, NameKey* scratch, std::size_t count) noexcept {
   for (std::size_t digit = 0; digit < kDigits; ++digit) {
     auto& place = places[digit];
     if (place[digitOf(from[0].word, digit)] == count) continue;
-    std::uint32_t before =
-        0;  // from here on where the next key with this byte goes, no longer how many have it
+    // From how many keys have a byte to where the next key with it goes.
+    std::uint32_t before = 0;
     for (std::uint32_t& value : place)
       before += std::exchange(value, before);
     for (std::size_t k = 0; k < count; ++k)

@@ -124,8 +124,10 @@ bool appendTable(OutputFile& out, std::size_t count, std::size_t entryBytes, Byt
     }
     putEntry(batch, k);
   }
-  return out.append(batch.data(), batch.size(), "OKV2: write section failed") &&
-         out.appendZeros(paddingAfter(count * entryBytes), "OKV2: write section failed");
+  static_assert(OutputFile::kPieceBytes % okv2::kAlignment == 0 &&
+                OutputFile::kPieceBytes % okv2::kTensorEntryBytes == 0 &&
+                OutputFile::kPieceBytes % okv2::kLayoutEntryBytes == 0);
+  return appendSection(out, batch);  // what went before it needs no padding
 }
 
 // Writes the data of one tensor that lies in a file, through `buffer`.
@@ -213,9 +215,8 @@ class ShortTensorPages {
     constexpr std::uintptr_t kWindowBytes = 64 << 10;
     const auto begin = reinterpret_cast<std::uintptr_t>(data);
     for (std::uintptr_t at = begin; at < begin + size; at = (at / kWindowBytes + 1) * kWindowBytes) {
-      if (std::exchange(last_, at / kWindowBytes) != at / kWindowBytes) {
-        populatePages(reinterpret_cast<const void*>(at), 1);
-      }
+      const std::uintptr_t window = at / kWindowBytes;
+      if (std::exchange(last_, window) != window) populatePages(reinterpret_cast<const void*>(at), 1);
     }
   }
 

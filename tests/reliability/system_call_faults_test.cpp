@@ -295,12 +295,17 @@ TEST(SystemCalls, WriteALongTensorThatCannotBeCopiedInPiecesOf256KiB) {
   EXPECT_EQ(faultCallCount(FAULT_WRITEV), 1 + 1 + 14 + 1);
 }
 
+// 3,000 tensors of 64 bytes in the order of their names.
+ModelDirBuilder smallTensorsDir() {
+  SafetensorsBuilder tensors;
+  for (int k = 1000; k < 4000; ++k)
+    tensors.tensor("t" + std::to_string(k), "F32", {16});
+  return ModelDirBuilder().shard("model.safetensors", tensors);
+}
+
 TEST(SystemCalls, GatherManySmallTensorsIntoEachWrite) {
   const TempDir temp;
-  test::SafetensorsBuilder tensors;
-  for (int k = 0; k < 3000; ++k)
-    tensors.tensor("t" + std::to_string(k), "F32", {16});
-  const std::string dir = ModelDirBuilder().shard("model.safetensors", tensors).write(temp);
+  const std::string dir = smallTensorsDir().write(temp);
   ASSERT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
   // The index and the layout fill a write each; of the tensors, 1,024 fit into one.
   EXPECT_LE(faultCallCount(FAULT_WRITEV), 6);
@@ -309,10 +314,7 @@ TEST(SystemCalls, GatherManySmallTensorsIntoEachWrite) {
 // One call for 64 KiB of neighbours, not one a tensor: 192,000 bytes lie in three or four such windows.
 TEST(SystemCalls, BringInThePagesOfSmallTensorsByWindows) {
   const TempDir temp;
-  test::SafetensorsBuilder tensors;
-  for (int k = 1000; k < 4000; ++k)
-    tensors.tensor("t" + std::to_string(k), "F32", {16});
-  const std::string dir = ModelDirBuilder().shard("model.safetensors", tensors).write(temp);
+  const std::string dir = smallTensorsDir().write(temp);
   ASSERT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
   EXPECT_GE(faultCallCount(FAULT_MADVISE), 3);
   EXPECT_LE(faultCallCount(FAULT_MADVISE), 4);
