@@ -4,7 +4,8 @@
 #   bench/import.sh BUILD_DIR [--size 2G] [--pairs 7] [--work DIR] [--memory DIR] [--json FILE] [--quick]
 #
 # DIR of --work lies on the disk (default: bench-data in the build directory), that of --memory on a tmpfs
-# (default: /dev/shm). Everything that is made is removed at the end. scripts/bench calls this.
+# (default: /dev/shm). Everything that is made is removed at the end. Times are hyperfine's, peak memory and page
+# faults those of GNU time. scripts/bench calls this.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-exec /usr/bin/python3 "$here/import_pairs.py" "$@"
+exec /usr/bin/python3 -B "$here/import_pairs.py" "$@"

@@ -8,53 +8,9 @@ import shutil
 import statistics
 import struct
 import subprocess
-import sys
 import tempfile
-import threading
-import time
 
-PIECE = 256 * 1024
-
-
-class Run:
-    """One finished command: wall and CPU seconds, peak memory, major faults."""
-
-    def __init__(self, argv, stdout=None, watch=False):
-        self.anonymous = 0
-        self.peak = 0
-        out = open(stdout, "wb") if stdout else subprocess.DEVNULL
-        begin = time.monotonic()
-        child = subprocess.Popen(argv, stdout=out)
-        if watch:
-            self._watch(child.pid)
-        _, status, usage = os.wait4(child.pid, 0)
-        self.wall = time.monotonic() - begin
-        child.returncode = os.waitstatus_to_exitcode(status)
-        if stdout:
-            out.close()
-        if child.returncode != 0:
-            sys.exit(f"import_pairs: {argv} ended with {child.returncode}")
-        self.user = usage.ru_utime
-        self.system = usage.ru_stime
-        self.major_faults = usage.ru_majflt
-
-    def _watch(self, pid):
-        # Anonymous memory is what the process itself holds; file pages come and go with the mapping. The
-        # kernel's ru_maxrss would tell the size of this interpreter, from before the command replaced it.
-        def poll():
-            try:
-                while True:
-                    with open(f"/proc/{pid}/status") as status:
-                        for line in status:
-                            if line.startswith("RssAnon:"):
-                                self.anonymous = max(self.anonymous, int(line.split()[1]) * 1024)
-                            elif line.startswith("VmHWM:"):
-                                self.peak = max(self.peak, int(line.split()[1]) * 1024)
-                    time.sleep(0.001)
-            except (FileNotFoundError, ProcessLookupError):
-                pass
-
-        threading.Thread(target=poll, daemon=True).start()
+from measure import require_tools, self_timed, timed, watched
 
 
 def summary(values):
@@ -107,13 +63,13 @@ class Bench:
     def check(self, container):
         subprocess.run([self.okv2, "verify", str(container)], check=True, stdout=subprocess.DEVNULL)
 
-    def importing(self, model, out, watch=False):
+    def importing(self, model, out, measure=timed):
         self.prepare(model, out)
-        return Run([self.okv2, "import", "-q", str(model), "-o", str(out)], watch=watch)
+        return measure([self.okv2, "import", "-q", str(model), "-o", str(out)])
 
     def cat(self, model, out):
         self.prepare(model, out)
-        return Run(["cat", *map(str, shards(model))], stdout=str(out))
+        return timed(["cat", *map(str, shards(model))], output=out)
 
     def prepare(self, model, out):
         out.unlink(missing_ok=True)
@@ -173,20 +129,14 @@ class Bench:
                               lambda: self.importing(model, out), lambda: self.cat(model, out))
             self.value("4", "user CPU of goal 1", 0.03, "s", [run.user for run in ours])
             limit = (tensors * 1024 + 5.5 * tokenizer_bytes + 2e6) / 1e6
-            watched = [self.importing(model, out, watch=True) for _ in range(3)]
-            self.value("5", "peak memory of goal 1", 128, "MB", [run.peak / 1e6 for run in watched])
+            held = [self.importing(model, out, measure=watched) for _ in range(3)]
+            self.value("5", "peak memory of goal 1", 128, "MB", [run.peak / 1e6 for run in held])
             self.value("6", "anonymous memory of goal 1, the command's own included", limit, "MB",
-                       [run.anonymous / 1e6 for run in watched])
+                       [run.anonymous / 1e6 for run in held])
             if has_numpy():
-                loop = pathlib.Path(__file__).with_name("numpy_copy.py")
-
                 def numpy_loop():
                     self.prepare(model, out)
-                    answer = subprocess.run(["/usr/bin/python3", str(loop), str(out), *map(str, files)],
-                                            check=True, capture_output=True, text=True)
-                    run = Run(["true"])
-                    run.wall = float(answer.stdout)  # of the loop alone, without the interpreter's start
-                    return run
+                    return self_timed("numpy_copy.py", out, *files)
 
                 self.ratio("3", "import / numpy memmap tofile loop", 0.60,
                            lambda: self.importing(model, out), numpy_loop)
@@ -215,24 +165,12 @@ class Bench:
         def read_write_loop():
             self.prepare(model, out)
             cold(files)
-            begin = time.monotonic()
-            target = os.open(out, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o666)
-            for path in files:
-                source = os.open(path, os.O_RDONLY)
-                offset = 0
-                while piece := os.pread(source, PIECE, offset):
-                    os.write(target, piece)
-                    offset += len(piece)
-                os.close(source)
-            os.close(target)
-            run = Run(["true"])
-            run.wall = time.monotonic() - begin
-            return run
+            return self_timed("read_write_loop.py", out, *files)
 
         def ours():
             self.prepare(model, out)
             cold(files)
-            return Run([self.okv2, "import", "-q", str(model), "-o", str(out)])
+            return timed([self.okv2, "import", "-q", str(model), "-o", str(out)])
 
         runs = self.ratio("12", "cold cache: import / pread-write loop of 256 KB, shard by shard", 1.15, ours,
                           read_write_loop)
@@ -266,6 +204,7 @@ def main():
     args = parser.parse_args()
     if args.quick:
         args.size, args.pairs = "4M", 1
+    require_tools(args.quick)
     args.work = args.work or args.build
     bench = Bench(args)
     bench.run()

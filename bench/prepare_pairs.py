@@ -15,7 +15,8 @@ import struct
 import tempfile
 import zipfile
 
-from import_pairs import Run, summary, touch_memory, warm
+from import_pairs import summary, touch_memory, warm
+from measure import require_tools, timed, watched
 
 TENSOR_BYTES = 16 * 1000 * 1024
 ROWS, COLUMNS = 8000, 1024
@@ -95,6 +96,7 @@ def main():
     args = parser.parse_args()
     if args.quick:
         args.size, args.pairs = "64M", 1
+    require_tools(args.quick)
     size = int(args.size[:-1]) * {"M": 10**6, "G": 10**9}[args.size[-1]]
     count = max(4, size // TENSOR_BYTES)
     with tempfile.TemporaryDirectory(dir=args.work, prefix="okv2-bench-") as work:
@@ -108,18 +110,18 @@ def main():
             copy.unlink(missing_ok=True)
             touch_memory(min(source.stat().st_size * 5 // 4, 1 << 31))
 
-        def ours(watch=False):
+        def ours(measure=timed):
             clear()
             if args.command[-1] != "prepare":
                 out.mkdir()  # the tests' driver wants it there
-            return Run([*args.command, str(source.parent), str(out)], watch=watch)
+            return measure([*args.command, str(source.parent), str(out)])
 
         def theirs():
             clear()
-            return Run(["cat", str(source)], stdout=str(copy))
+            return timed(["cat", str(source)], output=copy)
 
         warm([source])
-        watched = ours(watch=True)
+        held = ours(measure=watched)
         check(out / "model.safetensors", count, args.transposed)
         ratios, own, cats = [], [], []
         for k in range(args.pairs):
@@ -133,9 +135,9 @@ def main():
               f"(min {times['min']:.3f}, max {times['max']:.3f}, {times['runs']} pairs; "
               f"{summary(own)['median']:.3f} s / {summary(cats)['median']:.3f} s; goal {TIME_LIMIT}) "
               f"{'reached' if times['median'] <= TIME_LIMIT else 'MISSED'}")
-        print(f"peak anonymous memory {watched.anonymous / 1e6:.1f} MB, with mapped pages {watched.peak / 1e6:.1f} MB "
+        print(f"peak anonymous memory {held.anonymous / 1e6:.1f} MB, with mapped pages {held.peak / 1e6:.1f} MB "
               f"(goal {MEMORY_LIMIT} beyond the mapping) "
-              f"{'reached' if watched.anonymous <= MEMORY_LIMIT * 1e6 else 'MISSED'}")
+              f"{'reached' if held.anonymous <= MEMORY_LIMIT * 1e6 else 'MISSED'}")
 
 
 if __name__ == "__main__":
