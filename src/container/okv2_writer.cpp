@@ -216,12 +216,17 @@ class ShortTensorPages {
     const auto begin = reinterpret_cast<std::uintptr_t>(data);
     for (std::uintptr_t at = begin; at < begin + size; at = (at / kWindowBytes + 1) * kWindowBytes) {
       const std::uintptr_t window = at / kWindowBytes;
-      if (std::exchange(last_, window) != window) populatePages(reinterpret_cast<const void*>(at), 1);
+      if (std::exchange(asked_[window % kWindows], window) != window) {
+        populatePages(reinterpret_cast<const void*>(at), 1);
+      }
     }
   }
 
  private:
-  std::uintptr_t last_ = 0;  // window, counted from address 0, where nothing lies
+  // In the order of their names tensors come back to a window again and again, "layers.10" before "layers.2":
+  // as many windows are remembered as 256 MiB have.
+  static constexpr std::size_t kWindows = 4096;
+  std::uintptr_t asked_[kWindows] = {};  // counted from address 0, where nothing lies
 };
 
 // Appends a tensor in borrowed memory; `mapping` is the one that it lies in, or null.
@@ -496,6 +501,7 @@ Status OKV2Writer::write(const char* path) const {
   if (!out.open(path) || isProtected(out.id()) || !out.truncate()) {
     return failed("OKV2: cannot open output file");
   }
+  out.expect(table[SectionType::Weights].offset + weightBytes);
   const ByteVector header = buildHeader(0);
   const ByteVector tableBytes = table.serialise();
   if (!out.append(header.data(), header.size(), "OKV2: write header failed") ||

@@ -67,7 +67,20 @@ bool OutputFile::appendZeros(std::size_t size, const char* failureText) noexcept
   return true;
 }
 
+// A file system that finds room for megabytes at once takes a quarter less time for the writes: ext4
+// otherwise looks for each block of 4 KB by itself. The size of the file stays what was written.
+void OutputFile::askForRoom([[maybe_unused]] std::uint64_t end) noexcept {
+#ifdef __linux__
+  constexpr std::uint64_t kAheadBytes = 8 << 20;
+  if (end <= room_ || room_ >= expected_ || expected_ < kCopyBytes) return;
+  const std::uint64_t roomEnd = std::min(expected_, end + kAheadBytes);
+  const bool got = ::fallocate(file_.get(), FALLOC_FL_KEEP_SIZE, off_t(room_), off_t(roomEnd - room_)) == 0;
+  room_ = got ? roomEnd : expected_;
+#endif
+}
+
 bool OutputFile::flush() noexcept {
+  if (!pieces_.empty()) askForRoom(appended_);
   std::size_t first = 0;  // pieces before it are written whole
   while (first < pieces_.size()) {
     const ssize_t result =
@@ -113,6 +126,7 @@ std::uint64_t OutputFile::copyFrom([[maybe_unused]] int source, [[maybe_unused]]
   ssize_t held = 0;  // in the pipe
   while (copied < size && held == 0 && openPipe()) {
     const auto most = std::size_t(std::min(size - copied, kCopyBytes));
+    askForRoom(appended_ + copied + most);
     held = retryInterrupted([&] { return ::splice(source, &from, pipeInput_.get(), nullptr, most, 0); });
     if (held <= 0) break;
     while (held > 0) {

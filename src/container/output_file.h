@@ -28,6 +28,9 @@ class OutputFile {
   [[nodiscard]] FileId id() const noexcept { return id_; }
   // Empties an existing regular file.
   [[nodiscard]] bool truncate() noexcept;
+  // Tells how many bytes the file will have in all. From then on the file system is asked for room a few
+  // megabytes ahead of what is written and never beyond that end; where it has none, writing fails as ever.
+  void expect(std::uint64_t bytes) noexcept { expected_ = bytes; }
 
   // Queues `size` bytes at `data`. False when a flush was due and failed; failure() then says why.
   [[nodiscard]] bool append(const void* data, std::size_t size, const char* failureText) noexcept;
@@ -56,6 +59,7 @@ class OutputFile {
  private:
   static constexpr std::size_t kMaxPieces = 1024;  // IOV_MAX on Linux
 
+  void askForRoom(std::uint64_t end) noexcept;
   [[nodiscard]] bool openPipe() noexcept;
 
   Descriptor file_;
@@ -65,6 +69,8 @@ class OutputFile {
   std::vector<const char*> texts_;  // same length as pieces_
   std::size_t queuedBytes_ = 0;
   std::uint64_t appended_ = 0;
+  std::uint64_t expected_ = 0;
+  std::uint64_t room_ = 0;  // the file has room up to here, or is not to be asked again
   const char* failure_ = "";
   Descriptor pipeOutput_;
   Descriptor pipeInput_;

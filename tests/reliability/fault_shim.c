@@ -16,21 +16,25 @@
 
 const char* const kFaultCallNames[FAULT_CALLS] = {
     "open",      "fstat",  "stat",  "read",  "mmap",  "munmap", "madvise", "opendir", "readdir", "closedir",
-    "ftruncate", "writev", "write", "lseek", "close", "fread",  "fseeko",  "pipe2",   "fcntl",   "splice"};
+    "ftruncate", "writev", "write", "lseek", "close", "fread",  "fseeko",  "pipe2",   "fcntl",   "fallocate", "splice"};
 
 static _Thread_local bool armed;
 static _Thread_local struct FaultPlan plan;
 static _Thread_local int counts[FAULT_CALLS];
+static _Thread_local long long roomEnd;
 
 void armFaults(const struct FaultPlan* wanted) {
   plan = *wanted;
   memset(counts, 0, sizeof counts);
+  roomEnd = 0;
   armed = true;
 }
 
 void disarmFaults(void) { armed = false; }
 
 int faultCallCount(enum FaultCall call) { return counts[call]; }
+
+long long faultRoomEnd(void) { return roomEnd; }
 
 /* The C library's own function behind ours. */
 static void findReal(void* pointer, const char* name) {
@@ -180,6 +184,13 @@ int fcntl(int fd, int command, ...) {
   const int argument = va_arg(arguments, int);
   va_end(arguments);
   return fails(FAULT_FCNTL, &limit) ? -1 : real(fd, command, argument);
+}
+
+int fallocate(int fd, int mode, off_t offset, off_t length) {
+  REAL(fallocate);
+  long limit;
+  if (armed) roomEnd = offset + length;
+  return fails(FAULT_FALLOCATE, &limit) ? -1 : real(fd, mode, offset, length);
 }
 
 /* A call that moves nothing is one that finds nothing to move. */

@@ -28,6 +28,7 @@ enum FaultCall {
   FAULT_FSEEKO,
   FAULT_PIPE2,
   FAULT_FCNTL,
+  FAULT_FALLOCATE,
   FAULT_SPLICE,
   FAULT_CALLS
 };
@@ -49,6 +50,8 @@ void armFaults(const struct FaultPlan* plan);
 void disarmFaults(void);
 /* Calls of each kind since armFaults(). */
 int faultCallCount(enum FaultCall call);
+/* The end of the last room that a file was asked to have, in bytes, since armFaults(); 0 when none was. */
+long long faultRoomEnd(void);
 
 #ifdef __cplusplus
 }

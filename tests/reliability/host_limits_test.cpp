@@ -143,10 +143,10 @@ TEST_F(AmplifyingInputs, AnOrdinaryModelIsImportedUnderTheSameLimit) {
 // ---- system calls
 
 // All that an import may ask of the kernel: files, memory, and the end of the process.
-constexpr int kAllowedCalls[] = {SYS_openat,     SYS_newfstatat, SYS_fstat,  SYS_read,      SYS_close,
-                                 SYS_mmap,       SYS_munmap,     SYS_brk,    SYS_mprotect,  SYS_madvise,
-                                 SYS_lseek,      SYS_write,      SYS_writev, SYS_ftruncate, SYS_mremap,
-                                 SYS_getdents64, SYS_pipe2,      SYS_fcntl,  SYS_splice,    SYS_exit_group};
+constexpr int kAllowedCalls[] = {
+    SYS_openat, SYS_newfstatat, SYS_fstat,   SYS_read,  SYS_close,     SYS_mmap,   SYS_munmap,
+    SYS_brk,    SYS_mprotect,   SYS_madvise, SYS_lseek, SYS_write,     SYS_writev, SYS_ftruncate,
+    SYS_mremap, SYS_getdents64, SYS_pipe2,   SYS_fcntl, SYS_fallocate, SYS_splice, SYS_exit_group};
 
 #if defined(__x86_64__)
 constexpr unsigned kArchitecture = AUDIT_ARCH_X86_64;
@@ -220,7 +220,7 @@ TEST_F(SystemCallFilter, AnImportOpensReadsMapsAndWritesFilesAndNothingElse) {
   }
 }
 
-TEST_F(SystemCallFilter, AnImportOfALongTensorAlsoSplicesFilesThroughAPipe) {
+TEST_F(SystemCallFilter, AnImportOfALongTensorAlsoAsksForRoomAndSplicesFilesThroughAPipe) {
   const TempDir temp;
   const std::string dir = test::ModelDirBuilder()
                               .shard("model.safetensors", test::SafetensorsBuilder().tensor(

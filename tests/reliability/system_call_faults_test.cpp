@@ -83,6 +83,8 @@ const std::vector<int> kTruncateErrors = {EFBIG, EINVAL, EIO, EPERM, EROFS, ETXT
 const std::vector<int> kWriteErrors = {EAGAIN, EDQUOT, EFAULT, EFBIG, EIO, ENOSPC, EPERM, EPIPE};
 const std::vector<int> kCopyErrors = {EAGAIN, EBADF,  EFAULT, EINVAL,    EIO,   ENOMEM,
                                       ENOSPC, ENOSYS, EPERM,  EOVERFLOW, ESPIPE};
+const std::vector<int> kRoomErrors = {EBADF,  EFBIG,  EINTR, EINVAL,     EIO,   ENODEV,
+                                      ENOSPC, ENOSYS, EPERM, EOPNOTSUPP, ESPIPE};
 const std::vector<int> kSeekErrors = {EINVAL, EIO, EOVERFLOW, ESPIPE};
 const std::vector<int> kCloseErrors = {EDQUOT, EINTR, EIO, ENOSPC};
 const std::vector<int> kInterrupted = {EINTR};
@@ -157,6 +159,7 @@ const Row kRows[] = {
     {"StatShardAgain", Dir::LongTensor, FAULT_FSTAT, 4, kStatErrors, OKV_OK, ""},
     {"MakePipe", Dir::LongTensor, FAULT_PIPE2, 1, {EMFILE, ENFILE, ENOMEM}, OKV_OK, ""},
     {"WidenPipe", Dir::LongTensor, FAULT_FCNTL, 1, {EBUSY, EINVAL, ENOMEM, EPERM}, OKV_OK, ""},
+    {"AskForRoom", Dir::LongTensor, FAULT_FALLOCATE, 1, kRoomErrors, OKV_OK, ""},
     {"CopyIntoPipe", Dir::LongTensor, FAULT_SPLICE, 1, kCopyErrors, OKV_OK, ""},
     {"CopyOutOfPipe", Dir::LongTensor, FAULT_SPLICE, 2, kCopyErrors, OKV_OK, ""},
     {"CopyMoreIntoPipe", Dir::LongTensor, FAULT_SPLICE, 3, kCopyErrors, OKV_OK, ""},
@@ -260,13 +263,13 @@ TEST(SystemCalls, AreAsManyAsTheTableOfFaultsCounts) {
     }
   };
   // open fstat stat read mmap munmap madvise opendir readdir closedir ftruncate writev write lseek close
-  // fread fseeko pipe2 fcntl
+  // fread fseeko pipe2 fcntl fallocate
   ASSERT_EQ(importUnder(none, shardsDir().write(temp, "s"), temp / "s.okv2").code, OKV_OK);
-  expectCounts({10, 12, 1, 5, 2, 0, 4, 1, 10, 1, 0, 3, 1, 2, 10, 0, 0, 0, 0});
+  expectCounts({10, 12, 1, 5, 2, 0, 4, 1, 10, 1, 0, 3, 1, 2, 10, 0, 0, 0, 0, 0});
   ASSERT_EQ(importUnder(none, checkpointDir().write(temp, "c"), temp / "c.okv2").code, OKV_OK);
-  expectCounts({9, 5, 2, 1, 1, 1, 1, 1, 5, 1, 0, 1, 1, 2, 4, 0, 0, 0, 0});
+  expectCounts({9, 5, 2, 1, 1, 1, 1, 1, 5, 1, 0, 1, 1, 2, 4, 0, 0, 0, 0, 0});
   ASSERT_EQ(importUnder(none, longTensorDir().write(temp, "l"), temp / "l.okv2").code, OKV_OK);
-  expectCounts({9, 5, 1, 1, 1, 0, 1, 1, 5, 1, 0, 2, 1, 2, 6, 0, 0, 1, 1});
+  expectCounts({9, 5, 1, 1, 1, 0, 1, 1, 5, 1, 0, 2, 1, 2, 6, 0, 0, 1, 1, 1});
 }
 
 TEST(SystemCalls, CopyATensorOfOneMiBFromFileToFileAndNoShorterOne) {
@@ -281,6 +284,42 @@ TEST(SystemCalls, CopyATensorOfOneMiBFromFileToFileAndNoShorterOne) {
   };
   EXPECT_EQ(copiesOf((1 << 18) - 1), 0);
   EXPECT_GE(copiesOf(1 << 18), 2);  // into the pipe and out of it
+}
+
+constexpr std::uint64_t kMiB = 1 << 20;
+
+// A container of somewhat more than the tensor's `bytes`, and what became of its file.
+std::uintmax_t sizeOfContainerWith(std::uint64_t bytes, const FaultPlan& plan) {
+  const TempDir temp;
+  const std::string dir =
+      ModelDirBuilder()
+          .shard("model.safetensors", SafetensorsBuilder().tensor("model.norm.weight", "F32", {bytes / 4}))
+          .write(temp);
+  EXPECT_EQ(importUnder(plan, dir, temp / "out.okv2").code, OKV_OK);
+  return std::filesystem::file_size(temp / "out.okv2");
+}
+
+TEST(SystemCalls, AskForRoomInAContainerOfOneMiBAndInNoShorterOne) {
+  const FaultPlan none{FAULT_OPEN, 0, 0, -1, 0};
+  const std::uintmax_t around = sizeOfContainerWith(kMiB / 2, none) - kMiB / 2;
+  EXPECT_EQ(faultCallCount(FAULT_FALLOCATE), 0);
+  EXPECT_EQ(sizeOfContainerWith(kMiB - around - 64, none), kMiB - 64);
+  EXPECT_EQ(faultCallCount(FAULT_FALLOCATE), 0);
+  EXPECT_EQ(sizeOfContainerWith(kMiB - around, none), kMiB);
+  EXPECT_EQ(faultCallCount(FAULT_FALLOCATE), 1);
+}
+
+// Ahead of the start, of the first piece beyond 8 MiB, and of the first beyond 17.
+TEST(SystemCalls, AskForRoomEightMiBAheadAndNotBeyondTheEnd) {
+  const std::uintmax_t size = sizeOfContainerWith(20 * kMiB, {FAULT_OPEN, 0, 0, -1, 0});
+  EXPECT_EQ(faultCallCount(FAULT_FALLOCATE), 3);
+  EXPECT_EQ(faultRoomEnd(), (long long)size);
+}
+
+TEST(SystemCalls, AskForNoMoreRoomWhereThereIsNone) {
+  const std::uintmax_t size = sizeOfContainerWith(20 * kMiB, {FAULT_FALLOCATE, 2, ENOSPC, -1, 0});
+  EXPECT_EQ(faultCallCount(FAULT_FALLOCATE), 2);
+  EXPECT_GT(size, 20 * kMiB);
 }
 
 TEST(SystemCalls, WriteALongTensorThatCannotBeCopiedInPiecesOf256KiB) {
@@ -315,6 +354,18 @@ TEST(SystemCalls, GatherManySmallTensorsIntoEachWrite) {
 TEST(SystemCalls, BringInThePagesOfSmallTensorsByWindows) {
   const TempDir temp;
   const std::string dir = smallTensorsDir().write(temp);
+  ASSERT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
+  EXPECT_GE(faultCallCount(FAULT_MADVISE), 3);
+  EXPECT_LE(faultCallCount(FAULT_MADVISE), 4);
+}
+
+// The order of names goes through the file eleven times, as "layers.10" comes before "layers.2".
+TEST(SystemCalls, BringInAWindowOfSmallTensorsOnceHoweverOftenItIsComeBackTo) {
+  const TempDir temp;
+  SafetensorsBuilder tensors;
+  for (int k = 0; k < 3000; ++k)
+    tensors.tensor("t" + std::to_string(1000 + k % 11) + "." + std::to_string(1000 + k), "F32", {16});
+  const std::string dir = ModelDirBuilder().shard("model.safetensors", tensors).write(temp);
   ASSERT_EQ(importUnder({FAULT_OPEN, 0, 0, -1, 0}, dir, temp / "out.okv2").code, OKV_OK);
   EXPECT_GE(faultCallCount(FAULT_MADVISE), 3);
   EXPECT_LE(faultCallCount(FAULT_MADVISE), 4);
