@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "container/bytes.h"
+#include "container/page_advice.h"
 
 namespace zel {
 namespace detail {
@@ -35,7 +36,11 @@ void sortByWord(NameKey* keys, NameKey* scratch, std::size_t count) noexcept;
 template <class NameAt>
 class NameSorter {
  public:
-  NameSorter(std::size_t count, const NameAt& nameAt) : nameAt_(nameAt), keys_(count), scratch_(count) {
+  NameSorter(std::size_t count, const NameAt& nameAt) : nameAt_(nameAt) {
+    reserveOnLargePages(keys_, count);
+    keys_.resize(count);
+    reserveOnLargePages(scratch_, count);
+    scratch_.resize(count);
     for (std::size_t k = 0; k < count; ++k)
       keys_[k].position = std::uint32_t(k);
     sort(0, count, 0, 0);

@@ -8,6 +8,8 @@
 namespace zel {
 namespace {
 
+constexpr std::size_t kLargePageBytes = 2 << 20;  // the smallest of the common processors
+
 std::uintptr_t pageMask() noexcept {
   static const std::uintptr_t mask = std::uintptr_t(::sysconf(_SC_PAGESIZE)) - 1;
   return mask;
@@ -35,9 +37,23 @@ void releasePages(const void* data, std::size_t size) noexcept { adviseInside(da
 
 void preferLargePages([[maybe_unused]] const void* data, [[maybe_unused]] std::size_t size) noexcept {
 #ifdef MADV_HUGEPAGE
-  constexpr std::size_t kLargePageBytes = 2 << 20;  // the smallest of the common processors
-  if (size >= kLargePageBytes) adviseInside(data, size, MADV_HUGEPAGE);
+  constexpr int kCollapse = 25;  // MADV_COLLAPSE, which came with Linux 6.1 and is missing in older headers
+  if (size < kLargePageBytes / 2) return;
+  // Whole pages around the range: what the allocator keeps before it would cost the first large page.
+  const auto begin = reinterpret_cast<std::uintptr_t>(data);
+  const std::uintptr_t first = begin & ~pageMask();
+  const std::uintptr_t last = (begin + size + pageMask()) & ~pageMask();
+  (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  // The allocator has written there already, so that the first large page is begun as a small one.
+  if (first % kLargePageBytes == 0)
+    (void)::madvise(reinterpret_cast<void*>(first), kLargePageBytes, kCollapse);
 #endif
+}
+
+std::size_t fillLargePages(std::size_t size) noexcept {
+  constexpr std::size_t kAllocatorBytes = 64;
+  if (size < kLargePageBytes / 2) return size;
+  return (size + kAllocatorBytes + kLargePageBytes - 1) / kLargePageBytes * kLargePageBytes - kAllocatorBytes;
 }
 
 }  // namespace zel

@@ -16,15 +16,20 @@ void populatePages(const void* data, std::size_t size) noexcept;
 // content.
 void releasePages(const void* data, std::size_t size) noexcept;
 
-// Asks for large pages under a long vector that is about to be filled from its start to near its end: a fault
-// for each 4 KB would cost more than what is put there.
+// Asks for large pages under memory of this process that is about to be filled from its start to near its
+// end: a fault for each 4 KB would cost more than what is put there.
 void preferLargePages(const void* data, std::size_t size) noexcept;
 
-// Reserves room for `count` elements that are about to be filled in.
+// As many bytes as fit into the large pages that `size` bytes need, beside what an allocator keeps with them;
+// `size` itself where that is little. Linux puts memory of whole large pages where such pages can lie, and
+// other memory anywhere, with up to 4 MB of small pages around the large ones.
+std::size_t fillLargePages(std::size_t size) noexcept;
+
+// Reserves room for at least `count` elements that are about to be filled in.
 template <class T>
 void reserveOnLargePages(std::vector<T>& out, std::size_t count) {
   if (count <= out.capacity()) return;
-  out.reserve(count);
+  out.reserve(count < out.max_size() / 2 ? fillLargePages(count * sizeof(T)) / sizeof(T) : count);
   preferLargePages(out.data(), out.capacity() * sizeof(T));
 }
 

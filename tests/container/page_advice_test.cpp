@@ -1,0 +1,97 @@
+// Room on large pages: how much is asked for, and that what is put there stays.
+#include "container/page_advice.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <malloc.h>
+#include <sys/resource.h>
+
+#include "support/test_conditions.h"
+
+namespace zel {
+namespace {
+
+constexpr std::size_t kMiB = 1 << 20;
+
+TEST(FillLargePages, LeavesWhatIsShorterThanHalfALargePage) {
+  EXPECT_EQ(fillLargePages(0), 0U);
+  EXPECT_EQ(fillLargePages(1), 1U);
+  EXPECT_EQ(fillLargePages(kMiB - 1), kMiB - 1);
+}
+
+TEST(FillLargePages, LeavesTheAllocatorSixtyFourBytes) {
+  EXPECT_EQ(fillLargePages(kMiB), 2 * kMiB - 64);
+  EXPECT_EQ(fillLargePages(2 * kMiB - 64), 2 * kMiB - 64);
+  EXPECT_EQ(fillLargePages(2 * kMiB - 63), 4 * kMiB - 64);
+  EXPECT_EQ(fillLargePages(4 * kMiB), 6 * kMiB - 64);
+}
+
+TEST(ReserveOnLargePages, HasRoomForAtLeastAsManyAsAskedFor) {
+  for (const std::size_t count : {std::size_t{1}, kMiB / 24, kMiB / 24 + 1, 2 * kMiB / 24, kMiB}) {
+    struct Element {
+      char bytes[24];
+    };
+    std::vector<Element> elements;
+    reserveOnLargePages(elements, count);
+    EXPECT_GE(elements.capacity(), count);
+    EXPECT_LE(elements.capacity() * sizeof(Element), count * sizeof(Element) + 2 * kMiB);
+  }
+}
+
+TEST(ReserveOnLargePages, TakesNothingForWhatThereIsRoomFor) {
+  std::vector<char> bytes;
+  bytes.reserve(3 * kMiB);
+  const char* const before = bytes.data();
+  reserveOnLargePages(bytes, 3 * kMiB);
+  EXPECT_EQ(bytes.data(), before);
+  EXPECT_EQ(bytes.capacity(), 3 * kMiB);
+}
+
+TEST(ReserveOnLargePages, KeepsTheElementsThatAreThere) {
+  std::vector<std::string> texts;
+  for (int k = 0; k < 1000; ++k)
+    texts.push_back("a text that is too long for its object " + std::to_string(k));
+  reserveOnLargePages(texts, 8 * kMiB / sizeof(std::string));
+  ASSERT_EQ(texts.size(), 1000U);
+  for (int k = 0; k < 1000; ++k)
+    EXPECT_EQ(texts[std::size_t(k)], "a text that is too long for its object " + std::to_string(k));
+}
+
+TEST(ReserveOnLargePages, RefusesWhatNoVectorCanHoldAsAnyReserve) {
+  std::vector<std::string> texts;
+  EXPECT_THROW(reserveOnLargePages(texts, texts.max_size() + 1), std::length_error);
+  EXPECT_THROW(reserveOnLargePages(texts, std::numeric_limits<std::size_t>::max()), std::length_error);
+}
+
+long pageFaults() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_minflt;
+}
+
+// The first large page too, where the allocator has written before the advice comes.
+TEST(ReserveOnLargePages, TakesFourPageFaultsForEightMiB) {
+  if (test::kSanitized) GTEST_SKIP() << "a sanitizer's allocator puts memory elsewhere";
+  // As in a fresh process, where a long vector has a mapping of its own.
+  malloc_trim(0);
+  mallopt(M_MMAP_THRESHOLD, int(kMiB));
+  std::vector<char> bytes;
+  reserveOnLargePages(bytes, 7 * kMiB);
+  if (reinterpret_cast<std::size_t>(bytes.data()) % (2 * kMiB) >= 4096) {
+    GTEST_SKIP() << "this system does not put memory of whole large pages where they can lie";
+  }
+  const long before = pageFaults();
+  bytes.resize(bytes.capacity(), 'x');
+  const long taken = pageFaults() - before;
+  if (taken > 3 * 512) GTEST_SKIP() << "this system gives out no large pages";
+  EXPECT_LT(taken, 512);
+}
+
+}  // namespace
+}  // namespace zel
