@@ -16,6 +16,7 @@
 #include <emmintrin.h>
 #endif
 
+#include "container/bytes.h"
 #include "container/page_advice.h"
 #include "container/status.h"
 #include "hf/json.h"
@@ -106,6 +107,7 @@ class Parser {
   static const char* endOfPlainRun(const char* p, const char* end) noexcept;
   void assignRun(std::string& out, const char* run, std::size_t size) const;
   bool shortInteger(std::int64_t& out) noexcept;
+  static bool fewDigits(const char*& p, std::int64_t& integer) noexcept;
   bool wholeNumberToken(double& out);
   template <class Out>
   bool stringRest(const char* run, const char* at, Out& out);
@@ -142,13 +144,36 @@ inline bool Parser::shortInteger(std::int64_t& out) noexcept {
   constexpr std::ptrdiff_t kExactDigits = 15;
   const char* p = pos_;
   std::int64_t integer = 0;
-  while (p != end_ && isDigit(*p)) {
-    if (p - pos_ == kExactDigits) return false;
-    integer = integer * 10 + (*p++ - '0');
+  if (end_ - p < 8 || !fewDigits(p, integer)) {
+    while (p != end_ && isDigit(*p)) {
+      if (p - pos_ == kExactDigits) return false;
+      integer = integer * 10 + (*p++ - '0');
+    }
   }
   if (p == pos_ || (p != end_ && (*p == '.' || *p == 'e' || *p == 'E'))) return false;
   out = integer;
   pos_ = p;
+  return true;
+}
+
+// Up to 7 digits at once, and `p` moved behind them; false for more. Eight bytes can be read. A loop takes a
+// branch for each digit and mispredicts the last.
+inline bool Parser::fewDigits(const char*& p, std::int64_t& integer) noexcept {
+  constexpr std::uint64_t kEach = 0x0101010101010101;
+  const std::uint64_t values = loadU64(p) ^ kEach * '0';
+  // The high bit of every byte from the first on that is above 9; a carry only reaches bytes behind it.
+  const std::uint64_t others = ((values + kEach * (0x80 - 10)) | values) & kEach * 0x80;
+  if (others == 0) return false;
+  const unsigned digits = unsigned(__builtin_ctzll(others)) / 8;
+  if (digits == 0) return true;
+  // The first digit is the lowest byte: with zeros before it, pairs, fours and eights are put together.
+  const std::uint64_t bytes = values << (64 - 8 * digits);
+  const std::uint64_t pairs = bytes * 10 + (bytes >> 8);
+  constexpr std::uint64_t kPairs = 0x000000FF000000FF;
+  const std::uint64_t high = (pairs & kPairs) * (100 + (std::uint64_t{1'000'000} << 32));
+  const std::uint64_t low = (pairs >> 16 & kPairs) * (1 + (std::uint64_t{10'000} << 32));
+  integer = std::int64_t((high + low) >> 32);
+  p += digits;
   return true;
 }
 

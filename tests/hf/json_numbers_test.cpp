@@ -46,6 +46,56 @@ TEST(JsonNumber, HasTheNearestDoublesValue) {
   EXPECT_EQ(number("1e-05"), 0x1.4f8b588e368f1p-17);
 }
 
+// Up to seven digits are read at once where eight bytes are left, more and the last ones of a text singly.
+TEST(JsonNumber, HasEveryCountOfDigits) {
+  struct Row {
+    const char* text;
+    double value;
+  };
+  constexpr Row kRows[] = {
+      {"9", 9},
+      {"98", 98},
+      {"987", 987},
+      {"9876", 9876},
+      {"98765", 98765},
+      {"987654", 987654},
+      {"9876543", 9876543},
+      {"98765432", 98765432},
+      {"987654321", 987654321},
+      {"9876543210", 9876543210.0},
+      {"98765432109876", 98765432109876.0},
+      {"987654321098765", 987654321098765.0},
+      {"9876543210987654", 9876543210987654.0},
+      {"0000000", 0},
+      {"0100000", 100000},
+      {"0000001", 1},
+  };
+  for (const Row& row : kRows) {
+    EXPECT_EQ(number(row.text), row.value);
+    for (const char* behind : {" ", "\n", "\t\r", "       ", "        ", "               "}) {
+      EXPECT_EQ(number(row.text + std::string(behind)), row.value) << row.text;
+    }
+    json::Value list;
+    EXPECT_THAT(parseJson("[" + std::string(row.text) + "," + row.text + "]          ", list), IsOk());
+    ASSERT_EQ(list.items.size(), 2U);
+    EXPECT_EQ(list.items[0].number, row.value);
+    EXPECT_EQ(list.items[1].number, row.value);
+  }
+}
+
+// The bytes next to the digits of ASCII among them, '/' and ':'.
+TEST(JsonNumber, EndsBeforeEveryByteThatIsNoPartOfOne) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const char c = char(byte);
+    if (std::string("0123456789.eE ,]\t\n\r").find(c) != std::string::npos) continue;
+    for (const char* digits : {"7", "1234", "7654321"}) {
+      json::Value list;
+      const std::string text = "[" + std::string(digits) + c + std::string(8, ' ') + "]";
+      EXPECT_THAT(parseJson(text, list), StatusIs(Code::InvalidFormat, "json: comma")) << text;
+    }
+  }
+}
+
 TEST(JsonNumber, ReadsLeadingZerosAsNothing) {
   EXPECT_EQ(number("007"), 7.0);
   EXPECT_EQ(number("-012"), -12.0);
