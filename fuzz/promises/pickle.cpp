@@ -19,9 +19,9 @@ void promiseSame(const PickleValue& actual, const PlainPickle& expected) {
   std::size_t items = expected.items.size();
   std::size_t pairs = expected.values.size();
   for (const PickleCell* cell = actual.children(); cell != nullptr; cell = cell->previous) {
-    if (cell->isPair) {
+    if (cell->key != nullptr) {
       promise(pairs-- > 0, "no more pairs than the reference");
-      promise(cell->key == expected.keys[pairs], "keys are the reference's");
+      promise(cell->key->s == expected.keys[pairs], "keys are the reference's");
       promiseSame(cell->value, expected.values[pairs]);
     } else {
       promise(items-- > 0, "no more items than the reference");

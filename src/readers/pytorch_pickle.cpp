@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "container/bytes.h"
+#include "container/page_advice.h"
 #include "readers/pytorch_importer.h"
 
 namespace zel {
@@ -33,20 +34,38 @@ class Arena {
  public:
   template <class... Args>
   const T* make(Args&&... args) {
-    if (size_ == blocks_.size() * kBlock) blocks_.push_back(std::make_unique<T[]>(kBlock));
-    T& slot = blocks_[size_ / kBlock][size_ % kBlock];
-    slot = T{std::forward<Args>(args)...};
+    if (blocks_.empty() || blocks_[last_].size() == blocks_[last_].capacity()) addBlock();
+    blocks_[last_].push_back(T{std::forward<Args>(args)...});
     ++size_;
-    return &slot;
+    return &blocks_[last_].back();
   }
 
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
   // Gives up all but the first `size` objects; their memory is used again.
-  void rewind(std::size_t size) noexcept { size_ = std::min(size_, size); }
+  void rewind(std::size_t size) noexcept {
+    while (size_ > size) {
+      std::vector<T>& block = blocks_[last_];
+      const std::size_t given = std::min(size_ - size, block.size());
+      block.erase(block.end() - std::ptrdiff_t(given), block.end());
+      size_ -= given;
+      if (block.empty() && last_ > 0) --last_;
+    }
+  }
 
  private:
-  static constexpr std::size_t kBlock = 512;
-  std::vector<std::unique_ptr<T[]>> blocks_;
+  // Small programs take little, and large ones large pages.
+  void addBlock() {
+    constexpr std::size_t kFirst = 512;
+    constexpr std::size_t kMost = (8 << 20) / sizeof(T);
+    if (!blocks_.empty() && ++last_ < blocks_.size()) return;
+    last_ = blocks_.size();
+    std::vector<T> block;
+    reserveOnLargePages(block, blocks_.empty() ? kFirst : std::min(2 * blocks_.back().capacity(), kMost));
+    blocks_.push_back(std::move(block));
+  }
+
+  std::vector<std::vector<T>> blocks_;  // full before last_, empty behind it
+  std::size_t last_ = 0;
   std::size_t size_ = 0;
 };
 
@@ -82,6 +101,10 @@ class PickleValue {
   [[nodiscard]] bool is(PickleKind kind) const noexcept { return kind_ == kind; }
   [[nodiscard]] std::int64_t i() const noexcept { return is(PickleKind::Float) ? 0 : std::int64_t(bits_); }
   [[nodiscard]] double f() const noexcept { return is(PickleKind::Float) ? std::bit_cast<double>(bits_) : 0; }
+  [[nodiscard]] const PickleTexts& texts() const noexcept {
+    static constexpr PickleTexts kNoTexts{};
+    return texts_ != nullptr ? *texts_ : kNoTexts;
+  }
   [[nodiscard]] std::string_view s() const noexcept { return texts().s; }
   [[nodiscard]] std::string_view module() const noexcept { return texts().module; }
   [[nodiscard]] std::string_view name() const noexcept { return texts().name; }
@@ -103,11 +126,6 @@ class PickleValue {
  private:
   PickleValue(PickleKind kind, std::uint64_t bits) noexcept : kind_(kind), bits_(bits) {}
 
-  [[nodiscard]] const PickleTexts& texts() const noexcept {
-    static constexpr PickleTexts kNoTexts{};
-    return texts_ != nullptr ? *texts_ : kNoTexts;
-  }
-
   PickleKind kind_ = PickleKind::None;
   std::uint64_t bits_ = 0;  // the integer, or the bits of the float
   const PickleTexts* texts_ = nullptr;
@@ -120,8 +138,7 @@ struct PickleCell {
   const PickleCell* previous = nullptr;
   const PickleCell* early = nullptr;  // the cell of position min(position, 4): the first four are near
   std::uint64_t position = 0;         // counted from 1
-  bool isPair = false;
-  std::string_view key;
+  const PickleTexts* key = nullptr;   // of a pair; items have none
   PickleValue value;
 };
 
@@ -141,7 +158,7 @@ const PickleValue& PickleValue::item(std::uint64_t k) const noexcept {
 std::vector<std::pair<std::string_view, PickleValue>> PickleValue::dict() const {
   std::vector<std::pair<std::string_view, PickleValue>> out;
   for (const PickleCell* cell = children_; cell != nullptr; cell = cell->previous) {
-    if (cell->isPair) out.emplace_back(cell->key, cell->value);
+    if (cell->key != nullptr) out.emplace_back(cell->key->s, cell->value);
   }
   std::reverse(out.begin(), out.end());
   return out;
@@ -204,7 +221,7 @@ class PickleVM {
   bool pushMemo4();
 
   const PickleCell* grow(const PickleCell* list, const PickleValue& item);
-  const PickleCell* growPair(const PickleCell* list, std::string_view key, const PickleValue& value);
+  const PickleCell* growPair(const PickleCell* list, const PickleValue& key, const PickleValue& value);
   std::size_t collectMark(std::vector<PickleValue>& out);
   const PickleCell* listOf(const PickleValue* first, std::size_t count);
   bool markedTuple();
@@ -457,11 +474,13 @@ const PickleCell* PickleVM::grow(const PickleCell* list, const PickleValue& item
   const PickleCell* early = position <= kEarlyItems       ? nullptr
                             : position == kEarlyItems + 1 ? list
                                                           : list->early;
-  return cells_.make(list, early, position, false, std::string_view(), item);
+  return cells_.make(list, early, position, nullptr, item);
 }
 
-const PickleCell* PickleVM::growPair(const PickleCell* list, std::string_view key, const PickleValue& value) {
-  return cells_.make(list, nullptr, list == nullptr ? 1 : list->position + 1, true, key, value);
+// The key is a Str.
+const PickleCell* PickleVM::growPair(const PickleCell* list, const PickleValue& key,
+                                     const PickleValue& value) {
+  return cells_.make(list, nullptr, list == nullptr ? 1 : list->position + 1, &key.texts(), value);
 }
 
 // Takes the values above the topmost mark, and the mark, off the stack. Without a mark it takes nothing:
@@ -493,7 +512,7 @@ bool PickleVM::markedDict() {
   const PickleCell* pairs = nullptr;
   for (std::size_t k = 0; k < collected_.size(); k += 2) {
     if (!collected_[k].is(PickleKind::Str)) return reject("non-string dict key");
-    pairs = growPair(pairs, collected_[k].s(), collected_[k + 1]);
+    pairs = growPair(pairs, collected_[k], collected_[k + 1]);
   }
   return push(PickleValue::list(PickleKind::Dict, pairs));
 }
@@ -530,7 +549,7 @@ bool PickleVM::setItem() {
   PickleValue& dict = stack_.back();
   if (!dict.is(PickleKind::Dict)) return fail("setitem on non-dict");
   if (!key.is(PickleKind::Str)) return reject("non-string dict key");
-  dict.setChildren(growPair(dict.children(), key.s(), value));
+  dict.setChildren(growPair(dict.children(), key, value));
   return true;
 }
 

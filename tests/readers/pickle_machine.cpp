@@ -63,8 +63,8 @@ static PlainValue plain(const PickleValue& value) {
   out.module = value.module();
   out.name = value.name();
   for (const PickleCell* cell = value.children(); cell != nullptr; cell = cell->previous) {
-    if (cell->isPair) {
-      out.dict.push_back({std::string(cell->key), plain(cell->value)});
+    if (cell->key != nullptr) {
+      out.dict.push_back({std::string(cell->key->s), plain(cell->value)});
     } else {
       out.items.push_back(plain(cell->value));
     }

@@ -474,6 +474,24 @@ TEST(PickleReference, AgreesOnLongProgramsThatDropWhatTheyMake) {
   EXPECT_EQ(accepted, kStreams);
 }
 
+// Values in more than one block of memory, some of which the memo keeps while the others are dropped.
+TEST(PickleReference, AgreesOnThousandsOfValuesDroppedAndMadeAgain) {
+  PickleBuilder program;
+  for (const char* round : {"first ", "second ", "third "}) {
+    for (const int count : {511, 512, 513, 1023, 1024, 1025, 3000}) {
+      program.op(Op::EMPTY_LIST);
+      for (int k = 0; k < count; ++k)
+        program.binunicode(round + std::to_string(k)).op(Op::TUPLE1).op(Op::APPEND);
+      if (count == 513 && *round == 'f') program.op(Op::MEMOIZE);
+      program.op(Op::POP);
+    }
+    program.op(Op::EMPTY_DICT).binunicode(round).binget(0).op(Op::SETITEM);
+  }
+  std::size_t accepted = 0;
+  expectSame(program.stop(), accepted);
+  EXPECT_EQ(accepted, 1u);
+}
+
 // Copies that share, are changed, and must not change each other.
 TEST(PickleReference, AgreesOnForksOfOneMemo) {
   PickleBuilder program;
