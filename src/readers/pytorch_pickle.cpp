@@ -56,12 +56,15 @@ class Arena {
   // Small programs take little, and large ones large pages.
   void addBlock() {
     constexpr std::size_t kFirst = 512;
-    constexpr std::size_t kMost = (8 << 20) / sizeof(T);
-    if (!blocks_.empty() && ++last_ < blocks_.size()) return;
-    last_ = blocks_.size();
+    constexpr std::size_t kMost = (7 << 20) / sizeof(T);  // four large pages with what the allocator keeps
+    if (last_ + 1 < blocks_.size()) {
+      ++last_;
+      return;
+    }
     std::vector<T> block;
     reserveOnLargePages(block, blocks_.empty() ? kFirst : std::min(2 * blocks_.back().capacity(), kMost));
     blocks_.push_back(std::move(block));
+    last_ = blocks_.size() - 1;
   }
 
   std::vector<std::vector<T>> blocks_;  // full before last_, empty behind it
