@@ -36,6 +36,8 @@ class Watched:
 
 def require_tools(quick):
     """Ends the program where a tool is missing. A quick pass, which is a test, counts as skipped then."""
+    if not os.path.exists(f"/proc/self/task/{os.getpid()}/children"):
+        sys.exit("measure: this kernel does not tell the children of a process (CONFIG_PROC_CHILDREN)")
     missing = [package for tool, package in PACKAGES.items() if not shutil.which(tool)]
     if not missing:
         return

@@ -1,6 +1,7 @@
 """Copies the tensors of a model to one file, with pread and write of 256 KB; prints the seconds it took.
 
-read_write_loop.py OUT PLAN: the order is that of PLAN, what `okv2 plan --json` says of the model.
+read_write_loop.py OUT PLAN: the order is that of PLAN, what `okv2 plan --json` says of the model. The headers
+of the shards are read before the clock starts.
 """
 
 import json
@@ -33,7 +34,8 @@ target = os.open(sys.argv[1], os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o666)
 for source, offset, left in tensors:
     while left > 0:
         piece = os.pread(source, min(left, PIECE), offset)
-        os.write(target, piece)
+        if not piece or os.write(target, piece) != len(piece):
+            sys.exit("read_write_loop: the source is too short or the disk is full")
         offset += len(piece)
         left -= len(piece)
 os.close(target)
