@@ -39,14 +39,14 @@ void preferLargePages([[maybe_unused]] const void* data, [[maybe_unused]] std::s
 #ifdef MADV_HUGEPAGE
   constexpr int kCollapse = 25;  // MADV_COLLAPSE, which came with Linux 6.1 and is missing in older headers
   if (size < kLargePageBytes / 2) return;
-  // Whole pages around the range: what the allocator keeps before it would cost the first large page.
   const auto begin = reinterpret_cast<std::uintptr_t>(data);
   const std::uintptr_t first = begin & ~pageMask();
+  if (first % kLargePageBytes != 0) return adviseInside(data, size, MADV_HUGEPAGE);
+  // A mapping of its own. What the allocator keeps before the range would cost the first large page, and has
+  // been written already, so that this page is begun as a small one.
   const std::uintptr_t last = (begin + size + pageMask()) & ~pageMask();
   (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-  // The allocator has written there already, so that the first large page is begun as a small one.
-  if (first % kLargePageBytes == 0)
-    (void)::madvise(reinterpret_cast<void*>(first), kLargePageBytes, kCollapse);
+  (void)::madvise(reinterpret_cast<void*>(first), kLargePageBytes, kCollapse);
 #endif
 }
 

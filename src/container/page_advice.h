@@ -17,12 +17,13 @@ void populatePages(const void* data, std::size_t size) noexcept;
 void releasePages(const void* data, std::size_t size) noexcept;
 
 // Asks for large pages under memory of this process that is about to be filled from its start to near its
-// end: a fault for each 4 KB would cost more than what is put there.
+// end: a fault for each 4 KB would cost more than what is put there. The first large page may be there, with
+// all of its 2 MB, when this returns.
 void preferLargePages(const void* data, std::size_t size) noexcept;
 
 // As many bytes as fit into the large pages that `size` bytes need, beside what an allocator keeps with them;
-// `size` itself where that is little. Linux puts memory of whole large pages where such pages can lie, and
-// other memory anywhere, with up to 4 MB of small pages around the large ones.
+// `size` itself where that is less than half of one. Linux puts a mapping of whole large pages where they can
+// lie, and any other where up to 2 MB at either end must be of small pages.
 std::size_t fillLargePages(std::size_t size) noexcept;
 
 // Reserves room for at least `count` elements that are about to be filled in.

@@ -299,13 +299,20 @@ T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t byt
   constexpr std::size_t kFirst = 4;
   constexpr std::size_t kLong = 1024;
   constexpr std::size_t kMaxFactor = 8;
+  constexpr std::size_t kLargeBytes = 1 << 20;
   const std::size_t size = out.size();
   if (size != out.capacity()) return out.emplace_back();
   if (size >= kLong) {
     const std::size_t bytesEach = (bytesBefore - bytesLeft) / size;
     const std::size_t estimate = size + bytesLeft / std::max<std::size_t>(bytesEach, 1) + 1;
     const std::size_t most = std::max(kMaxFactor * size, atOnceBytes / sizeof(T));
-    reserveOnLargePages(out, std::clamp(estimate, 2 * size, most));
+    const std::size_t count = std::clamp(estimate, 2 * size, most);
+    // A large page is filled at once, so a text of many lists must have filled as much to get one.
+    if (atOnceBytes > 0 || size * sizeof(T) >= kLargeBytes) {
+      reserveOnLargePages(out, count);
+    } else {
+      out.reserve(count);
+    }
   } else {
     out.reserve(std::max(kFirst, 2 * size));
   }

@@ -133,6 +133,30 @@ TEST_F(AmplifyingInputs, AConfigOfManyLongListsIsImported) {
   EXPECT_EQ(result.text, "0  | 0 llama");
 }
 
+// 500 KB of objects that are just long enough for it: 13 MB of members, and not a large page for each object.
+TEST_F(AmplifyingInputs, AConfigOfManyLongObjectsTakesMemoryForWhatItHolds) {
+  std::string object = R"({"":0)";
+  for (int k = 0; k < 1024; ++k)
+    object += R"(,"":0)";
+  object += "}";
+  std::string config = R"({"model_type":"llama","x":[)" + object;
+  for (int k = 1; k < 100; ++k)
+    config += "," + object;
+  const std::string dir = ModelDirBuilder().config(config + "]}").write(temp_);
+  (void)test::importer();
+  const test::ChildResult result = test::inChild([&] {
+    rusage before{};
+    rusage after{};
+    getrusage(RUSAGE_SELF, &before);
+    const test::InspectAnswer inspect = test::inspectDir(dir);
+    getrusage(RUSAGE_SELF, &after);
+    const long kilobytes = after.ru_maxrss - before.ru_maxrss;
+    return inspect.architecture +
+           (kilobytes < 64 * 1024 ? " within 64 MiB" : " took " + std::to_string(kilobytes) + " KB");
+  });
+  EXPECT_EQ(result.text, "llama within 64 MiB");
+}
+
 // The limit is no obstacle to an honest model.
 TEST_F(AmplifyingInputs, AnOrdinaryModelIsImportedUnderTheSameLimit) {
   const test::ChildResult result =
