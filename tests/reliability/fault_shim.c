@@ -15,8 +15,9 @@
 #include <unistd.h>
 
 const char* const kFaultCallNames[FAULT_CALLS] = {
-    "open",      "fstat",  "stat",  "read",  "mmap",  "munmap", "madvise", "opendir", "readdir", "closedir",
-    "ftruncate", "writev", "write", "lseek", "close", "fread",  "fseeko",  "pipe2",   "fcntl",   "fallocate", "splice"};
+    "open",    "fstat",   "stat",     "read",      "mmap",   "munmap",    "madvise",
+    "opendir", "readdir", "closedir", "ftruncate", "writev", "write",     "lseek",
+    "close",   "fread",   "fseeko",   "pipe2",     "fcntl",  "fallocate", "splice"};
 
 static _Thread_local bool armed;
 static _Thread_local struct FaultPlan plan;
