@@ -256,6 +256,15 @@ SeedSet tokenizerJsonSeeds() {
           {"with_odd_config",
            withConfig(kTokenizer,
                       R"({"bos_token_id":"1","eos_token_id":[],"unk_token_id":1.5,"chat_template":[]})")},
+          {"long_lists",
+           R"({"model":{"vocab":{"a":0,"b":1,"c":2,"d":3,"e":4,"f":5,"g":6,"h":7,"i":8,"a longer token":9,"k":10},)"
+           R"("merges":["a b","c d","e f","g h","a longer token i","b a","d c","f e","h g","i k","k i"]},)"
+           R"("version":"what is behind the lists, longer than what is read at once"})"},
+          {"long_lists_indented",
+           "{\n  \"model\": {\n    \"vocab\": {\n      \"a\": 0,\n      \"b\": 1,\n      \"c\": 2,\n      "
+           "\"d\": 3\n    },\n"
+           "    \"merges\": [\n      \"a b\",\n      \"c d\",\n      \"a d\",\n      \"d a\"\n    ]\n  },\n"
+           "  \"version\": \"what is behind the lists, longer than what is read at once\"\n}\n"},
           {"unordered_ids", R"({"model":{"vocab":{"a":2,"b":0,"c":1}}})"},
           {"repeated_id", R"({"model":{"vocab":{"a":0,"b":1,"c":1}}})"},
           {"gap", R"({"model":{"vocab":{"a":1,"b":2}}})"},

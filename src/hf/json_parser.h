@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #ifdef __SSE2__
@@ -61,6 +62,19 @@ class Parser {
   template <class OnElement>
   bool elements(OnElement&& element);
 
+  // The common kinds of a long list, which are most of a tokenizer.json, faster. Where the next value is a
+  // string, or the next key is to be read: consumes elements that are strings without an escape,
+  // or members whose value is a whole number of up to seven digits, and calls onElement(std::string_view
+  // text, std::size_t left) or onMember(std::string_view key, std::size_t left, std::int64_t value) for each;
+  // `left` are the bytes that were not yet read when it began. Stops before whatever is of another kind,
+  // before the last of the list, and at the end of the text, each to be read in the general way: again a
+  // string is next. From the start of each text kShortText bytes can be read.
+  static constexpr std::size_t kShortText = 15;  // what std::string holds without an allocation
+  template <class OnElement>
+  void plainElements(OnElement&& onElement);
+  template <class OnMember>
+  void plainMembers(OnMember&& onMember);
+
   // Nothing but whitespace may be left.
   bool finish();
 
@@ -75,10 +89,12 @@ class Parser {
     error_ = text;
     return false;
   }
-  void skipSpace() noexcept {
+  void skipSpace() noexcept { pos_ = behindSpace(pos_, end_); }
+  static const char* behindSpace(const char* p, const char* end) noexcept {
     // Most values follow without a space: one comparison tells.
-    while (pos_ != end_ && static_cast<unsigned char>(*pos_) <= ' ' && isSpace(*pos_))
-      ++pos_;
+    while (p != end && static_cast<unsigned char>(*p) <= ' ' && isSpace(*p))
+      ++p;
+    return p;
   }
   static bool isSpace(char c) noexcept { return c == ' ' || c == '\n' || c == '\r' || c == '\t'; }
   static bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
@@ -109,6 +125,10 @@ class Parser {
   bool shortInteger(std::int64_t& out) noexcept;
   static bool fewDigits(const char*& p, std::int64_t& integer) noexcept;
   bool wholeNumberToken(double& out);
+  template <class ReadBehind, class OnText>
+  void plainTexts(ReadBehind&& readBehind, OnText&& onText);
+  template <class ReadBehind, class OnText>
+  std::size_t runOfPlainTexts(ReadBehind& readBehind, OnText& onText);
   template <class Out>
   bool stringRest(const char* run, const char* at, Out& out);
   bool escape(const char*& at, char*& out);
@@ -117,6 +137,7 @@ class Parser {
   const char* pos_;
   const char* end_;
   const char* error_ = nullptr;  // static text
+  unsigned plainPause_ = 0;      // texts that plainTexts() leaves to the general way
 };
 
 inline bool Parser::peek(Kind& kind, std::size_t depth) {
@@ -198,23 +219,43 @@ inline bool Parser::integer(std::optional<std::int64_t>& out) {
   return true;
 }
 
-// The first byte at or after `p` that ends a run of plain string bytes: a quote, a backslash or a control
-// byte below 0x20. Sixteen bytes at a time where the processor has them in one register, since most strings
-// then end in the first step and the branch behind it is easy to predict.
-inline const char* Parser::endOfPlainRun(const char* p, const char* end) noexcept {
+inline bool endsRun(char c) noexcept { return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20; }
+
+inline std::uint64_t endsOfRuns16ByteByByte(const char* p) noexcept {
+  std::uint64_t ends = 0;
+  for (unsigned k = 0; k < 16; ++k)
+    ends |= std::uint64_t(endsRun(p[k])) << k;
+  return ends;
+}
+
+// A bit for each of 16 bytes: whether it ends a run of plain string bytes, as a quote, a backslash or a
+// control byte below 0x20.
+inline std::uint64_t endsOfRuns16(const char* p) noexcept {
 #ifdef __SSE2__
   const __m128i quote = _mm_set1_epi8('"');
   const __m128i backslash = _mm_set1_epi8('\\');
   const __m128i control = _mm_set1_epi8(0x1F);
-  for (; end - p >= 16; p += 16) {
-    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    const __m128i isControl = _mm_cmpeq_epi8(_mm_min_epu8(bytes, control), bytes);
-    const __m128i special = _mm_or_si128(_mm_cmpeq_epi8(bytes, quote), _mm_cmpeq_epi8(bytes, backslash));
-    const int hit = _mm_movemask_epi8(_mm_or_si128(special, isControl));
-    if (hit != 0) return p + __builtin_ctz(unsigned(hit));
-  }
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+  const __m128i isControl = _mm_cmpeq_epi8(_mm_min_epu8(bytes, control), bytes);
+  const __m128i special = _mm_or_si128(_mm_cmpeq_epi8(bytes, quote), _mm_cmpeq_epi8(bytes, backslash));
+  return unsigned(_mm_movemask_epi8(_mm_or_si128(special, isControl)));
+#else
+  return endsOfRuns16ByteByByte(p);
 #endif
-  while (p != end && *p != '"' && *p != '\\' && static_cast<unsigned char>(*p) >= 0x20)
+}
+
+inline std::uint64_t endsOfRuns64(const char* p) noexcept {
+  return endsOfRuns16(p) | endsOfRuns16(p + 16) << 16 | endsOfRuns16(p + 32) << 32 |
+         endsOfRuns16(p + 48) << 48;
+}
+
+// The first byte at or after `p` that ends a run of plain string bytes. Sixteen bytes at a time, since most
+// strings then end in the first step and the branch behind it is easy to predict.
+inline const char* Parser::endOfPlainRun(const char* p, const char* end) noexcept {
+  for (; end - p >= 16; p += 16) {
+    if (const std::uint64_t ends = endsOfRuns16(p); ends != 0) return p + __builtin_ctzll(ends);
+  }
+  while (p != end && !endsRun(*p))
     ++p;
   return p;
 }
@@ -222,9 +263,8 @@ inline const char* Parser::endOfPlainRun(const char* p, const char* end) noexcep
 // Replaces `out`. A copy of known size is two moves; one of unknown size is a call and branches on the size
 // that are hard to predict. So short texts are copied with what follows them, and cut.
 inline void Parser::assignRun(std::string& out, const char* run, std::size_t size) const {
-  constexpr std::size_t kShort = 15;  // what std::string holds without an allocation
-  if (size <= kShort && std::size_t(end_ - run) >= kShort) {
-    out.assign(run, kShort);
+  if (size <= kShortText && std::size_t(end_ - run) >= kShortText) {
+    out.assign(run, kShortText);
     out.resize(size);
   } else {
     out.assign(run, size);
@@ -255,6 +295,70 @@ inline bool Parser::stringView(std::string_view& out, std::string& scratch) {
   if (!stringRest(run, at, scratch)) return false;
   out = scratch;
   return true;
+}
+
+// Finds the quotes of 64 bytes at once: to look for each behind the one before would wait for its place every
+// time. Returns how many texts it has read. `readBehind` consumes what stands between the closing quote and
+// the comma, and tells whether it could; it may read 16 bytes.
+template <class ReadBehind, class OnText>
+std::size_t Parser::runOfPlainTexts(ReadBehind& readBehind, OnText& onText) {
+  constexpr std::ptrdiff_t kBlock = 64;
+  // Locals: what `onText` writes might change the members, for all that the compiler knows.
+  const char* const end = end_;
+  const char* opening = pos_;
+  const char* block = opening;
+  if (end - block < kBlock) return 0;
+  std::uint64_t ends = endsOfRuns64(block);
+  for (std::size_t count = 0;; ++count) {
+    const char* const run = opening + 1;
+    const char* closing = run;
+    std::uint64_t ahead = closing - block < kBlock ? ends >> (closing - block) : 0;
+    while (ahead == 0) {
+      closing = std::max(block + kBlock, run);
+      if (end - closing < kBlock) return count;
+      block = closing;
+      ahead = ends = endsOfRuns64(block);
+    }
+    closing += __builtin_ctzll(ahead);
+    if (end - closing < kBlock || *closing != '"') return count;
+    const char* next = closing + 1;
+    if (!readBehind(next) || *next != ',') return count;
+    next = behindSpace(next + 1, end);
+    if (next == end || *next != '"') return count;
+    pos_ = opening = next;
+    onText(std::string_view(run, std::size_t(closing - run)), std::size_t(end - run));
+  }
+}
+
+// Where escapes are frequent, to look for plain texts behind each would cost more than they gain.
+template <class ReadBehind, class OnText>
+void Parser::plainTexts(ReadBehind&& readBehind, OnText&& onText) {
+  constexpr std::size_t kWorthwhile = 8;
+  constexpr unsigned kPause = 16;
+  if (plainPause_ != 0) {
+    --plainPause_;
+  } else if (runOfPlainTexts(readBehind, onText) < kWorthwhile) {
+    plainPause_ = kPause;
+  }
+}
+
+template <class OnElement>
+void Parser::plainElements(OnElement&& onElement) {
+  plainTexts([](const char*&) { return true; }, std::forward<OnElement>(onElement));
+}
+
+template <class OnMember>
+void Parser::plainMembers(OnMember&& onMember) {
+  std::int64_t value = 0;
+  plainTexts(
+      [&value](const char*& at) {
+        if (*at != ':') return false;
+        ++at;
+        if (*at == ' ') ++at;
+        const char* const digits = at;
+        return fewDigits(at, value) && at != digits;
+      },
+      [&](std::string_view key, std::size_t left) { onMember(key, left, value); });
 }
 
 template <class ReadKey, class OnMember>
@@ -289,19 +393,19 @@ bool Parser::elements(OnElement&& element) {
 // Room that a list may have at once when there is one of its kind in a file; what stays unused costs nothing.
 inline constexpr std::size_t kOneListBytes = 16 << 20;
 
-// Appends an element. A long vector grows by what its elements so far say about the rest of the input,
+// Room for one more element. A long vector grows by what its elements so far say about the rest of the input,
 // instead of by doubling: `bytesBefore` is what was left to read when the first element began. Never by more
 // than eight times at once or to `atOnceBytes`: a text of many lists cannot ask for much that it does not
 // fill.
 template <class T>
-T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
-                   std::size_t atOnceBytes = 0) {
+void reserveEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
+                      std::size_t atOnceBytes = 0) {
   constexpr std::size_t kFirst = 4;
   constexpr std::size_t kLong = 1024;
   constexpr std::size_t kMaxFactor = 8;
   constexpr std::size_t kLargeBytes = 1 << 20;
   const std::size_t size = out.size();
-  if (size != out.capacity()) return out.emplace_back();
+  if (size != out.capacity()) return;
   if (size >= kLong) {
     const std::size_t bytesEach = (bytesBefore - bytesLeft) / size;
     const std::size_t estimate = size + bytesLeft / std::max<std::size_t>(bytesEach, 1) + 1;
@@ -316,6 +420,12 @@ T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t byt
   } else {
     out.reserve(std::max(kFirst, 2 * size));
   }
+}
+
+template <class T>
+T& appendEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
+                   std::size_t atOnceBytes = 0) {
+  reserveEstimated(out, bytesBefore, bytesLeft, atOnceBytes);
   return out.emplace_back();
 }
 

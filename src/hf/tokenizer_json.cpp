@@ -14,6 +14,7 @@ using json::Kind;
 using json::detail::appendEstimated;
 using json::detail::kOneListBytes;
 using json::detail::Parser;
+using json::detail::reserveEstimated;
 
 constexpr std::int32_t kNormalToken = 1;
 constexpr std::int32_t kSpecialToken = 3;
@@ -48,6 +49,11 @@ class TokenizerJson {
   bool readRoot();
   bool readModel();
   bool readVocab();
+  // Of the last token.
+  void setId(std::int64_t id) {
+    if (!ids_.empty() || id != std::int64_t(tokens_.size() - 1)) setOddId(id);
+  }
+  void setOddId(std::int64_t id);
   bool readMerges();
   bool readAddedToken();
   bool readScore();
@@ -115,21 +121,40 @@ bool TokenizerJson::readModel() {
   });
 }
 
+// `left` as bytesLeft of reserveEstimated().
+void appendText(std::vector<std::string>& out, std::string_view text, std::size_t before, std::size_t left) {
+  reserveEstimated(out, before, left, kOneListBytes);
+  // A copy of known size, cut: see Parser::assignRun().
+  if (text.size() <= Parser::kShortText) {
+    out.emplace_back(text.data(), Parser::kShortText).resize(text.size());
+  } else {
+    out.emplace_back(text);
+  }
+}
+
 bool TokenizerJson::readVocab() {
   const std::size_t before = parser_.remaining();
   return parser_.members(
-      [&] { return parser_.string(appendEstimated(tokens_, before, parser_.remaining(), kOneListBytes)); },
+      [&] {
+        parser_.plainMembers([&](std::string_view token, std::size_t left, std::int64_t id) {
+          appendText(tokens_, token, before, left);
+          setId(id);
+        });
+        return parser_.string(appendEstimated(tokens_, before, parser_.remaining(), kOneListBytes));
+      },
       [this] {
         std::optional<std::int64_t> id;
         if (!readInteger(id, 3)) return false;
         if (!id || *id < 0) badId_ = true;
-        const std::size_t position = tokens_.size() - 1;
-        if (ids_.empty() && id == std::int64_t(position)) return true;
-        while (ids_.size() < position)
-          ids_.push_back(std::int64_t(ids_.size()));
-        ids_.push_back(id.value_or(-1));
+        setId(id.value_or(-1));
         return true;
       });
+}
+
+void TokenizerJson::setOddId(std::int64_t id) {
+  while (ids_.size() + 1 < tokens_.size())
+    ids_.push_back(std::int64_t(ids_.size()));
+  ids_.push_back(id);
 }
 
 bool TokenizerJson::readMerges() {
@@ -138,6 +163,8 @@ bool TokenizerJson::readMerges() {
     Kind kind;
     if (!parser_.peek(kind, 3)) return false;
     if (kind == Kind::String) {
+      parser_.plainElements(
+          [&](std::string_view text, std::size_t left) { appendText(mergeTexts_, text, before, left); });
       return parser_.string(appendEstimated(mergeTexts_, before, parser_.remaining(), kOneListBytes));
     }
     badMerge_ = true;  // the two-element form is refused on purpose

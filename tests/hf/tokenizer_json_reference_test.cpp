@@ -264,6 +264,31 @@ TEST(TokenizerJsonAgainstAReferenceReader, AgreesOnGeneratedAndDamagedFiles) {
   EXPECT_LT(accepted, 3600);
 }
 
+// Long lists are read in a way of their own, for as long as they are plain.
+TEST(TokenizerJsonAgainstAReferenceReader, AgreesWhereAnyByteOfALongListIsAnother) {
+  const std::string text =
+      R"({"model":{"vocab":{"a":0,"b":1,"a longer token than the others":2,)"
+      "\n  \"\xC3\xA9\": 3,\n  \"e\": 4,"
+      R"("f":5,"g":6,"h":7,"i":8,"j":9,"k":10,"l":11},"merges":["a b","b a","a longer token than the others a",)"
+      "\n  \"e f\",\n  \"f e\","
+      R"("g h","h g","i j","j i","k l","l k","a e"]},"version":"a text that is behind all of the others, )"
+      R"(so that the lists before it are far from the end"})";
+  expectAgreement(text, "{}");
+  ASSERT_THAT(test::tokenizerJson(text), test::IsOk());
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    for (const char byte :
+         {'"', '\\', '{', '}', '[', ']', ':', ',', '0', '9', '-', '.', 'e', 'x', ' ', '\n', '\x1F', '\xFF'}) {
+      std::string other = text;
+      other[at] = byte;
+      expectAgreement(other, "{}");
+      if (HasFatalFailure()) return;
+    }
+    expectAgreement(text.substr(0, at), "{}");
+    expectAgreement(std::string(text).erase(at, 1), "{}");
+    if (HasFatalFailure()) return;
+  }
+}
+
 TEST(TokenizerJsonAgainstAReferenceReader, MeetsEveryVerdict) {
   Generator generator(34);
   std::vector<std::string> messages;

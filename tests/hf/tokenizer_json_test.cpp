@@ -330,5 +330,21 @@ TEST(TokenizerJsonTruncation, IsBadJsonAtEveryByte) {
   }
 }
 
+// Around what a text holds without an allocation, and what is looked at in one step.
+TEST(TokenizerJson, TakesTextsOfAnyLengthFromLongLists) {
+  std::string vocab;
+  std::string merges;
+  std::vector<std::string> expected;
+  for (std::size_t k = 0; k < 150; ++k) {
+    expected.emplace_back(k, 'x');
+    vocab += (k == 0 ? "\"" : ",\"") + expected.back() + "\":" + std::to_string(k);
+    merges += (k == 0 ? "\"" : ",\"") + expected.back() + "\"";
+  }
+  const TokenizerData data =
+      goodTokenizerJson(R"({"model":{"vocab":{)" + vocab + R"(},"merges":[)" + merges + "]}}");
+  EXPECT_EQ(data.tokens, expected);
+  EXPECT_EQ(data.merges, expected);
+}
+
 }  // namespace
 }  // namespace zel
