@@ -107,16 +107,21 @@ class ByteReader {
 
 using ByteVector = std::vector<std::uint8_t>;
 
-// The low N bytes of `value`, little-endian, with one look at the capacity.
+// The low N bytes of `value`, little-endian.
+template <std::size_t N>
+void storeLittleEndian(std::uint8_t* out, std::uint64_t value) noexcept {
+  if constexpr (std::endian::native == std::endian::little) {
+    std::memcpy(out, &value, N);  // one store; a byte at a time makes whoever copies them wait
+  } else {
+    for (std::size_t n = 0; n < N; ++n)
+      out[n] = std::uint8_t(value >> (8 * n));
+  }
+}
+// The same with one look at the capacity.
 template <std::size_t N>
 void putLittleEndian(ByteVector& out, std::uint64_t value) {
   std::uint8_t bytes[N];
-  if constexpr (std::endian::native == std::endian::little) {
-    std::memcpy(bytes, &value, N);  // one store; a byte at a time makes whoever copies them wait
-  } else {
-    for (std::size_t n = 0; n < N; ++n)
-      bytes[n] = std::uint8_t(value >> (8 * n));
-  }
+  storeLittleEndian<N>(bytes, value);
   out.insert(out.end(), bytes, bytes + N);
 }
 

@@ -1,6 +1,7 @@
 #include "container/okv2_writer.h"
 
 #include <algorithm>
+#include <cstring>
 #include <functional>
 #include <utility>
 
@@ -23,50 +24,60 @@ bool validDescriptor(const char* name, std::uint16_t ndim, std::uint64_t size) {
   return name != nullptr && ndim >= 1 && ndim <= okv2::kMaxDims && size != 0;
 }
 
-TensorMeta describe(const char* name, std::uint16_t dtype, const std::uint64_t* dims, std::uint16_t ndim,
-                    std::uint64_t size) {
-  TensorMeta tensor;
-  tensor.name = name;
-  tensor.dtype = dtype;
-  tensor.ndim = ndim;
-  std::copy_n(dims, ndim, tensor.dims);
-  tensor.size = size;
-  return tensor;
-}
-
-void putZeros(ByteVector& out, std::size_t n) {
-  static constexpr std::uint8_t kZeros[okv2::kTensorNameBytes] = {};
-  out.insert(out.end(), kZeros, kZeros + n);
-}
-
 void putStrings(ByteVector& out, const std::vector<std::string>& strings) {
   putU32(out, std::uint32_t(strings.size()));
   for (const std::string& text : strings)
     putStr(out, text);
 }
 
+// One entry of a table: fields one behind the other, and zeros up to its end.
+template <std::size_t N>
+class TableEntry {
+ public:
+  void bytes(std::string_view text) noexcept {
+    std::memcpy(bytes_ + at_, text.data(), text.size());
+    at_ += text.size();
+  }
+  void u16(std::uint16_t value) noexcept { put<2>(value); }
+  void u32(std::uint32_t value) noexcept { put<4>(value); }
+  void u64(std::uint64_t value) noexcept { put<8>(value); }
+  void skipTo(std::size_t at) noexcept { at_ = at; }
+  void appendTo(ByteVector& out) const { out.insert(out.end(), bytes_, bytes_ + N); }
+
+ private:
+  template <std::size_t Bytes>
+  void put(std::uint64_t value) noexcept {
+    storeLittleEndian<Bytes>(bytes_ + at_, value);
+    at_ += Bytes;
+  }
+
+  std::uint8_t bytes_[N] = {};
+  std::size_t at_ = 0;
+};
+
 void putIndexEntry(ByteVector& out, const TensorMeta& tensor, std::uint64_t dataOffset) {
-  const std::size_t stored = std::min(tensor.name.size(), okv2::kTensorNameBytes - 1);
-  putBytes(out, std::string_view(tensor.name).substr(0, stored));
-  putZeros(out, okv2::kTensorNameBytes - stored);
-  putU16(out, std::uint16_t(tensor.name.size()));  // the length before cutting, modulo 65536
-  putU16(out, tensor.dtype);
-  putU16(out, tensor.ndim);
-  putU16(out, 0);
+  TableEntry<okv2::kTensorEntryBytes> entry;
+  entry.bytes(tensor.name.substr(0, okv2::kTensorNameBytes - 1));
+  entry.skipTo(okv2::kTensorNameBytes);
+  entry.u16(std::uint16_t(tensor.name.size()));  // the length before cutting, modulo 65536
+  entry.u16(tensor.dtype);
+  entry.u16(tensor.ndim);
+  entry.u16(0);
   for (const std::uint64_t extent : tensor.dims)
-    putU64(out, extent);
-  putU64(out, dataOffset);
-  putU64(out, tensor.size);
-  putU64(out, 0);
+    entry.u64(extent);
+  entry.u64(dataOffset);
+  entry.u64(tensor.size);
+  entry.appendTo(out);
 }
 
 void putLayoutEntry(ByteVector& out, std::uint16_t dtype, const BlockGeometry& geometry) {
-  putU16(out, dtype);
-  putU16(out, geometry.blockElements);
-  putU32(out, geometry.blockBytes);
+  TableEntry<okv2::kLayoutEntryBytes> entry;
+  entry.u16(dtype);
+  entry.u16(geometry.blockElements);
+  entry.u32(geometry.blockBytes);
   for (const std::uint32_t value : geometry.layout)
-    putU32(out, value);
-  putZeros(out, okv2::kLayoutEntryBytes - 20);
+    entry.u32(value);
+  entry.appendTo(out);
 }
 
 std::size_t paddingAfter(std::uint64_t size) { return std::size_t(okv2::align(size) - size); }
@@ -303,13 +314,24 @@ void OKV2Writer::reserveTensors(std::size_t count) {
   if (needed > tensors_.capacity()) reserveOnLargePages(tensors_, std::max(needed, 2 * tensors_.capacity()));
 }
 
+TensorMeta& OKV2Writer::addTensorMeta(const char* name, std::uint16_t dtype, const std::uint64_t* dims,
+                                      std::uint16_t ndim, std::uint64_t size) {
+  const std::string_view kept = names_.keep(name);
+  TensorMeta& tensor = tensors_.emplace_back();
+  tensor.name = kept;
+  tensor.dtype = dtype;
+  tensor.ndim = ndim;
+  std::copy_n(dims, ndim, tensor.dims);
+  tensor.size = size;
+  return tensor;
+}
+
 Status OKV2Writer::addTensor(const char* name, std::uint16_t dtype, const std::uint64_t* dims,
                              std::uint16_t ndim, const void* data, std::size_t size) {
   if (data == nullptr || !validDescriptor(name, ndim, size)) return failed("OKV2: bad tensor descriptor");
-  TensorMeta tensor = describe(name, dtype, dims, ndim, size);
   const auto* bytes = static_cast<const std::uint8_t*>(data);
-  tensor.owned.assign(bytes, bytes + size);
-  tensors_.push_back(std::move(tensor));
+  ByteVector owned(bytes, bytes + size);
+  addTensorMeta(name, dtype, dims, ndim, size).owned = std::move(owned);
   return {};
 }
 
@@ -317,10 +339,9 @@ Status OKV2Writer::addTensorFrom(std::FILE* file, const char* name, std::uint16_
                                  const std::uint64_t* dims, std::uint16_t ndim, std::uint64_t offset,
                                  std::uint64_t size) {
   if (file == nullptr || !validDescriptor(name, ndim, size)) return failed("OKV2: bad tensor source");
-  TensorMeta tensor = describe(name, dtype, dims, ndim, size);
+  TensorMeta& tensor = addTensorMeta(name, dtype, dims, ndim, size);
   tensor.file = file;
   tensor.fileOffset = offset;
-  tensors_.push_back(std::move(tensor));
   return {};
 }
 
@@ -329,9 +350,7 @@ Status OKV2Writer::addTensorFromMem(const void* data, const char* name, std::uin
   if (data == nullptr || !validDescriptor(name, ndim, size)) {
     return failed("OKV2: bad tensor memory source");
   }
-  TensorMeta tensor = describe(name, dtype, dims, ndim, size);
-  tensor.memory = data;
-  tensors_.push_back(std::move(tensor));
+  addTensorMeta(name, dtype, dims, ndim, size).memory = data;
   return {};
 }
 
@@ -389,7 +408,7 @@ void OKV2Writer::buildTokenizer(ByteVector& out) const {
 
 // Equal names stay in their order of addition, so that equal inputs give equal bytes.
 std::vector<std::uint32_t> OKV2Writer::tensorsByName() const {
-  return orderByName(tensors_.size(), [this](std::size_t k) { return std::string_view(tensors_[k].name); });
+  return orderByName(tensors_.size(), [this](std::size_t k) { return tensors_[k].name; });
 }
 
 void OKV2Writer::borrowMapping(std::string_view mapping, FileId file, std::string path) {

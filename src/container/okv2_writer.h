@@ -12,6 +12,7 @@
 #include "container/file_id.h"
 #include "container/okv2_format.h"
 #include "container/status.h"
+#include "container/text_arena.h"
 #include "container/tokenizer_data.h"
 
 namespace zel {
@@ -32,7 +33,7 @@ struct MetaItem {
 
 // One tensor and the one source of its data: `owned`, `memory` or `file`, tried in this order.
 struct TensorMeta {
-  std::string name;
+  std::string_view name;    // the writer keeps it
   std::uint16_t dtype = 0;  // DType value, checked only by write()
   std::uint16_t ndim = 0;   // 1 to 4
   std::uint64_t dims[okv2::kMaxDims] = {};
@@ -114,6 +115,8 @@ class OKV2Writer {
 
  private:
   MetaItem& addMeta(const char* key, okv2::MetaType type);
+  TensorMeta& addTensorMeta(const char* name, std::uint16_t dtype, const std::uint64_t* dims,
+                            std::uint16_t ndim, std::uint64_t size);
   Status buildMetadata(ByteVector& out) const;
   void buildTokenizer(ByteVector& out) const;
   // The size of the weights section.
@@ -130,6 +133,7 @@ class OKV2Writer {
   std::uint32_t vocabSize_ = 0;
   std::vector<MetaItem> meta_;
   std::vector<TensorMeta> tensors_;
+  TextArena names_;
   TokenizerData tokenizer_;
   ByteVector graph_;
   std::string chatTemplate_;
