@@ -36,11 +36,7 @@ void sortByWord(NameKey* keys, NameKey* scratch, std::size_t count) noexcept;
 template <class NameAt>
 class NameSorter {
  public:
-  NameSorter(std::size_t count, const NameAt& nameAt) : nameAt_(nameAt) {
-    reserveOnLargePages(keys_, count);
-    keys_.resize(count);
-    reserveOnLargePages(scratch_, count);
-    scratch_.resize(count);
+  NameSorter(std::size_t count, const NameAt& nameAt) : nameAt_(nameAt), keys_(count), scratch_(count) {
     for (std::size_t k = 0; k < count; ++k)
       keys_[k].position = std::uint32_t(k);
     sort(0, count, 0, 0);
@@ -115,8 +111,8 @@ class NameSorter {
   [[nodiscard]] std::string_view nameOf(std::size_t k) const { return nameAt_(keys_[k].position); }
 
   const NameAt& nameAt_;
-  std::vector<NameKey> keys_;
-  std::vector<NameKey> scratch_;
+  std::vector<NameKey, LargePageAllocator<NameKey>> keys_;
+  std::vector<NameKey, LargePageAllocator<NameKey>> scratch_;
 };
 
 }  // namespace detail

@@ -8,8 +8,6 @@
 namespace zel {
 namespace {
 
-constexpr std::size_t kLargePageBytes = 2 << 20;  // the smallest of the common processors
-
 std::uintptr_t pageMask() noexcept {
   static const std::uintptr_t mask = std::uintptr_t(::sysconf(_SC_PAGESIZE)) - 1;
   return mask;

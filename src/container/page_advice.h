@@ -3,9 +3,13 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
+#include <new>
 #include <vector>
 
 namespace zel {
+
+inline constexpr std::size_t kLargePageBytes = 2 << 20;  // the smallest of the common processors
 
 // Brings the pages of a borrowed piece in with one call instead of a fault each. For pieces of some 256 KB
 // just before they are written; whole tensors would push out of the cache what is about to be copied.
@@ -25,6 +29,32 @@ void preferLargePages(const void* data, std::size_t size) noexcept;
 // `size` itself where that is less than half of one. Linux puts a mapping of whole large pages where they can
 // lie, and any other where up to 2 MB at either end must be of small pages.
 std::size_t fillLargePages(std::size_t size) noexcept;
+
+// For arrays that are about to be filled: those of half a large page and more begin on one. Whatever the
+// allocator has at hand otherwise may be a place that whole large pages do not fit into.
+template <class T>
+struct LargePageAllocator {
+  using value_type = T;
+  LargePageAllocator() = default;
+  template <class U>
+  explicit LargePageAllocator(const LargePageAllocator<U>& /*other*/) noexcept {}
+
+  [[nodiscard]] T* allocate(std::size_t count) {
+    if (!isLong(count)) return std::allocator<T>().allocate(count);
+    const std::size_t size = (count * sizeof(T) + kLargePageBytes - 1) / kLargePageBytes * kLargePageBytes;
+    void* const data = ::operator new(size, std::align_val_t(kLargePageBytes));
+    preferLargePages(data, size);
+    return static_cast<T*>(data);
+  }
+  void deallocate(T* data, std::size_t count) noexcept {
+    if (!isLong(count)) return std::allocator<T>().deallocate(data, count);
+    ::operator delete(data, std::align_val_t(kLargePageBytes));
+  }
+  friend bool operator==(const LargePageAllocator&, const LargePageAllocator&) noexcept { return true; }
+
+ private:
+  static bool isLong(std::size_t count) noexcept { return count >= kLargePageBytes / 2 / sizeof(T); }
+};
 
 // Reserves room for at least `count` elements that are about to be filled in.
 template <class T>

@@ -117,6 +117,44 @@ TEST(NameOrder, OfNamesThatChangeMeanwhileIsSomePermutation) {
   }
 }
 
+// What the converter's names are in the order of a file's: near to their places.
+TEST(NameOrder, OfGroupsThatAreEachOutOfOrderIsThatOfAStableSort) {
+  for (const std::size_t groupSize : {2U, 4U, 9U, 10U, 60U}) {
+    Names names;
+    for (std::size_t k = 0; k < 3000; ++k) {
+      const std::size_t group = k / groupSize;
+      names.push_back("blk." + std::to_string(100'000 + group) + char('z' - (k % groupSize) / 2));
+    }
+    ASSERT_EQ(order(names), stableOrder(names)) << groupSize;
+  }
+}
+
+// Few names are far from their places, or one, or all are.
+TEST(NameOrder, OfNamesFarFromTheirPlacesIsThatOfAStableSort) {
+  for (const std::size_t count : {200U, 256U, 3000U}) {
+    Names inOrder;
+    for (std::size_t k = 0; k < count; ++k)
+      inOrder.push_back("layers." + std::to_string(10'000 + k / 2));
+    for (std::size_t from : {std::size_t{1}, count / 2, count - 1}) {
+      Names names = inOrder;
+      std::rotate(names.begin(), names.begin() + std::ptrdiff_t(from), names.end());
+      ASSERT_EQ(order(names), stableOrder(names)) << count << " from " << from;
+    }
+    Names names(inOrder.rbegin(), inOrder.rend());
+    ASSERT_EQ(order(names), stableOrder(names)) << count;
+  }
+}
+
+// To give up in the middle of moving a key must not lose it: 4 steps a key are spent at every place in turn.
+TEST(NameOrder, IsCompleteWhereverMovingNearbyEnds) {
+  for (std::size_t far = 1; far < 300; ++far) {
+    Names names;
+    for (std::size_t k = 0; k < 300; ++k)
+      names.push_back("layers." + std::to_string(10'000 + (k + far) % 300));
+    ASSERT_EQ(order(names), stableOrder(names)) << far;
+  }
+}
+
 TEST(NameOrder, OfNumberedLayersIsByDigits) {
   Names names;
   for (int layer = 0; layer < 1200; ++layer) {

@@ -110,5 +110,41 @@ TEST(ReserveOnLargePages, FillsNoLargePageBySmallOnes) {
   EXPECT_LT(pageFaultsOf([&] { bytes.resize(bytes.capacity(), 'x'); }), kSmallPagesInALargeOne);
 }
 
+using Bytes = std::vector<char, LargePageAllocator<char>>;
+
+TEST(LargePageAllocator, BeginsOnALargePageFromHalfOfOneOn) {
+  for (const std::size_t size : {kMiB, kMiB + 1, 2 * kMiB, 5 * kMiB}) {
+    std::vector<Bytes> several;  // one might lie there by chance
+    for (int k = 0; k < 4; ++k) {
+      several.emplace_back(size, 'x');
+      EXPECT_EQ(reinterpret_cast<std::size_t>(several.back().data()) % (2 * kMiB), 0U) << size;
+    }
+  }
+  std::vector<Bytes> several;
+  for (int k = 0; k < 4; ++k)
+    several.emplace_back(kMiB - 1, 'x');
+  EXPECT_NE(reinterpret_cast<std::size_t>(several[0].data()) % (2 * kMiB) +
+                reinterpret_cast<std::size_t>(several[1].data()) % (2 * kMiB),
+            0U);
+}
+
+TEST(LargePageAllocator, KeepsTheElementsOfAVectorThatGrows) {
+  std::vector<std::size_t, LargePageAllocator<std::size_t>> numbers;
+  for (std::size_t k = 0; k < kMiB; ++k)
+    numbers.push_back(k);
+  for (std::size_t k = 0; k < kMiB; ++k)
+    ASSERT_EQ(numbers[k], k);
+}
+
+// The other memory of a process leaves few places where whole large pages lie.
+TEST(LargePageAllocator, FillsNoLargePageBySmallOnesWhereverTheAllocatorHasRoom) {
+  if (test::kSanitized) GTEST_SKIP() << "a sanitizer's allocator puts memory elsewhere";
+  if (!givesLargePages()) GTEST_SKIP() << "this system gives out no large pages";
+  mallopt(M_MMAP_THRESHOLD, int(32 * kMiB));
+  Bytes bytes;
+  EXPECT_LT(pageFaultsOf([&] { bytes.resize(3 * kMiB / 2, 'x'); }), kSmallPagesInALargeOne / 2);
+  mallopt(M_MMAP_THRESHOLD, int(kMiB));
+}
+
 }  // namespace
 }  // namespace zel
