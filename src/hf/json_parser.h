@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -74,6 +75,15 @@ class Parser {
   void plainElements(OnElement&& onElement);
   template <class OnMember>
   void plainMembers(OnMember&& onMember);
+
+  // For values that all writers spell alike. Each consumes what it names, if that is what comes next, down to
+  // the last byte; otherwise it returns false, which is no failure: the caller goes back to a copy of the
+  // parser that it has made before, and reads in the general way.
+  bool literally(std::string_view text) noexcept;
+  bool plainText(std::string_view& out) noexcept;  // behind an opening quote, and its closing quote
+  // Short integers with commas between them, up to a closing bracket: the first `most` and how many there
+  // are.
+  bool shortIntegers(std::uint64_t* out, std::size_t most, std::size_t& count) noexcept;
 
   // Nothing but whitespace may be left.
   bool finish();
@@ -359,6 +369,34 @@ void Parser::plainMembers(OnMember&& onMember) {
         return fewDigits(at, value) && at != digits;
       },
       [&](std::string_view key, std::size_t left) { onMember(key, left, value); });
+}
+
+inline bool Parser::literally(std::string_view text) noexcept {
+  if (remaining() < text.size() || std::memcmp(pos_, text.data(), text.size()) != 0) return false;
+  pos_ += text.size();
+  return true;
+}
+
+inline bool Parser::plainText(std::string_view& out) noexcept {
+  const char* const at = endOfPlainRun(pos_, end_);
+  if (at == end_ || *at != '"') return false;
+  out = {pos_, std::size_t(at - pos_)};
+  pos_ = at + 1;
+  return true;
+}
+
+inline bool Parser::shortIntegers(std::uint64_t* out, std::size_t most, std::size_t& count) noexcept {
+  count = 0;
+  if (literally("]")) return true;
+  for (;;) {
+    std::int64_t integer;
+    if (!shortInteger(integer) || pos_ == end_) return false;
+    if (count < most) out[count] = std::uint64_t(integer);
+    ++count;
+    const char behind = *pos_++;
+    if (behind == ']') return true;
+    if (behind != ',') return false;
+  }
 }
 
 template <class ReadKey, class OnMember>

@@ -132,6 +132,7 @@ class HeaderReader {
 
  private:
   bool readMember(std::string_view name);
+  bool readUsualEntry(RawEntry& entry);
   bool readEntry(RawEntry& entry);
   bool readIntegers(IntegerList& out);
   template <class Read>
@@ -179,6 +180,23 @@ bool HeaderReader::readIntegers(IntegerList& out) {
   });
 }
 
+// As the format's own writer spells every entry. Whatever it does not know is left for readEntry().
+bool HeaderReader::readUsualEntry(RawEntry& entry) {
+  const Parser before = parser_;
+  std::string_view dtype;
+  if (parser_.literally("{\"dtype\":\"") && parser_.plainText(dtype) && parser_.literally(",\"shape\":[") &&
+      parser_.shortIntegers(entry.shapeItems.values, kMaxDims, entry.shapeItems.count) &&
+      parser_.literally(",\"data_offsets\":[") &&
+      parser_.shortIntegers(entry.offsets.values, kMaxDims, entry.offsets.count) && parser_.literally("}")) {
+    entry.dtypeText = dtype;
+    entry.dtype = entry.shape = entry.dataOffsets = RawEntry::Field::Present;
+    return true;
+  }
+  parser_ = before;
+  entry = RawEntry();
+  return false;
+}
+
 bool HeaderReader::readEntry(RawEntry& entry) {
   return parser_.object([&](std::string_view key) {
     if (isText(key, "dtype")) {
@@ -200,7 +218,7 @@ bool HeaderReader::readMember(std::string_view name) {
   if (!parser_.peek(kind, 1)) return false;
   RawEntry entry;
   if (kind == Kind::Object) {
-    if (!readEntry(entry)) return false;
+    if (!readUsualEntry(entry) && !readEntry(entry)) return false;
   } else if (!parser_.skip(1)) {
     return false;
   }

@@ -176,6 +176,70 @@ TEST(JsonPlainElements, AreNotLookedForDuringSixteenElementsWhereFewerThanEightC
   EXPECT_EQ(takenBeforeEach(list(8)), (std::vector<std::size_t>{8, 20}));
 }
 
+TEST(JsonLiterally, ConsumesWhatItNamesAndNothingElse) {
+  const std::string text = "{\"dtype\":";
+  Parser parser(text.data(), text.size());
+  EXPECT_FALSE(parser.literally("{\"dtype\": "));
+  EXPECT_FALSE(parser.literally("{\"Dtype\":"));
+  EXPECT_EQ(parser.remaining(), text.size());
+  EXPECT_TRUE(parser.literally("{\"dtype\""));
+  EXPECT_EQ(parser.remaining(), 1U);
+  EXPECT_TRUE(parser.literally(":"));
+  EXPECT_TRUE(parser.literally(""));
+  EXPECT_FALSE(parser.literally(":"));
+}
+
+TEST(JsonPlainText, EndsAtItsQuote) {
+  const std::string text = "BF16\",";
+  Parser parser(text.data(), text.size());
+  std::string_view out;
+  EXPECT_TRUE(parser.plainText(out));
+  EXPECT_EQ(out, "BF16");
+  EXPECT_EQ(parser.remaining(), 1U);
+}
+
+TEST(JsonPlainText, IsNoneWithAnEscapeAControlByteOrNoEnd) {
+  for (const std::string text : {"a\\u0062\"", "a\n\"", "a", ""}) {
+    Parser parser(text.data(), text.size());
+    std::string_view out;
+    EXPECT_FALSE(parser.plainText(out)) << text;
+  }
+}
+
+// The first two, and how many there are.
+struct Integers {
+  bool ok = false;
+  std::size_t count = 0;
+  std::uint64_t values[2] = {};
+  std::size_t left = 0;
+};
+Integers integersOf(const std::string& text) {
+  Parser parser(text.data(), text.size());
+  Integers out;
+  out.ok = parser.shortIntegers(out.values, 2, out.count);
+  out.left = parser.remaining();
+  return out;
+}
+
+TEST(JsonShortIntegers, AreStoredAsFarAsThereIsRoomAndAllCounted) {
+  const Integers three = integersOf("7,123456789012345,9],");
+  EXPECT_TRUE(three.ok);
+  EXPECT_EQ(three.count, 3U);
+  EXPECT_EQ(three.values[0], 7U);
+  EXPECT_EQ(three.values[1], 123456789012345U);
+  EXPECT_EQ(three.left, 1U);
+  const Integers none = integersOf("]");
+  EXPECT_TRUE(none.ok);
+  EXPECT_EQ(none.count, 0U);
+}
+
+TEST(JsonShortIntegers, AreNoneOfAnotherSpelling) {
+  for (const char* text : {"", "1", "1,", "1,]", "-1]", "1.0]", "1e0]", "1234567890123456]", "1 ]", "1, 2]",
+                           " 1]", "1}", "null]", "\"1\"]", "[1]]", ",1]"}) {
+    EXPECT_FALSE(integersOf(text).ok) << text;
+  }
+}
+
 // What a machine without registers of sixteen bytes does.
 TEST(JsonEndsOfRuns, AreTheSameByteByByte) {
   for (unsigned byte = 0; byte < 256; ++byte) {
