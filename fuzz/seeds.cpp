@@ -244,6 +244,20 @@ std::string withConfig(std::string_view tokenizer, std::string_view config) {
   return std::string(tokenizer) + '\0' + std::string(config);
 }
 
+// Twelve letters, each with its neighbour a merge, as tools print a file for people.
+std::string indentedTokenizer() {
+  std::string vocab;
+  std::string merges;
+  for (int k = 0; k < 12; ++k) {
+    const std::string end = k < 11 ? ",\n" : "\n";
+    const char letter = char('a' + k);
+    vocab += std::string("      \"") + letter + "\": " + std::to_string(k) + end;
+    merges += std::string("      \"") + letter + ' ' + char(letter + 1) + '"' + end;
+  }
+  return "{\n  \"model\": {\n    \"vocab\": {\n" + vocab + "    },\n    \"merges\": [\n" + merges +
+         "    ]\n  },\n  \"version\": \"what is behind the lists, longer than what is read at once\"\n}\n";
+}
+
 SeedSet tokenizerJsonSeeds() {
   return {
       "tokenizer_json",
@@ -260,11 +274,7 @@ SeedSet tokenizerJsonSeeds() {
            R"({"model":{"vocab":{"a":0,"b":1,"c":2,"d":3,"e":4,"f":5,"g":6,"h":7,"i":8,"a longer token":9,"k":10},)"
            R"("merges":["a b","c d","e f","g h","a longer token i","b a","d c","f e","h g","i k","k i"]},)"
            R"("version":"what is behind the lists, longer than what is read at once"})"},
-          {"long_lists_indented",
-           "{\n  \"model\": {\n    \"vocab\": {\n      \"a\": 0,\n      \"b\": 1,\n      \"c\": 2,\n      "
-           "\"d\": 3\n    },\n"
-           "    \"merges\": [\n      \"a b\",\n      \"c d\",\n      \"a d\",\n      \"d a\"\n    ]\n  },\n"
-           "  \"version\": \"what is behind the lists, longer than what is read at once\"\n}\n"},
+          {"long_lists_indented", indentedTokenizer()},
           {"unordered_ids", R"({"model":{"vocab":{"a":2,"b":0,"c":1}}})"},
           {"repeated_id", R"({"model":{"vocab":{"a":0,"b":1,"c":1}}})"},
           {"gap", R"({"model":{"vocab":{"a":1,"b":2}}})"},
