@@ -118,8 +118,8 @@ class NameSorter {
 }  // namespace detail
 
 // The positions 0 to count - 1 (below 2^32) in the byte-wise order of nameAt(position), a string_view that
-// stays valid meanwhile; equal names keep their order. Allocates 36 bytes a name, on large pages. Bytes of
-// names that change meanwhile cost nothing but the order.
+// stays valid meanwhile; equal names keep their order. Allocates some 36 bytes a name, long arrays on whole
+// large pages. Bytes of names that change meanwhile cost nothing but the order.
 //
 // The names of one model begin alike ("model.layers."), so what they have in common is passed over, and the
 // eight bytes behind it are sorted as numbers that lie beside the position; where they are equal, the same

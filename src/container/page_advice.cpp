@@ -40,8 +40,9 @@ void preferLargePages([[maybe_unused]] const void* data, [[maybe_unused]] std::s
   const auto begin = reinterpret_cast<std::uintptr_t>(data);
   const std::uintptr_t first = begin & ~pageMask();
   if (first % kLargePageBytes != 0) return adviseInside(data, size, MADV_HUGEPAGE);
-  // A mapping of its own. What the allocator keeps before the range would cost the first large page, and has
-  // been written already, so that this page is begun as a small one.
+  // A mapping of its own, or memory that was asked for on a large page. Of a mapping the allocator keeps the
+  // first bytes, before the range: they would cost the first large page, and have been written already, so
+  // that this page is begun as a small one.
   const std::uintptr_t last = (begin + size + pageMask()) & ~pageMask();
   (void)::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
   (void)::madvise(reinterpret_cast<void*>(first), kLargePageBytes, kCollapse);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <new>
 #include <vector>
@@ -41,6 +42,8 @@ struct LargePageAllocator {
 
   [[nodiscard]] T* allocate(std::size_t count) {
     if (!isLong(count)) return std::allocator<T>().allocate(count);
+    if (count > std::size_t(std::numeric_limits<std::ptrdiff_t>::max()) / sizeof(T))
+      throw std::bad_array_new_length();
     const std::size_t size = (count * sizeof(T) + kLargePageBytes - 1) / kLargePageBytes * kLargePageBytes;
     void* const data = ::operator new(size, std::align_val_t(kLargePageBytes));
     preferLargePages(data, size);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "container/page_advice.h"
@@ -14,6 +15,11 @@ namespace zel {
 // together they would touch a third more pages.
 class TextArena {
  public:
+  TextArena() = default;
+  // A copy would keep other texts than those that are looked at.
+  TextArena(const TextArena&) = delete;
+  TextArena& operator=(const TextArena&) = delete;
+
   // A copy that lives as long as the arena.
   std::string_view keep(std::string_view text) {
     if (blocks_.empty() || blocks_.back().capacity() - blocks_.back().size() < text.size()) {
@@ -29,7 +35,7 @@ class TextArena {
   // Few names take little, and many names large pages.
   void addBlock(std::size_t least) {
     constexpr std::size_t kFirst = 1 << 10;
-    constexpr std::size_t kMost = 4 << 20;
+    constexpr std::size_t kMost = (4 << 20) - 64;  // two large pages, with what the allocator keeps
     std::vector<char> block;
     const std::size_t next = blocks_.empty() ? kFirst : std::min(2 * blocks_.back().capacity(), kMost);
     reserveOnLargePages(block, std::max(next, least));

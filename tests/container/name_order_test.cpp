@@ -155,6 +155,25 @@ TEST(NameOrder, IsCompleteWhereverMovingNearbyEnds) {
   }
 }
 
+// Few and many words, near their places and far from them.
+TEST(SortByWord, KeepsTheOrderOfEqualWords) {
+  std::mt19937 random(7);
+  for (const std::size_t count : {100U, 255U, 256U, 3000U}) {
+    for (const std::uint64_t spread : {3U, 1000U}) {
+      std::vector<detail::NameKey> keys(count);
+      std::vector<detail::NameKey> scratch(count);
+      for (std::size_t k = 0; k < count; ++k)
+        keys[k] = {k / 3 + random() % spread, std::uint32_t(k)};
+      std::vector<detail::NameKey> expected = keys;
+      std::stable_sort(expected.begin(), expected.end(),
+                       [](const detail::NameKey& a, const detail::NameKey& b) { return a.word < b.word; });
+      detail::sortByWord(keys.data(), scratch.data(), count);
+      for (std::size_t k = 0; k < count; ++k)
+        ASSERT_EQ(keys[k].position, expected[k].position) << count << " words, spread " << spread;
+    }
+  }
+}
+
 TEST(NameOrder, OfNumberedLayersIsByDigits) {
   Names names;
   for (int layer = 0; layer < 1200; ++layer) {

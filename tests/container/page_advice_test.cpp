@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -126,6 +128,14 @@ TEST(LargePageAllocator, BeginsOnALargePageFromHalfOfOneOn) {
   EXPECT_NE(reinterpret_cast<std::size_t>(several[0].data()) % (2 * kMiB) +
                 reinterpret_cast<std::size_t>(several[1].data()) % (2 * kMiB),
             0U);
+}
+
+TEST(LargePageAllocator, RefusesWhatNoAddressSpaceHolds) {
+  LargePageAllocator<std::uint64_t> allocator;
+  constexpr std::size_t kMost = std::numeric_limits<std::ptrdiff_t>::max() / sizeof(std::uint64_t);
+  EXPECT_THROW((void)allocator.allocate(kMost + 1), std::bad_array_new_length);
+  EXPECT_THROW((void)allocator.allocate(std::numeric_limits<std::size_t>::max() / sizeof(std::uint64_t) + 2),
+               std::bad_array_new_length);
 }
 
 TEST(LargePageAllocator, KeepsTheElementsOfAVectorThatGrows) {

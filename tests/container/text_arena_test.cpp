@@ -16,6 +16,10 @@ TEST(TextArena, KeepsCopies) {
   const std::string_view kept = arena.keep(text);
   text = "other!";
   EXPECT_EQ(kept, "a name");
+}
+
+TEST(TextArena, KeepsTheEmptyText) {
+  TextArena arena;
   EXPECT_EQ(arena.keep(""), "");
 }
 
