@@ -65,11 +65,12 @@ class Parser {
 
   // The common kinds of a long list, which are most of a tokenizer.json, faster. Where the next value is a
   // string, or the next key is to be read: consumes elements that are strings without an escape,
-  // or members whose value is a whole number of up to seven digits, and calls onElement(std::string_view
-  // text, std::size_t left) or onMember(std::string_view key, std::size_t left, std::int64_t value) for each;
-  // `left` are the bytes that were not yet read when it began. Stops before whatever is of another kind,
-  // before the last of the list, and at the end of the text, each to be read in the general way: again a
-  // string is next. From the start of each text kShortText bytes can be read.
+  // or members whose value is a whole number of up to seven digits, with nothing before the comma and at most
+  // one space before the number, and calls onElement(std::string_view text, std::size_t left) or
+  // onMember(std::string_view key, std::size_t left, std::int64_t value) for each; `left` are the bytes that
+  // were not yet read when it began. Stops before whatever is of another kind, before the last of the list,
+  // and at the end of the text, each to be read in the general way: again a string is next. From the start of
+  // each text kShortText bytes can be read.
   static constexpr std::size_t kShortText = 15;  // what std::string holds without an allocation
   template <class OnElement>
   void plainElements(OnElement&& onElement);
@@ -81,8 +82,8 @@ class Parser {
   // parser that it has made before, and reads in the general way.
   bool literally(std::string_view text) noexcept;
   bool plainText(std::string_view& out) noexcept;  // behind an opening quote, and its closing quote
-  // Short integers with commas between them, up to a closing bracket: the first `most` and how many there
-  // are.
+  // Whole numbers of up to 15 digits with commas between them, up to a closing bracket: the first `most` and
+  // how many there are.
   bool shortIntegers(std::uint64_t* out, std::size_t most, std::size_t& count) noexcept;
 
   // Nothing but whitespace may be left.
