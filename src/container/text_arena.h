@@ -11,8 +11,8 @@
 
 namespace zel {
 
-// The texts lie one behind the other in blocks that never move: each would otherwise cost an allocation, and
-// together they would touch a third more pages.
+// The texts lie one behind the other in blocks that never move, on large pages once there are many: each
+// would otherwise cost an allocation, with what the allocator keeps beside it.
 class TextArena {
  public:
   TextArena() = default;
