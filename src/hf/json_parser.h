@@ -432,19 +432,15 @@ bool Parser::elements(OnElement&& element) {
 // Room that a list may have at once when there is one of its kind in a file; what stays unused costs nothing.
 inline constexpr std::size_t kOneListBytes = 16 << 20;
 
-// Room for one more element. A long vector grows by what its elements so far say about the rest of the input,
-// instead of by doubling: `bytesBefore` is what was left to read when the first element began. Never by more
-// than eight times at once or to `atOnceBytes`: a text of many lists cannot ask for much that it does not
-// fill.
+// What reserveEstimated() does when the room is used up, which is seldom.
 template <class T>
-void reserveEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
-                      std::size_t atOnceBytes = 0) {
+[[gnu::noinline]] void growEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
+                                     std::size_t atOnceBytes) {
   constexpr std::size_t kFirst = 4;
   constexpr std::size_t kLong = 1024;
   constexpr std::size_t kMaxFactor = 8;
   constexpr std::size_t kLargeBytes = 1 << 20;
   const std::size_t size = out.size();
-  if (size != out.capacity()) return;
   if (size >= kLong) {
     const std::size_t bytesEach = (bytesBefore - bytesLeft) / size;
     const std::size_t estimate = size + bytesLeft / std::max<std::size_t>(bytesEach, 1) + 1;
@@ -459,6 +455,16 @@ void reserveEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t 
   } else {
     out.reserve(std::max(kFirst, 2 * size));
   }
+}
+
+// Room for one more element. A long vector grows by what its elements so far say about the rest of the input,
+// instead of by doubling: `bytesBefore` is what was left to read when the first element began. Never by more
+// than eight times at once or to `atOnceBytes`: a text of many lists cannot ask for much that it does not
+// fill.
+template <class T>
+void reserveEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
+                      std::size_t atOnceBytes = 0) {
+  if (out.size() == out.capacity()) growEstimated(out, bytesBefore, bytesLeft, atOnceBytes);
 }
 
 template <class T>
