@@ -24,19 +24,6 @@ constexpr std::size_t kZipEndMaxBytes = 22 + 65535;
 constexpr std::uint64_t kMaxHeaderBytes = std::uint64_t{1} << 30;
 constexpr std::size_t kMaxLinkBytes = 1024;
 
-bool startsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
-bool endsWith(std::string_view text, std::string_view suffix) {
-  return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
-}
-
-std::string lowerCase(std::string_view text) {
-  std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
-  return out;
-}
-
 // A name as model directories have them; the target of a link to the file beside it is no more.
 bool isFileName(std::string_view text) {
   constexpr std::string_view kSuffixes[] = {".json", ".safetensors", ".bin", ".model", ".txt", ".jinja"};
@@ -44,7 +31,7 @@ bool isFileName(std::string_view text) {
     return c < 0x80 && (std::isalnum(c) != 0 || c == '.' || c == '-' || c == '_');
   });
   return isPlain && std::any_of(std::begin(kSuffixes), std::end(kSuffixes), [&](std::string_view suffix) {
-           return text.size() > suffix.size() && endsWith(text, suffix);
+           return text.size() > suffix.size() && text.ends_with(suffix);
          });
 }
 
@@ -59,12 +46,12 @@ bool isLinkText(std::string_view head, std::uint64_t bytes) {
 }
 
 bool isWebPage(std::string_view head) {
-  if (startsWith(head, "\xEF\xBB\xBF")) head.remove_prefix(3);
+  if (head.starts_with("\xEF\xBB\xBF")) head.remove_prefix(3);
   const std::size_t begin = head.find_first_not_of(" \t\r\n");
   if (begin == std::string_view::npos) return false;
   const std::string start = lowerCase(head.substr(begin, 16));
-  return startsWith(start, "<!doctype html") || startsWith(start, "<html") || startsWith(start, "<?xml") ||
-         startsWith(start, "<head") || startsWith(start, "<!--");
+  return start.starts_with("<!doctype html") || start.starts_with("<html") || start.starts_with("<?xml") ||
+         start.starts_with("<head") || start.starts_with("<!--");
 }
 
 // The header of a safetensors file says how many bytes follow it.
@@ -95,9 +82,15 @@ bool zipEndsEarly(std::string_view file) {
 
 }  // namespace
 
+std::string lowerCase(std::string_view text) {
+  std::string out(text);
+  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
+  return out;
+}
+
 Disguise disguiseOf(std::string_view head, std::uint64_t bytes) {
   if (bytes == 0) return Disguise::Empty;
-  if (startsWith(head, kLfsLine)) return Disguise::LfsPointer;
+  if (head.starts_with(kLfsLine)) return Disguise::LfsPointer;
   if (isLinkText(head, bytes)) return Disguise::LinkText;
   if (isWebPage(head)) return Disguise::WebPage;
   return Disguise::None;
@@ -129,13 +122,13 @@ bool endsEarly(const std::string& path, const FileLook& look) {
   tool::ContainerFile file;
   std::string reason;
   if (file.open(path, reason) != tool::ContainerFile::Result::Ok) return false;
-  return startsWith(look.head, kZipStart) ? zipEndsEarly(file.bytes()) : safetensorsEndsEarly(file.bytes());
+  return look.head.starts_with(kZipStart) ? zipEndsEarly(file.bytes()) : safetensorsEndsEarly(file.bytes());
 }
 
 bool isPartName(std::string_view name) {
   for (const std::string_view suffix :
        {".incomplete", ".part", ".partial", ".crdownload", ".aria2", ".download"}) {
-    if (endsWith(name, suffix)) return true;
+    if (name.ends_with(suffix)) return true;
   }
   return false;
 }

@@ -27,6 +27,9 @@ inline constexpr std::size_t kHeadBytes = 4096;
 // A safetensors or zip file of `bytes` bytes that ends before its end. `path` is read.
 [[nodiscard]] bool endsEarly(const std::string& path, const FileLook& look);
 
+// With its ASCII letters in lower case.
+[[nodiscard]] std::string lowerCase(std::string_view text);
+
 // Names that downloaders give to unfinished files, "x.safetensors.incomplete" and the like.
 [[nodiscard]] bool isPartName(std::string_view name);
 

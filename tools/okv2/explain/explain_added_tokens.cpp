@@ -19,7 +19,6 @@ namespace {
 
 using json::Value;
 
-constexpr char kJson[] = "tokenizer.json";
 constexpr char kSide[] = "tokenizer_config.json";
 constexpr char kMap[] = "special_tokens_map.json";
 constexpr char kAdded[] = "added_tokens.json";
@@ -48,7 +47,7 @@ struct AddedTokens {
 };
 
 AddedTokens ofTokenizerJson(const TokenizerJsonWalk& walk) {
-  AddedTokens out{kJson, walk.addedIds.size(), {}};
+  AddedTokens out{kTokenizerJson, walk.addedIds.size(), {}};
   for (std::size_t k = 0; k < walk.addedIds.size(); ++k) {
     if (walk.addedIds[k] >= 0)
       out.tokens.push_back({static_cast<std::uint64_t>(walk.addedIds[k]), walk.addedTexts[k]});
@@ -86,7 +85,7 @@ AddedTokens ofAddedTokensFile(const Directory& directory) {
 }
 
 // Added tokens of one file to which the same thing happens.
-class Group {
+class TokenGroup {
  public:
   void add(const std::string& text) {
     if (count_++ == 0) first_ = text;
@@ -105,7 +104,7 @@ class Group {
 // Tokens whose id is that of another text.
 void addedElsewhere(const AddedTokens& added, const std::set<AddedToken>& told, const TokenizerData& data,
                     Explanation& out) {
-  Group group;
+  TokenGroup group;
   for (const AddedToken& token : added.tokens) {
     if (token.text.empty() || token.id >= data.tokens.size() || data.tokens[token.id] == token.text) continue;
     if (told.count(token) != 0) continue;
@@ -117,7 +116,7 @@ void addedElsewhere(const AddedTokens& added, const std::set<AddedToken>& told, 
 // Tokens beyond the vocabulary, unless it has their text under an id of its own.
 void addedOutside(const AddedTokens& added, const std::set<AddedToken>& told, const TokenizerData& data,
                   const std::unordered_set<std::string_view>& vocabulary, Explanation& out) {
-  Group group;
+  TokenGroup group;
   for (const AddedToken& token : added.tokens) {
     if (token.text.empty() || token.id < data.tokens.size() || vocabulary.count(token.text) != 0) continue;
     if (told.count(token) != 0) continue;
@@ -136,7 +135,7 @@ void outsideOfTokenizerJson(const TokenizerJsonWalk& walk, Explanation& out) {
     if (out.tokenizer.addedOutside++ == 0) first = fmt::format("\"{}\" with id {}", walk.addedTexts[k], id);
   }
   if (out.tokenizer.addedOutside == 0) return;
-  out.add(Id::TokenizerAddedOutside, kJson,
+  out.add(Id::TokenizerAddedOutside, kTokenizerJson,
           fmt::format("{} of {} added tokens lie outside the {} tokens of $.model.vocab, the first is {}",
                       out.tokenizer.addedOutside, out.tokenizer.addedTokens, out.tokenizer.tokens, first));
 }
@@ -194,7 +193,7 @@ void explainSpecialTokens(const Directory& directory, const HfImporter& model, c
     const std::int32_t id = data.*field;
     if (token.text.empty() || id < -1 || id >= static_cast<std::int64_t>(data.tokens.size())) continue;
     // An id that config.json gives is what its author wants.
-    const Value* given = out.tokenizer.winner == kJson ? givenSpecialId(model.config, key) : nullptr;
+    const Value* given = out.tokenizer.winner == kTokenizerJson ? givenSpecialId(model.config, key) : nullptr;
     if (given != nullptr && given->isNumber() && given->number >= 0) continue;
     if (id >= 0 && data.tokens[static_cast<std::size_t>(id)] == token.text) continue;
     const bool isKnown = std::find(data.tokens.begin(), data.tokens.end(), token.text) != data.tokens.end();

@@ -39,18 +39,8 @@ constexpr std::string_view kOtherWeightSuffixes[] = {
     ".pth", ".pt", ".ckpt", ".h5", ".msgpack", ".onnx", ".npz", ".tflite", ".bin",
 };
 
-bool endsWith(std::string_view text, std::string_view suffix) {
-  return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
-}
-
-std::string lowerCase(std::string_view text) {
-  std::string out(text);
-  std::transform(out.begin(), out.end(), out.begin(), [](unsigned char c) { return std::tolower(c); });
-  return out;
-}
-
 bool isShardOfPyTorch(std::string_view name) {
-  return name.substr(0, 14) == "pytorch_model-" && endsWith(name, ".bin");
+  return name.substr(0, 14) == "pytorch_model-" && name.ends_with(".bin");
 }
 
 // Files that were meant to be read, other than weights.
@@ -155,7 +145,7 @@ void reportIgnored(const Directory& directory, bool haveSafetensors, Explanation
     } else if (isShardOfPyTorch(name)) {
       continue;  // reported once, for all shards
     } else if (std::any_of(std::begin(kOtherWeightSuffixes), std::end(kOtherWeightSuffixes),
-                           [&file = name](std::string_view suffix) { return endsWith(file, suffix); }) &&
+                           [&file = name](std::string_view suffix) { return file.ends_with(suffix); }) &&
                name != "training_args.bin" && look.disguise != Disguise::NotRegular) {
       out.add(Id::WeightsOtherFormat, name, fmt::format("{} bytes", look.bytes));
     }

@@ -24,17 +24,17 @@ void explainJinja(const Directory& directory, const std::string& kept, Explanati
 
 // The same for the file in which older releases keep a template beside a processor's settings.
 void explainJsonFile(const Directory& directory, const std::string& kept, Explanation& out) {
-  constexpr char kJson[] = "chat_template.json";
-  const auto file = directory.files.find(kJson);
+  constexpr char kTemplateFile[] = "chat_template.json";
+  const auto file = directory.files.find(kTemplateFile);
   if (file == directory.files.end() || file->second.bytes == 0) return;
-  const std::string text = contentOf(directory.pathOf(kJson));
+  const std::string text = contentOf(directory.pathOf(kTemplateFile));
   json::Value root;
   if (json::parse(text.data(), text.size(), root).ok() && root.isObject()) {
     const json::Value* value = root.get("chat_template");
     if (value == nullptr || value->kind == json::Kind::Null) return;
     if (value->isString() && value->text == kept) return;
   }
-  out.add(Id::TemplateJsonFile, kJson, fmt::format("{} bytes", file->second.bytes));
+  out.add(Id::TemplateJsonFile, kTemplateFile, fmt::format("{} bytes", file->second.bytes));
 }
 
 // Templates with a name, one a file.

@@ -11,20 +11,20 @@
 namespace zel::explain {
 namespace {
 
-constexpr char kJson[] = "tokenizer.json";
 constexpr char kModel[] = "tokenizer.model";
 
 std::string at(const Place& place) {
-  return fmt::format("{}: {} is {}, {} (byte {})", kJson, place.path, place.kind, place.value, place.offset);
+  return fmt::format("{}: {} is {}, {} (byte {})", kTokenizerJson, place.path, place.kind, place.value,
+                     place.offset);
 }
 
 void refusedJson(const std::string& message, const TokenizerJsonWalk& walk, Explanation& out) {
   const std::string because = fmt::format(" [{}]", message);
-  const auto add = [&](Id id, const std::string& detail) { out.add(id, kJson, detail + because); };
+  const auto add = [&](Id id, const std::string& detail) { out.add(id, kTokenizerJson, detail + because); };
   if (message == "hf: bad tokenizer.json") {
     add(Id::TokenizerJsonBadJson,
-        fmt::format("{}: byte {}: {}", kJson, walk.fault.offset, walk.fault.message));
-    if (walk.fault.cutShort) out.add(Id::FilePartial, kJson, "the text ends in the middle");
+        fmt::format("{}: byte {}: {}", kTokenizerJson, walk.fault.offset, walk.fault.message));
+    if (walk.fault.cutShort) out.add(Id::FilePartial, kTokenizerJson, "the text ends in the middle");
   } else if (message == "hf: tokenizer.json has no model object") {
     add(Id::TokenizerJsonNoModel, walk.model ? at(*walk.model) : "tokenizer.json: $.model is absent");
   } else if (message == "hf: tokenizer.json has no vocab") {
@@ -67,7 +67,7 @@ bool agrees(const json::Value& given, std::int32_t id) {
 // What becomes of the special ids in config.json.
 void configIds(const json::Value& config, const TokenizerData& data, Explanation& out) {
   const bool isEmpty = data.tokens.empty();
-  const bool areRead = out.tokenizer.winner == kJson;
+  const bool areRead = out.tokenizer.winner == kTokenizerJson;
   for (const auto& [key, field] : kSpecialIds) {
     const json::Value* id = givenSpecialId(config, key);
     if (id == nullptr) continue;
@@ -92,7 +92,7 @@ void configIds(const json::Value& config, const TokenizerData& data, Explanation
 
 // True when tokenizer.json is the tokenizer.
 bool explainJson(const Directory& directory, const HfImporter& model, Explanation& out) {
-  const std::string text = contentOf(directory.pathOf(kJson));
+  const std::string text = contentOf(directory.pathOf(kTokenizerJson));
   if (text.empty()) return false;
   const TokenizerJsonWalk walk = walkTokenizerJson(text);
   TokenizerData data;
@@ -100,10 +100,10 @@ bool explainJson(const Directory& directory, const HfImporter& model, Explanatio
     refusedJson(status.message(), walk, out);
     return false;
   }
-  out.tokenizer.winner = kJson;
+  out.tokenizer.winner = kTokenizerJson;
   explainAddedTokens(directory, model.tokenizer, &walk, out);
   explainSpecialTokens(directory, model, walk.unkToken, out);
-  if (!walk.ignoredParts.empty()) out.add(Id::TokenizerJsonPartsIgnored, kJson, walk.ignoredParts);
+  if (!walk.ignoredParts.empty()) out.add(Id::TokenizerJsonPartsIgnored, kTokenizerJson, walk.ignoredParts);
   return true;
 }
 
@@ -148,10 +148,10 @@ void explainTokenizer(const Directory& directory, const plan::ImportPlan& plan, 
     explainSpecialTokens(directory, plan.model, "", out);
   }
   configIds(plan.model.config, data, out);
-  if (!directory.has(kJson) && !directory.has(kModel)) out.add(Id::TokenizerNone, kJson);
+  if (!directory.has(kTokenizerJson) && !directory.has(kModel)) out.add(Id::TokenizerNone, kTokenizerJson);
   if (use.tokens == 0) {
     out.add(
-        Id::TokenizerEmpty, use.winner.empty() ? kJson : use.winner,
+        Id::TokenizerEmpty, use.winner.empty() ? kTokenizerJson : use.winner,
         use.winner.empty() ? "neither tokenizer.json nor tokenizer.model could be read" : "it has no token");
     return;
   }

@@ -36,7 +36,7 @@ const char* typeName(DType dtype) {
 }
 
 // One finding for all the tensors to which it applies.
-class Group {
+class TensorGroup {
  public:
   void add(const std::string& text) {
     if (count_++ < kListed) text_ += (text_.empty() ? "" : "; ") + text;
@@ -172,7 +172,7 @@ class Tensors {
 
   std::string architecture_;
   Explanation& out_;
-  Group unmapped_, fused_;
+  TensorGroup unmapped_, fused_;
   std::map<std::string, TypeUse> types_;
   // Name as stored, then whole name, then the files it comes from.
   std::map<std::string, std::map<std::string, std::vector<std::string>>> stored_;

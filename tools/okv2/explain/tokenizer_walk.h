@@ -10,6 +10,8 @@
 
 namespace zel::explain {
 
+inline constexpr char kTokenizerJson[] = "tokenizer.json";
+
 // Where a JSON text goes wrong.
 struct JsonFault {
   std::string message;  // empty when the text is JSON

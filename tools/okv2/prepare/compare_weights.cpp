@@ -13,6 +13,7 @@
 #include "container/dtype.h"
 #include "convert/name_mapping.h"
 #include "okv2/escape.h"
+#include "okv2/prepare/fused_attention.h"
 #include "okv2/prepare/source_guard.h"
 #include "okv2/prepare/weights_plan.h"
 
@@ -20,9 +21,6 @@ namespace zel::tool::prepare {
 namespace {
 
 constexpr std::size_t kMaxDifferences = 100;
-constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
-// An import cuts fused tensors by rows, those in blocks by whole blocks of rows (docs/compatibility.md).
-constexpr std::uint64_t kBlockRows = 256;
 
 struct TypeCode {
   const char* type;

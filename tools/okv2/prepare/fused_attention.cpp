@@ -9,8 +9,6 @@ namespace zel::tool::prepare {
 namespace {
 
 constexpr std::uint64_t kParts = 3;
-// An import cuts tensors in blocks by whole blocks of this many rows (docs/compatibility.md).
-constexpr std::uint64_t kBlockRows = 256;
 
 // transformers, modeling_gpt_bigcode.py, GPTBigCodeAttention: c_attn is a Linear layer that is split into
 // (embed_dim, 2 * kv_dim) with multi_query, and into (head_dim, 2 * head_dim) a head without.

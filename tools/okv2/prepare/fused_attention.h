@@ -11,6 +11,10 @@
 
 namespace zel::tool::prepare {
 
+// An import cuts fused tensors by rows, those in blocks by whole blocks of so many rows
+// (docs/compatibility.md).
+inline constexpr std::uint64_t kBlockRows = 256;
+
 enum class FusedForm : std::uint8_t {
   EqualRows,    // an import cuts it rightly
   Columns,      // [in, out]: the parts lie side by side

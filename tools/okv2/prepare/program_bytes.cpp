@@ -7,7 +7,7 @@
 namespace zel::tool::prepare {
 namespace {
 
-constexpr std::size_t kPieceBytes = std::size_t{64} * 1024;
+constexpr std::size_t kWindowBytes = std::size_t{64} * 1024;
 
 // Takes one code point below 256 off the front of UTF-8 that is not empty.
 bool takeCodePoint(std::string_view& text, char& out) noexcept {
@@ -31,12 +31,12 @@ bool takePiece(std::string_view& text, bool isLatin1, std::string& piece) {
   piece.clear();
   if (!isLatin1) {
     // Copied, because a page of a mapped file can be read under a guard only, which the system is not.
-    piece = text.substr(0, kPieceBytes);
+    piece = text.substr(0, kWindowBytes);
     text.remove_prefix(piece.size());
     return true;
   }
   char byte = 0;
-  while (!text.empty() && piece.size() < kPieceBytes) {
+  while (!text.empty() && piece.size() < kWindowBytes) {
     if (!takeCodePoint(text, byte)) return false;
     piece += byte;
   }

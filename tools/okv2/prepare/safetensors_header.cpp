@@ -17,7 +17,6 @@ namespace {
 using json::Kind;
 using json::detail::Parser;
 
-constexpr std::uint64_t kLengthBytes = 8;
 constexpr std::size_t kMaxExtents = 64;  // torch has no more either
 
 struct BlockType {
@@ -51,8 +50,8 @@ bool agrees(const HeaderTensor& tensor) {
 class EntryReader {
  public:
   EntryReader(std::string_view file, std::uint64_t headerBytes, std::vector<HeaderTensor>& out)
-      : parser_(file.data() + kLengthBytes, headerBytes),
-        dataBegin_(kLengthBytes + headerBytes),
+      : parser_(file.data() + kHeaderLengthBytes, headerBytes),
+        dataBegin_(kHeaderLengthBytes + headerBytes),
         dataBytes_(file.size() - dataBegin_),
         out_(out) {}
 
@@ -142,9 +141,9 @@ class EntryReader {
 
 Status readSafetensorsHeader(std::string_view file, std::vector<HeaderTensor>& out) {
   out.clear();
-  if (file.size() < kLengthBytes) return corrupted("safetensors: the file has no header");
+  if (file.size() < kHeaderLengthBytes) return corrupted("safetensors: the file has no header");
   const std::uint64_t headerBytes = loadU64(file.data());
-  if (headerBytes > kMaxSafetensorsHeaderBytes || headerBytes > file.size() - kLengthBytes) {
+  if (headerBytes > kMaxSafetensorsHeaderBytes || headerBytes > file.size() - kHeaderLengthBytes) {
     return corrupted("safetensors: a header of " + std::to_string(headerBytes) + " bytes is too long");
   }
   return EntryReader(file, headerBytes, out).read();

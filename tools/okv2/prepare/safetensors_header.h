@@ -11,6 +11,8 @@
 
 namespace zel::tool::prepare {
 
+inline constexpr std::size_t kHeaderLengthBytes = 8;  // the number at the start of the file
+
 struct HeaderTensor {
   std::string name;
   std::string type;  // as spelled; may be one that is not in kElementTypes

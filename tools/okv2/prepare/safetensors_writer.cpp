@@ -14,13 +14,12 @@
 #include "okv2/exit_codes.h"
 #include "okv2/pending_file.h"
 #include "okv2/prepare/outcome.h"
+#include "okv2/prepare/safetensors_header.h"
 #include "okv2/prepare/source_guard.h"
 
 namespace zel::tool::prepare {
 namespace {
 
-constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
-constexpr std::size_t kLengthBytes = 8;
 constexpr std::size_t kAlignment = 8;  // of the data region; the library aligns it so too
 
 [[noreturn]] void cannotWrite(const std::string& path, const std::string& reason) {
@@ -29,7 +28,7 @@ constexpr std::size_t kAlignment = 8;  // of the data region; the library aligns
 }
 
 // JSON text with everything escaped that RFC 8259 wants escaped.
-std::string quoted(std::string_view text) {
+std::string jsonText(std::string_view text) {
   std::string out = "\"";
   out.reserve(text.size() + 2);
   for (const char c : text) {
@@ -118,20 +117,20 @@ std::string safetensorsHeader(const std::vector<OutputTensor>& tensors) {
   std::string json = R"({"__metadata__":{"format":"pt"})";
   std::uint64_t offset = 0;
   for (const OutputTensor& tensor : tensors) {
-    json += fmt::format(",{}:{{\"dtype\":{},\"shape\":[{}],\"data_offsets\":[{},{}]}}", quoted(tensor.name),
-                        quoted(tensor.type), fmt::join(tensor.shape, ","), offset, offset + tensor.bytes);
+    json += fmt::format(",{}:{{\"dtype\":{},\"shape\":[{}],\"data_offsets\":[{},{}]}}", jsonText(tensor.name),
+                        jsonText(tensor.type), fmt::join(tensor.shape, ","), offset, offset + tensor.bytes);
     offset += tensor.bytes;
   }
   json += '}';
   json.resize((json.size() + kAlignment - 1) / kAlignment * kAlignment, ' ');
   std::string out;
-  for (unsigned k = 0; k < kLengthBytes; ++k)
+  for (unsigned k = 0; k < kHeaderLengthBytes; ++k)
     out += static_cast<char>(static_cast<std::uint64_t>(json.size()) >> (8 * k));
   return out + json;
 }
 
 bool safetensorsHeaderFits(const std::vector<OutputTensor>& tensors, std::uint64_t most) {
-  return safetensorsHeader(tensors).size() - kLengthBytes <= most;
+  return safetensorsHeader(tensors).size() - kHeaderLengthBytes <= most;
 }
 
 void writeSafetensors(const std::string& path, const std::vector<OutputTensor>& tensors) {

@@ -22,10 +22,10 @@ namespace {
 using explain::Id;
 using Piece = sentencepiece::ModelProto::SentencePiece;
 
-constexpr char kFile[] = "tokenizer.model";
+constexpr char kModelFile[] = "tokenizer.model";
 
-[[noreturn]] void refuse(int code, Id id, const std::string& what, const char* remedy) {
-  throw Refused(code, explain::rowOf(id).name, fmt::format("{}: {}", kFile, what), remedy);
+[[noreturn]] void refuseModel(int code, Id id, const std::string& what, const char* remedy) {
+  throw Refused(code, explain::rowOf(id).name, fmt::format("{}: {}", kModelFile, what), remedy);
 }
 
 // ---- the numbering that an import reads
@@ -96,7 +96,7 @@ void loseToAnotherPiece(const AddedToken& token, const std::string& piece, Token
 
 Tokenizer encodeAnew(const sentencepiece::ModelProto& model, const std::vector<AddedToken>& added,
                      Changes& changes) {
-  changes.push_back({kFile, "the numbering of its fields", "pieces in field 1, settings in field 2",
+  changes.push_back({kModelFile, "the numbering of its fields", "pieces in field 1, settings in field 2",
                      "pieces in field 3, special ids in field 1",
                      fmt::format("the {} pieces are read from there", model.pieces_size()),
                      explain::rowOf(Id::TokenizerModelFieldNumbers).name});
@@ -119,9 +119,9 @@ Tokenizer encodeAnew(const sentencepiece::ModelProto& model, const std::vector<A
     }
   }
   const JoinedVocabulary joined = joinVocabulary(
-      published, beyond, {kFile, "pieces", explain::rowOf(Id::TokenizerAddedOutside).name}, changes);
+      published, beyond, {kModelFile, "pieces", explain::rowOf(Id::TokenizerAddedOutside).name}, changes);
 
-  out.file = kFile;
+  out.file = kModelFile;
   out.idOf = joined.idOf;
   out.size = joined.size;
   const sentencepiece::TrainerSpec& trainer = model.trainer_spec();
@@ -159,7 +159,7 @@ bool readAsImported(std::string_view bytes, TokenizerData& data) {
 
 Tokenizer keep(std::string_view bytes, const TokenizerData& data, const std::vector<AddedToken>& added) {
   Tokenizer out;
-  out.file = kFile;
+  out.file = kModelFile;
   out.bytes = bytes;
   out.isKept = true;
   for (std::size_t k = 0; k < data.tokens.size(); ++k)
@@ -173,7 +173,7 @@ Tokenizer keep(std::string_view bytes, const TokenizerData& data, const std::vec
     } else if (!isInside && !token.text.empty() && out.idOf.count(token.text) == 0) {
       out.losses.push_back(
           {Id::TokenizerAddedOutside, fmt::format("{}[\"{}\"]", token.source, token.text),
-           fmt::format("{}: the {} pieces of {} stay as they are", token.source, out.size, kFile)});
+           fmt::format("{}: the {} pieces of {} stay as they are", token.source, out.size, kModelFile)});
     }
   }
   return out;
@@ -187,7 +187,7 @@ void appendSpecialIds(const SpecialIds& ids, std::string& bytes) {
 
 Tokenizer mendTokenizerModel(std::string_view bytes, const std::vector<AddedToken>& added, Changes& changes) {
   if (bytes.size() > kMaxModelBytes) {
-    refuse(
+    refuseModel(
         kExitUnsupported, Id::TokenizerModelRefused,
         fmt::format("{} bytes are more than the {} of any SentencePiece model", bytes.size(), kMaxModelBytes),
         "Put the model's own tokenizer.model or tokenizer.json there.");
@@ -202,11 +202,11 @@ Tokenizer mendTokenizerModel(std::string_view bytes, const std::vector<AddedToke
     return keep(bytes, data, added);
   }
   if (explain::isTiktoken(bytes)) {
-    refuse(kExitUnsupported, Id::TokenizerModelTiktoken, "it is a list of base64 tokens and ranks",
-           "Put a tokenizer.json there, or the SentencePiece model of that name.");
+    refuseModel(kExitUnsupported, Id::TokenizerModelTiktoken, "it is a list of base64 tokens and ranks",
+                "Put a tokenizer.json there, or the SentencePiece model of that name.");
   }
-  refuse(kExitCorrupted, Id::TokenizerModelRefused, "it is no SentencePiece model",
-         "Fetch tokenizer.model again, or put a tokenizer.json there.");
+  refuseModel(kExitCorrupted, Id::TokenizerModelRefused, "it is no SentencePiece model",
+              "Fetch tokenizer.model again, or put a tokenizer.json there.");
 }
 
 }  // namespace zel::tool::prepare

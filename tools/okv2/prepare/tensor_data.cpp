@@ -10,8 +10,6 @@
 namespace zel::tool::prepare {
 namespace {
 
-constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
-
 std::vector<std::uint64_t> contiguousStrides(const std::vector<std::uint64_t>& extents) {
   std::vector<std::uint64_t> strides(extents.size(), 1);
   for (std::size_t k = extents.size(); k-- > 1;)

@@ -11,6 +11,8 @@
 namespace zel::tool::prepare {
 
 // A file that tensors lie in. Both members belong to somebody else.
+inline constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;  // of tensor data, at once
+
 struct DataFile {
   std::string path;  // for messages
   int descriptor = -1;

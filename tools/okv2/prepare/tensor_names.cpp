@@ -24,9 +24,6 @@ constexpr std::string_view kGemmaFamilies[] = {"gemma", "Gemma"};
 constexpr std::string_view kBehindAttention = "post_attention_layernorm.weight";
 constexpr std::string_view kBeforeFeedForward = "pre_feedforward_layernorm.weight";
 
-bool startsWith(std::string_view text, std::string_view prefix) {
-  return text.substr(0, prefix.size()) == prefix;
-}
 bool endsWith(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
@@ -40,7 +37,7 @@ void removeWrappers(std::vector<std::string>& names) {
     again = false;
     for (const Wrapper& row : kWrappers) {
       const bool all = std::all_of(names.begin(), names.end(), [&](const std::string& name) {
-        return startsWith(name, row.prefix) && name.size() > row.prefix.size();
+        return name.starts_with(row.prefix) && name.size() > row.prefix.size();
       });
       if (!all) continue;
       for (std::string& name : names)
@@ -53,7 +50,7 @@ void removeWrappers(std::vector<std::string>& names) {
 // What follows the layer's number; empty for other names.
 std::string_view suffixOf(std::string_view name) {
   for (const std::string_view prefix : kLayerPrefixes) {
-    if (!startsWith(name, prefix)) continue;
+    if (!name.starts_with(prefix)) continue;
     const std::size_t end = name.find_first_not_of("0123456789", prefix.size());
     if (end == std::string_view::npos || end == prefix.size() || name[end] != '.') return {};
     return name.substr(end + 1);
@@ -99,7 +96,7 @@ bool ruleHolds(const PrefixRule& rule, const ModelKind& kind, const Spellings& s
   if (!rule.types.empty() && !kind.isExactly(rule.types)) return false;
   const PrefixChange& first = rule.changes[0];
   return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-    return startsWith(name, first.from) && !mappingKnows(name) &&
+    return name.starts_with(first.from) && !mappingKnows(name) &&
            mappingKnows(spellings.spell(replaced(name, first)));
   });
 }
@@ -112,7 +109,7 @@ std::vector<bool> changePrefixes(const ModelKind& kind, const Spellings& spellin
     if (!ruleHolds(rule, kind, spellings, names)) continue;
     for (std::size_t k = 0; k < names.size(); ++k) {
       for (const PrefixChange& change : rule.changes) {
-        if (change.from.empty() || !startsWith(names[k], change.from)) continue;
+        if (change.from.empty() || !names[k].starts_with(change.from)) continue;
         names[k] = replaced(names[k], change);
         changed[k] = true;
         break;
@@ -125,7 +122,7 @@ std::vector<bool> changePrefixes(const ModelKind& kind, const Spellings& spellin
 // Whether each name was changed.
 std::vector<bool> nameGemmaNorms(const ModelKind& kind, std::vector<std::string>& names) {
   std::vector<bool> changed(names.size(), false);
-  if (!kind.isOneOf(kGemmaFamilies) || startsWith(kind.architecture, "gemma")) return changed;
+  if (!kind.isOneOf(kGemmaFamilies) || kind.architecture.starts_with("gemma")) return changed;
   std::set<std::string> layers;  // that have both norms
   for (const std::string& name : names) {
     if (suffixOf(name) == kBeforeFeedForward)
@@ -149,7 +146,7 @@ bool mappingKnows(const std::string& name) {
   if (!mapped.slices.empty()) return true;
   if (mapped.name == name) return false;
   constexpr std::string_view kLayer = "blk.";
-  if (!startsWith(mapped.name, kLayer)) return true;
+  if (!mapped.name.starts_with(kLayer)) return true;
   const std::string_view suffix =
       std::string_view(mapped.name).substr(mapped.name.find('.', kLayer.size()) + 1);
   if (!endsWith(name, "." + std::string(suffix))) return true;
@@ -158,7 +155,7 @@ bool mappingKnows(const std::string& name) {
 
 bool isContainerName(std::string_view stored) {
   constexpr std::string_view kLayer = "blk.";
-  if (!startsWith(stored, kLayer)) {
+  if (!stored.starts_with(kLayer)) {
     return std::find(std::begin(kContainerNames), std::end(kContainerNames), stored) !=
            std::end(kContainerNames);
   }
@@ -212,13 +209,13 @@ const char* nameReasonText(NameReason reason) noexcept {
 
 bool isOtherTower(std::string_view published) {
   for (const Wrapper& row : kWrappers) {
-    if (startsWith(published, row.prefix)) published.remove_prefix(row.prefix.size());
+    if (published.starts_with(row.prefix)) published.remove_prefix(row.prefix.size());
   }
   for (const std::string_view inner : kInnerPrefixes) {
-    if (!startsWith(published, inner)) continue;
+    if (!published.starts_with(inner)) continue;
     const std::string_view rest = published.substr(inner.size());
     for (const std::string_view tower : kOtherTowers) {
-      if (startsWith(rest, tower)) return true;
+      if (rest.starts_with(tower)) return true;
     }
   }
   return false;

@@ -16,6 +16,7 @@
 #include "okv2/prepare/source_guard.h"
 #include "okv2/prepare/tensor_names.h"
 #include "okv2/prepare/weight_refusals.h"
+#include "okv2/prepare/weight_sources.h"
 #include "readers/safetensors_importer.h"
 
 namespace zel::tool::prepare {
@@ -24,7 +25,6 @@ namespace {
 using explain::Id;
 
 constexpr std::size_t kStoredNameBytes = okv2::kTensorNameBytes - 1;
-constexpr char kTorchFile[] = "pytorch_model.bin";
 constexpr std::size_t kSearchedBytes = 1024;  // std::regex needs a stack as deep as the text is long
 
 std::string shapeText(const std::vector<std::uint64_t>& shape) {

@@ -47,8 +47,8 @@ const PickleItem* findKnownKey(const PickleNode& root) {
 }
 
 // Of a key that is only named. The memo can hand out one text of megabytes as the key of many.
-constexpr std::size_t kShownBytes = 200;
-std::string shown(std::string_view key) { return "'" + std::string(key.substr(0, kShownBytes)) + "'"; }
+constexpr std::size_t kShownKeyBytes = 200;
+std::string shown(std::string_view key) { return "'" + std::string(key.substr(0, kShownKeyBytes)) + "'"; }
 
 // What has no text for a key is called after its position in the dictionary.
 std::string entryName(std::size_t position) { return "entry " + std::to_string(position); }
@@ -118,7 +118,7 @@ Status takeBeside(const PickleNode& root, const PickleItem& chosen, bool isKnown
   for (const PickleItem* item = root.first; item != nullptr; item = item->next, ++position) {
     if (item == &chosen) continue;
     const bool isText = item->key.is(Kind::Text);
-    const std::string_view key = isText ? item->key.text().substr(0, kShownBytes) : std::string_view();
+    const std::string_view key = isText ? item->key.text().substr(0, kShownKeyBytes) : std::string_view();
     const bool holds = holdsTensors(item->value);
     if (isText && !seen.insert({key, holds}).second) continue;
     if (out.others.size() == kMaxFileTensors) return tooManyEntries("a dictionary");

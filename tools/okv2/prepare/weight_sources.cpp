@@ -27,7 +27,6 @@ using json::Kind;
 
 constexpr char kSafetensorsIndex[] = "model.safetensors.index.json";
 constexpr char kTorchIndex[] = "pytorch_model.bin.index.json";
-constexpr char kTorchFile[] = "pytorch_model.bin";
 constexpr std::string_view kTorchShard = "pytorch_model-";
 constexpr std::string_view kTorchSuffix = ".bin";
 constexpr std::string_view kAdapter = "adapter_model.";

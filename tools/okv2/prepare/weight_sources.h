@@ -9,6 +9,8 @@
 
 namespace zel::tool::prepare {
 
+inline constexpr char kTorchFile[] = "pytorch_model.bin";
+
 struct WeightSources {
   bool safetensors = false;        // or else torch checkpoints
   std::vector<std::string> names;  // without the directory, in byte order

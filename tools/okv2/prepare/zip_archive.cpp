@@ -16,7 +16,7 @@ constexpr std::uint64_t kMaxDirectoryBytes = std::uint64_t{64} << 20;
 constexpr std::uint64_t kUnlimited = std::numeric_limits<std::uint64_t>::max();
 // RFC 1951: 258 bytes from a length and a distance code of one bit each, four of them in a byte.
 constexpr std::uint64_t kMaxDeflateRatio = 1032;
-constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
+constexpr std::size_t kInflatedBytes = std::size_t{256} * 1024;
 
 struct CloseEntry {
   void operator()(zip_file_t* entry) const noexcept { (void)zip_fclose(entry); }
@@ -154,7 +154,7 @@ Status ZipArchive::read(const ZipEntryInfo& entry, const std::function<bool(std:
   };
   const OpenEntry open(zip_fopen_index(archive_, entry.index, 0));
   if (open == nullptr) return broken();
-  std::vector<char> piece(kPieceBytes);
+  std::vector<char> piece(kInflatedBytes);
   std::uint64_t left = entry.bytes;
   while (left > 0) {
     const zip_int64_t n = zip_fread(open.get(), piece.data(), std::min<std::uint64_t>(left, piece.size()));
