@@ -15,8 +15,6 @@
 namespace zel::fuzz {
 namespace {
 
-constexpr bool kNoMutants = false;  // see Seed::mutants
-
 using test::Op;
 using test::PickleBuilder;
 using test::PickleTensor;

@@ -6,6 +6,8 @@
 
 namespace zel::fuzz {
 
+inline constexpr bool kNoMutants = false;  // see Seed::mutants
+
 struct Seed {
   std::string name;  // says what it is: the name of its file in the corpus
   std::string bytes;

@@ -14,8 +14,6 @@ using test::SavedPickle;
 using test::SavedTensor;
 namespace op = test::pickle_op;
 
-constexpr bool kNoMutants = false;  // see Seed::mutants
-
 const std::string kElements(64, 'e');
 
 SavedTensor plain() { return {"w", {2, 2}, {2, 1}, "0", 16}; }

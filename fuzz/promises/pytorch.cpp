@@ -21,7 +21,7 @@ struct PlainEntry {
   std::uint64_t data = 0;
 };
 
-struct PlainTensor {
+struct PlainCheckpointTensor {
   std::string name;
   std::uint16_t dtype = 0;
   std::vector<std::uint64_t> shape;
@@ -42,7 +42,7 @@ class PlainArchive {
   Status readTensors(bool& known);
 
   [[nodiscard]] const std::vector<PlainEntry>& entries() const { return entries_; }
-  [[nodiscard]] const std::vector<PlainTensor>& tensors() const { return tensors_; }
+  [[nodiscard]] const std::vector<PlainCheckpointTensor>& tensors() const { return tensors_; }
 
  private:
   [[nodiscard]] std::uint64_t number(std::uint64_t at, unsigned bytes) const {
@@ -62,7 +62,7 @@ class PlainArchive {
 
   std::string_view file_;
   std::vector<PlainEntry> entries_;
-  std::vector<PlainTensor> tensors_;
+  std::vector<PlainCheckpointTensor> tensors_;
 };
 
 Status PlainArchive::readEntries() {
@@ -108,7 +108,7 @@ Status PlainArchive::addTensor(const std::string& name, const PlainPickle& value
     return unsupported("torch: state_dict contains a non-tensor python object (rejected for safety)");
   }
   const PlainPickle& storage = value.items[0];
-  PlainTensor tensor;
+  PlainCheckpointTensor tensor;
   if (storage.module == "FloatStorage") {
     tensor.dtype = 0;
   } else if (storage.module == "HalfStorage") {
@@ -150,9 +150,10 @@ Status PlainArchive::readTensors(bool& known) {
   const PlainPickle& root = run.stack.back();
   for (std::size_t k = 0; k < root.keys.size(); ++k)
     ZEL_RETURN_IF_ERROR(addTensor(root.keys[k], root.values[k]));
-  std::stable_sort(tensors_.begin(), tensors_.end(),
-                   [](const PlainTensor& a, const PlainTensor& b) { return a.name < b.name; });
-  for (const PlainTensor& tensor : tensors_) {
+  std::stable_sort(
+      tensors_.begin(), tensors_.end(),
+      [](const PlainCheckpointTensor& a, const PlainCheckpointTensor& b) { return a.name < b.name; });
+  for (const PlainCheckpointTensor& tensor : tensors_) {
     const PlainEntry* const storage = find(tensor.storage);
     if (storage == nullptr) return corrupted("torch: missing storage entry '" + tensor.storage + "'");
     if (Wide(tensor.elements) * (tensor.dtype == 0 ? 4 : 2) + tensor.byteOffset > storage->uncompressed) {
@@ -181,11 +182,11 @@ void checkEntries(const PyTorchImporter& importer, const std::vector<PlainEntry>
   }
 }
 
-void checkTensors(const PyTorchImporter& importer, const std::vector<PlainTensor>& expected) {
+void checkTensors(const PyTorchImporter& importer, const std::vector<PlainCheckpointTensor>& expected) {
   promise(importer.tensors().size() == expected.size(), "as many tensors as the reference");
   for (std::size_t k = 0; k < expected.size(); ++k) {
     const PtTensorInfo& tensor = importer.tensors()[k];
-    const PlainTensor& plain = expected[k];
+    const PlainCheckpointTensor& plain = expected[k];
     promise(tensor.name == plain.name && tensor.dtype == plain.dtype && tensor.storage == plain.storage,
             "tensors are the reference's");
     promise(tensor.ndim == std::uint16_t(plain.shape.size()) &&

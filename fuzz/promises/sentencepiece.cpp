@@ -58,7 +58,7 @@ void promiseKnownRefusal(const Outcome& outcome) {
 
 // ---- a plain reader of the one fact that is compared: the records of top-level field 1
 
-bool takeVarint(std::string_view& in, std::uint64_t& out) {
+bool takeLooseVarint(std::string_view& in, std::uint64_t& out) {
   out = 0;
   for (unsigned shift = 0; shift < 70; shift += 7) {
     if (in.empty()) return false;
@@ -73,13 +73,13 @@ bool takeVarint(std::string_view& in, std::uint64_t& out) {
 std::size_t countPieces(std::string_view in) {
   std::size_t pieces = 0;
   std::uint64_t key = 0, value = 0;
-  while (!in.empty() && takeVarint(in, key)) {
+  while (!in.empty() && takeLooseVarint(in, key)) {
     std::size_t length = 0;
     switch (key & 7) {
-      case 0: (void)takeVarint(in, value); break;
+      case 0: (void)takeLooseVarint(in, value); break;
       case 1: length = 8; break;
       case 2:
-        if (!takeVarint(in, value)) return pieces;
+        if (!takeLooseVarint(in, value)) return pieces;
         length = value;
         pieces += (key >> 3) == 1;
         break;

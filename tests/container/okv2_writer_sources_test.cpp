@@ -18,16 +18,12 @@ namespace zel {
 namespace {
 
 using test::containerOf;
+using test::File;
 using test::IsOk;
 using test::StatusIs;
 using test::TempDir;
 
-struct CloseFile {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-constexpr std::uint64_t kDims[] = {1};
+constexpr std::uint64_t kOneExtent[] = {1};
 
 std::string weights(const std::string& file) { return file.substr(loadU64(file.data() + 64 + 24 * 4 + 8)); }
 
@@ -44,7 +40,7 @@ class OKV2WriterFileSource : public testing::Test {
 
   Status writeOne(std::FILE* file, std::uint64_t offset, std::uint64_t size) {
     OKV2Writer writer;
-    test::addOk(writer.addTensorFrom(file, "w", 0, kDims, 1, offset, size));
+    test::addOk(writer.addTensorFrom(file, "w", 0, kOneExtent, 1, offset, size));
     return writer.write(out.c_str());
   }
 
@@ -97,7 +93,7 @@ TEST_F(OKV2WriterFileSource, LeavesTheBytesBeforeItOnDiskWhenItFails) {
   const File source = open("0123456789");
   OKV2Writer writer;
   test::addBytes(writer, "a", "whole");
-  test::addOk(writer.addTensorFrom(source.get(), "b", 0, kDims, 1, 5, 6));
+  test::addOk(writer.addTensorFrom(source.get(), "b", 0, kOneExtent, 1, 5, 6));
   ASSERT_THAT(writer.write(out.c_str()), StatusIs(Code::InvalidFormat, "OKV2: read source failed"));
   const std::string left = test::readWholeFile(out);
   EXPECT_EQ(left.substr(0, 4), "OKV2");
@@ -128,7 +124,7 @@ TEST_F(OKV2WriterFileSource, IsReadAgainByTheNextWrite) {
   const File source(std::fopen(path.c_str(), "rb"));
   setvbuf(source.get(), nullptr, _IONBF, 0);
   OKV2Writer writer;
-  test::addOk(writer.addTensorFrom(source.get(), "w", 0, kDims, 1, 0, 6));
+  test::addOk(writer.addTensorFrom(source.get(), "w", 0, kOneExtent, 1, 0, 6));
   EXPECT_EQ(weights(containerOf(writer)).substr(0, 6), "before");
   dir.write("source", "after!");
   EXPECT_EQ(weights(containerOf(writer)).substr(0, 6), "after!");
@@ -137,9 +133,9 @@ TEST_F(OKV2WriterFileSource, IsReadAgainByTheNextWrite) {
 TEST_F(OKV2WriterFileSource, MayServeManyTensorsInAnyOrder) {
   const File source = open("aabbbbcc");
   OKV2Writer writer;
-  test::addOk(writer.addTensorFrom(source.get(), "c", 0, kDims, 1, 6, 2));
-  test::addOk(writer.addTensorFrom(source.get(), "a", 0, kDims, 1, 0, 2));
-  test::addOk(writer.addTensorFrom(source.get(), "b", 0, kDims, 1, 2, 4));
+  test::addOk(writer.addTensorFrom(source.get(), "c", 0, kOneExtent, 1, 6, 2));
+  test::addOk(writer.addTensorFrom(source.get(), "a", 0, kOneExtent, 1, 0, 2));
+  test::addOk(writer.addTensorFrom(source.get(), "b", 0, kOneExtent, 1, 2, 4));
   const std::string data = weights(containerOf(writer));
   EXPECT_EQ(data.substr(0, 2) + data.substr(64, 4) + data.substr(128, 2), "aabbbbcc");
 }
@@ -148,8 +144,8 @@ TEST_F(OKV2WriterFileSource, MixesWithCopiedAndBorrowedTensors) {
   const File source = open("from the file");
   const std::string memory = "from memory";
   OKV2Writer writer;
-  test::addOk(writer.addTensorFromMem(memory.data(), "c", 0, kDims, 1, memory.size()));
-  test::addOk(writer.addTensorFrom(source.get(), "b", 0, kDims, 1, 0, 13));
+  test::addOk(writer.addTensorFromMem(memory.data(), "c", 0, kOneExtent, 1, memory.size()));
+  test::addOk(writer.addTensorFrom(source.get(), "b", 0, kOneExtent, 1, 0, 13));
   test::addBytes(writer, "a", "copied");
   const std::string data = weights(containerOf(writer));
   EXPECT_EQ(data, "copied" + std::string(58, '\0') + "from the file" + std::string(51, '\0') + "from memory" +

@@ -14,6 +14,7 @@ namespace zel {
 namespace {
 
 using test::containerOf;
+using test::File;
 using test::IsOk;
 using test::StatusIs;
 
@@ -88,11 +89,6 @@ TEST(OKV2WriterAddTensor, CopiesTheDataAtOnce) {
 }
 
 // ---- addTensorFrom
-
-struct CloseFile {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
 
 File fileHolding(const std::string& bytes) {
   File file(std::tmpfile());

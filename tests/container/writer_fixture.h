@@ -12,6 +12,11 @@
 
 namespace zel::test {
 
+struct CloseFile {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
 inline void addOk(const Status& status) { EXPECT_THAT(status, IsOk()); }
 
 // One tensor of `bytes`, one-dimensional, of type F32 (nothing checks the size against the shape).

@@ -9,22 +9,18 @@
 #include "support/pickle_builder.h"
 #include "support/status_matchers.h"
 #include "support/zip_builder.h"
+#include "torch_archives.h"
 
 namespace zel {
 namespace {
 
+using test::emptyCheckpoint;
 using test::IsOk;
+using test::openStatus;
 using test::StatusIs;
 using test::ZipBuilder;
 
 constexpr char kEndSignature[] = "PK\x05\x06";
-
-ZipBuilder emptyCheckpoint() { return ZipBuilder().add("data.pkl", test::stateDict({})); }
-
-Status openStatus(const std::string& bytes) {
-  PyTorchImporter importer;
-  return importer.openBytes(bytes);
-}
 
 // ---- the end record: searched from size - 22 down to size - 22 - 65536
 

@@ -10,11 +10,14 @@
 #include "support/pickle_builder.h"
 #include "support/status_matchers.h"
 #include "support/zip_builder.h"
+#include "torch_archives.h"
 
 namespace zel {
 namespace {
 
+using test::emptyCheckpoint;
 using test::IsOk;
+using test::openStatus;
 using test::PickleBuilder;
 using test::StatusIs;
 using test::ZipBuilder;
@@ -25,13 +28,6 @@ constexpr char kCompressed[] =
 
 // A program that leaves an empty dict: a checkpoint without tensors.
 std::string emptyDict() { return test::stateDict({}); }
-
-ZipBuilder emptyCheckpoint() { return ZipBuilder().add("data.pkl", emptyDict()); }
-
-Status openStatus(const std::string& bytes) {
-  PyTorchImporter importer;
-  return importer.openBytes(bytes);
-}
 
 TEST(PyTorchArchive, ListsEveryEntryInTheOrderOfTheDirectory) {
   ZipBuilder zip = emptyCheckpoint().add("w", "0123456789").add("a", "");

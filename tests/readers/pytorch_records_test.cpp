@@ -12,12 +12,14 @@
 #include "support/pickle_builder.h"
 #include "support/status_matchers.h"
 #include "support/zip_builder.h"
+#include "torch_archives.h"
 
 namespace zel {
 namespace {
 
 using test::IsOk;
 using test::Op;
+using test::openStatus;
 using test::PickleBuilder;
 using test::PickleTensor;
 using test::StatusIs;
@@ -32,11 +34,6 @@ ZipBuilder archive(const std::string& program) { return ZipBuilder().add("data.p
 // One storage entry "s" of so many bytes beside the program.
 std::string archiveWithStorage(const std::string& program, std::size_t storageBytes) {
   return archive(program).add("s", std::string(storageBytes, 'x')).build();
-}
-
-Status openStatus(const std::string& bytes) {
-  PyTorchImporter importer;
-  return importer.openBytes(bytes);
 }
 
 std::vector<std::string> tensorNames(const std::string& bytes) {

@@ -62,7 +62,7 @@ const char* const kBadLength = "safetensors: bad header length";
 const char* const kJson = "safetensors: header JSON";
 const char* const kEntry = "safetensors: bad tensor entry 'w'";
 const char* const kShape = "safetensors: bad shape";
-const char* const kOffsets = "safetensors: bad offsets";
+const char* const kBadOffsets = "safetensors: bad offsets";
 const char* const kRange = "safetensors: offset out of range 'w'";
 
 INSTANTIATE_TEST_SUITE_P(
@@ -192,21 +192,21 @@ INSTANTIATE_TEST_SUITE_P(
     Offsets, SafetensorsHeader,
     testing::Values(HeaderCase{"UpToTheLastByte", withOffsets("[8,16]"), Code::OK, ""},
                     HeaderCase{"OneByteBehindTheData", withOffsets("[9,17]"), kBad, kRange},
-                    HeaderCase{"BeginAfterEnd", withOffsets("[8,4]"), kBad, kOffsets},
+                    HeaderCase{"BeginAfterEnd", withOffsets("[8,4]"), kBad, kBadOffsets},
                     HeaderCase{"BeginEqualsEnd", withOffsets("[8,8]"), kBad, mismatch("8", "0")},
-                    HeaderCase{"NegativeBegin", withOffsets("[-1,7]"), kBad, kOffsets},
-                    HeaderCase{"BothNegative", withOffsets("[-8,-1]"), kBad, kOffsets},
-                    HeaderCase{"FractionalBegin", withOffsets("[0.5,8]"), kBad, kOffsets},
-                    HeaderCase{"FractionalEnd", withOffsets("[0,8.5]"), kBad, kOffsets},
+                    HeaderCase{"NegativeBegin", withOffsets("[-1,7]"), kBad, kBadOffsets},
+                    HeaderCase{"BothNegative", withOffsets("[-8,-1]"), kBad, kBadOffsets},
+                    HeaderCase{"FractionalBegin", withOffsets("[0.5,8]"), kBad, kBadOffsets},
+                    HeaderCase{"FractionalEnd", withOffsets("[0,8.5]"), kBad, kBadOffsets},
                     HeaderCase{"IntegralFraction", withOffsets("[0.0,8.0]"), Code::OK, ""},
                     HeaderCase{"MinusZero", withOffsets("[-0,8]"), Code::OK, ""},
-                    HeaderCase{"StringBegin", withOffsets(R"(["0",8])"), kBad, kOffsets},
-                    HeaderCase{"NullEnd", withOffsets("[0,null]"), kBad, kOffsets},
-                    HeaderCase{"NestedOffsets", withOffsets("[[0,8],[0,8]]"), kBad, kOffsets},
-                    HeaderCase{"EndOfTwoToThe63", withOffsets("[0,9223372036854775808]"), kBad, kOffsets},
+                    HeaderCase{"StringBegin", withOffsets(R"(["0",8])"), kBad, kBadOffsets},
+                    HeaderCase{"NullEnd", withOffsets("[0,null]"), kBad, kBadOffsets},
+                    HeaderCase{"NestedOffsets", withOffsets("[[0,8],[0,8]]"), kBad, kBadOffsets},
+                    HeaderCase{"EndOfTwoToThe63", withOffsets("[0,9223372036854775808]"), kBad, kBadOffsets},
                     HeaderCase{"LargestIntegralEnd", withOffsets("[0,9223372036854774784]"), kBad, kRange},
-                    HeaderCase{"InfiniteEnd", withOffsets("[0,1e400]"), kBad, kOffsets},
-                    HeaderCase{"InfiniteBegin", withOffsets("[1e400,1e400]"), kBad, kOffsets},
+                    HeaderCase{"InfiniteEnd", withOffsets("[0,1e400]"), kBad, kBadOffsets},
+                    HeaderCase{"InfiniteBegin", withOffsets("[1e400,1e400]"), kBad, kBadOffsets},
                     HeaderCase{"NoDataAtAll",
                                oneEntry(R"({"dtype":"F32","shape":[1],"data_offsets":[0,4]})", 0), kBad,
                                kRange}),

@@ -184,6 +184,7 @@ inline SavedPickle savedDict(const std::vector<std::pair<SavedPickle, SavedPickl
     out.raw(key.bytes()).raw(value.bytes());
   return out.op(pickle_op::kSetItems);
 }
+inline SavedPickle bare() { return SavedPickle::bare(); }
 inline SavedPickle savedText(std::string_view text) { return SavedPickle::bare().text(text); }
 
 using SavedStorages = std::vector<std::pair<std::string, std::string>>;  // key and bytes

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/container_builder.h"
 #include "support/run_command.h"
 #include "support/temp_dir.h"
 
@@ -15,6 +16,11 @@ namespace zel::tool {
 inline test::CommandResult okv2Run(std::vector<std::string> arguments) {
   arguments.insert(arguments.begin(), OKV2_COMMAND);
   return test::runCommand(arguments);
+}
+
+// test::fullContainer() in `dir`; returns its path.
+inline std::string writeFullContainer(const test::TempDir& dir) {
+  return dir.write("c.okv2", test::fullContainer().build().bytes);
 }
 
 // A sample model in `dir`/model; returns its path.

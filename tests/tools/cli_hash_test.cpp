@@ -15,13 +15,10 @@ namespace {
 
 using test::CommandResult;
 using test::ContainerBuilder;
-using test::fullContainer;
 using test::TempDir;
 
 // Of "xx"; from coreutils' sha256sum.
 constexpr char kSumOfXx[] = "5dde896887f6754c9b15bfe3a441ae4806df2fde94001311e08bf110622e0bbe";
-
-std::string full(const TempDir& dir) { return dir.write("c.okv2", fullContainer().build().bytes); }
 
 // sha256sum of "xx": from coreutils.
 TEST(OkvHash, PrintsTheSumsOfSha256sum) {
@@ -55,7 +52,7 @@ TEST(OkvHashCheck, TellsChangedMissingAndUnlistedTensors) {
 TEST(OkvHashCheck, RefusesWhatIsNoListOfSums) {
   const TempDir dir;
   const std::string sums = dir.write("sums", "nonsense\n");
-  const CommandResult result = okv2Run({"hash", full(dir), "--check", sums});
+  const CommandResult result = okv2Run({"hash", writeFullContainer(dir), "--check", sums});
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_EQ(result.err, "okv2: " + sums + ": not a list of sums\n");
 }
@@ -121,7 +118,7 @@ TEST(OkvHashCheck, TakesALastLineWithoutAnEndAndUpperCase) {
 TEST(OkvHashCheck, RefusesAFifoAtOnce) {
   const TempDir dir;
   ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
-  const CommandResult result = okv2Run({"hash", full(dir), "--check", dir / "fifo"});
+  const CommandResult result = okv2Run({"hash", writeFullContainer(dir), "--check", dir / "fifo"});
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, "okv2: " + dir / "fifo" + ": not a regular file\n");
@@ -129,7 +126,7 @@ TEST(OkvHashCheck, RefusesAFifoAtOnce) {
 
 TEST(OkvHashCheck, SaysWhyAListCannotBeRead) {
   const TempDir dir;
-  const CommandResult result = okv2Run({"hash", full(dir), "--check", dir / "sums"});
+  const CommandResult result = okv2Run({"hash", writeFullContainer(dir), "--check", dir / "sums"});
   EXPECT_EQ(result.exitCode, 6);
   EXPECT_EQ(result.err, "okv2: cannot read " + dir / "sums" + ": No such file or directory\n");
 }
@@ -151,9 +148,10 @@ TEST(OkvHashCheck, RefusesAListThatIsTooLong) {
   const TempDir dir;
   const std::string sums = dir.write("sums", "");
   std::filesystem::resize_file(sums, std::uintmax_t{1} << 28);
-  EXPECT_EQ(okv2Run({"hash", full(dir), "--check", sums}).err, "okv2: " + sums + ": not a list of sums\n");
+  EXPECT_EQ(okv2Run({"hash", writeFullContainer(dir), "--check", sums}).err,
+            "okv2: " + sums + ": not a list of sums\n");
   std::filesystem::resize_file(sums, (std::uintmax_t{1} << 28) + 1);
-  const CommandResult result = okv2Run({"hash", full(dir), "--check", sums});
+  const CommandResult result = okv2Run({"hash", writeFullContainer(dir), "--check", sums});
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_EQ(result.err, "okv2: " + sums + ": more than 268435456 bytes\n");
 }

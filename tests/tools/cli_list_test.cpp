@@ -15,30 +15,28 @@ using test::fullContainer;
 using test::TempDir;
 using testing::HasSubstr;
 
-std::string full(const TempDir& dir) { return dir.write("c.okv2", fullContainer().build().bytes); }
-
 TEST(OkvListMeta, PrintsTheValueAsItIs) {
   const TempDir dir;
-  EXPECT_EQ(okv2Run({"list", full(dir), "--meta", "a.str"}).out, "llama\n");
-  EXPECT_EQ(okv2Run({"list", full(dir), "--meta", "a.u64"}).out, "4294967298\n");
-  EXPECT_EQ(okv2Run({"list", full(dir), "--meta", "a.arr"}).out, "[1,300]\n");
+  EXPECT_EQ(okv2Run({"list", writeFullContainer(dir), "--meta", "a.str"}).out, "llama\n");
+  EXPECT_EQ(okv2Run({"list", writeFullContainer(dir), "--meta", "a.u64"}).out, "4294967298\n");
+  EXPECT_EQ(okv2Run({"list", writeFullContainer(dir), "--meta", "a.arr"}).out, "[1,300]\n");
 }
 
 TEST(OkvListMeta, MissesAKeyInPlainWords) {
   const TempDir dir;
-  const Answer answer = okv2Answer({"list", full(dir), "--meta", "none"});
+  const Answer answer = okv2Answer({"list", writeFullContainer(dir), "--meta", "none"});
   EXPECT_EQ(answer.exitCode, 2);
   EXPECT_EQ(answer.document["error"], dir / "c.okv2" + ": no metadata item none");
 }
 
 TEST(OkvListTemplate, PrintsTheTemplateAsItIs) {
   const TempDir dir;
-  EXPECT_EQ(okv2Run({"list", full(dir), "--template"}).out.size(), 5U);
+  EXPECT_EQ(okv2Run({"list", writeFullContainer(dir), "--template"}).out.size(), 5U);
 }
 
 TEST(OkvListTensors, LeavesEverythingElseOut) {
   const TempDir dir;
-  const CommandResult result = okv2Run({"list", full(dir), "--tensors"});
+  const CommandResult result = okv2Run({"list", writeFullContainer(dir), "--tensors"});
   EXPECT_EQ(result.out.rfind("\ntensors: 3\n", 0), 0U) << result.out;
 }
 
@@ -55,7 +53,7 @@ TEST(OkvListMarkdown, EscapesWhatEndsACell) {
 
 TEST(OkvListJson, HasEverything) {
   const TempDir dir;
-  const json document = okv2Answer({"list", full(dir)}).document;
+  const json document = okv2Answer({"list", writeFullContainer(dir)}).document;
   EXPECT_EQ(document["schema"], 1);
   EXPECT_EQ(document["bytes"], 1600);
   EXPECT_EQ(document["metadata"][2], json({{"key", "a.f32"}, {"type", "f32"}, {"value", 0.5}}));
@@ -88,7 +86,7 @@ TEST(OkvVerifyJson, HoldsTheFindings) {
 // The tokenizer part of the listing whose places are worked out at the top of cli_container_test.cpp.
 TEST(OkvListTokenizer, LeavesEverythingElseOut) {
   const TempDir dir;
-  const CommandResult result = okv2Run({"list", full(dir), "--tokenizer"});
+  const CommandResult result = okv2Run({"list", writeFullContainer(dir), "--tokenizer"});
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out,
@@ -99,7 +97,7 @@ TEST(OkvListTokenizer, LeavesEverythingElseOut) {
 
 TEST(OkvListTokenizer, IsAMemberOfItsOwnInJson) {
   const TempDir dir;
-  const Answer answer = okv2Answer({"list", full(dir), "--tokenizer"});
+  const Answer answer = okv2Answer({"list", writeFullContainer(dir), "--tokenizer"});
   EXPECT_EQ(answer.exitCode, 0);
   EXPECT_EQ(answer.document, json({{"schema", 1},
                                    {"command", "list"},
@@ -117,7 +115,7 @@ TEST(OkvListTokenizer, IsAMemberOfItsOwnInJson) {
 
 TEST(OkvListTokenizer, IsALineOfMarkdown) {
   const TempDir dir;
-  EXPECT_EQ(okv2Run({"list", full(dir), "--tokenizer", "--markdown"}).out,
+  EXPECT_EQ(okv2Run({"list", writeFullContainer(dir), "--tokenizer", "--markdown"}).out,
             "\nTokenizer: 3 tokens, 1 scores, 3 types, 1 merges; bos 0, eos 2, unk -1, pad -1\n");
 }
 

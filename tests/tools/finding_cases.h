@@ -44,6 +44,11 @@ inline test::ModelDirBuilder goodModel() {
       .tokenizer();
 }
 
+// The same with a configuration of the model type and one more member.
+inline test::ModelDirBuilder llamaWith(const std::string& member) {
+  return goodModel().config(R"({"model_type":"llama",)" + member + "}");
+}
+
 // A tokenizer.model of one token under the field numbers that are read (docs/compatibility.md).
 inline std::string goodTokenizerModel() {
   return test::ProtoBuilder().message(3, test::ProtoBuilder().bytes(1, "a").number(2, -1)).str();

@@ -9,12 +9,9 @@ namespace {
 
 using test::ModelDirBuilder;
 
-ModelDirBuilder withConfig(const std::string& json) { return goodModel().config(json); }
-ModelDirBuilder llamaWith(const std::string& member) {
-  return withConfig(R"({"model_type":"llama",)" + member + "}");
-}
+ModelDirBuilder goodModelWith(const std::string& config) { return goodModel().config(config); }
 ModelDirBuilder gemma4With(const std::string& members) {
-  return withConfig(R"({"model_type":"gemma4",)" + members + "}");
+  return goodModelWith(R"({"model_type":"gemma4",)" + members + "}");
 }
 
 }  // namespace
@@ -30,44 +27,44 @@ std::vector<FindingCase> configCases() {
        goodModel()},
       {Id::ConfigMissing,
        "Empty",
-       withConfig(""),
+       goodModelWith(""),
        R"(fatal config.missing: config.json
   There is no readable config.json.
   Why: Every import begins with this file, and an empty file counts as unreadable.
   Do:  Put the model's config.json into the directory.
 )",
-       withConfig("7"),
+       goodModelWith("7"),
        {"file.empty"}},
-      {Id::ConfigBadJson, "TrailingComma", withConfig(R"({"model_type":"llama",})"),
+      {Id::ConfigBadJson, "TrailingComma", goodModelWith(R"({"model_type":"llama",})"),
        R"(fatal config.bad-json: config.json
   byte 22: json: object key
   config.json is not JSON.
   Why: The file is parsed by RFC 8259, without comments or trailing commas.
   Do:  Mend the file at the byte that is named, or fetch it again.
 )",
-       withConfig(R"({"model_type":"llama"})")},
-      {Id::ConfigNotObject, "Array", withConfig("[]"),
+       goodModelWith(R"({"model_type":"llama"})")},
+      {Id::ConfigNotObject, "Array", goodModelWith("[]"),
        R"(fatal config.not-object: config.json
   $ is an array
   config.json holds something other than a JSON object.
   Why: The settings are looked up as members of an object.
   Do:  Put the model's own config.json there.
 )",
-       withConfig("{}")},
-      {Id::ConfigNoModelType, "NoArchitecture", withConfig(R"({"architectures":[]})"),
+       goodModelWith("{}")},
+      {Id::ConfigNoModelType, "NoArchitecture", goodModelWith(R"({"architectures":[]})"),
        R"(fatal config.no-model-type: config.json
   config.json names no architecture.
   Why: It needs a text "model_type", or a text as the first entry of "architectures".
   Do:  Add "model_type" to config.json.
 )",
-       withConfig(R"({"architectures":["x"]})")},
-      {Id::ConfigNoModelType, "EmptyModelType", withConfig(R"({"model_type":"","architectures":["x"]})"),
+       goodModelWith(R"({"architectures":["x"]})")},
+      {Id::ConfigNoModelType, "EmptyModelType", goodModelWith(R"({"model_type":"","architectures":["x"]})"),
        R"(fatal config.no-model-type: config.json
   config.json names no architecture.
   Why: It needs a text "model_type", or a text as the first entry of "architectures".
   Do:  Add "model_type" to config.json.
 )",
-       withConfig(R"({"model_type":7,"architectures":["x"]})")},
+       goodModelWith(R"({"model_type":7,"architectures":["x"]})")},
       {Id::ConfigKeyNotRead, "OtherSpelling", llamaWith(R"("n_embd":8)"),
        R"(loss config.key-not-read: n_embd
   config.json: $.n_embd is 8; $.hidden_size is read, and stays 0
@@ -207,8 +204,8 @@ std::vector<FindingCase> configCases() {
 )",
        llamaWith(R"("bos_token_id":1)")},
       {Id::ConfigSizeMissing, "Heads",
-       withConfig(R"({"model_type":"llama","hidden_size":8,"num_hidden_layers":2,"num_key_value_heads":1,)"
-                  R"("intermediate_size":16})"),
+       goodModelWith(R"({"model_type":"llama","hidden_size":8,"num_hidden_layers":2,"num_key_value_heads":1,)"
+                     R"("intermediate_size":16})"),
        R"(loss config.size-missing: num_attention_heads
   config.json: $.num_attention_heads gives no number, and stays 0
   A size is given nowhere.
@@ -217,7 +214,7 @@ std::vector<FindingCase> configCases() {
 )",
        goodModel()},
       {Id::ConfigSettingMissing, "RopeBase",
-       withConfig(R"({"model_type":"llama","max_position_embeddings":64,"rms_norm_eps":1e-05})"),
+       goodModelWith(R"({"model_type":"llama","max_position_embeddings":64,"rms_norm_eps":1e-05})"),
        R"(note config.setting-missing: rope_theta
   config.json: $.rope_theta gives no number, and model.rope_theta is left out
   A setting beside the sizes is given nowhere.

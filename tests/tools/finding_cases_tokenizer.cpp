@@ -10,16 +10,13 @@ namespace {
 using test::ModelDirBuilder;
 using test::ProtoBuilder;
 
-ModelDirBuilder withTokenizer(const std::string& json) { return ModelDirBuilder().tokenizer(json); }
+ModelDirBuilder onlyTokenizer(const std::string& json) { return ModelDirBuilder().tokenizer(json); }
 // A bad tokenizer.json beside a tokenizer.model that takes its place, so that its fault stands alone.
 ModelDirBuilder besideAModel(const std::string& json) {
-  return withTokenizer(json).file("tokenizer.model", goodTokenizerModel());
+  return onlyTokenizer(json).file("tokenizer.model", goodTokenizerModel());
 }
 ModelDirBuilder withModel(const std::string& bytes) {
   return ModelDirBuilder().file("tokenizer.model", bytes);
-}
-ModelDirBuilder withConfig(const std::string& member) {
-  return goodModel().config(R"({"model_type":"llama",)" + member + "}");
 }
 
 // Field numbers of sentencepiece_model.proto: pieces are field 1 and the normaliser's settings field 3.
@@ -100,7 +97,7 @@ std::vector<FindingCase> jsonCases() {
 )",
        besideAModel(R"({"model":{"vocab":{"a":0}},"added_tokens":[]})")},
       {Id::TokenizerJsonPartsIgnored, "TwoOfFour",
-       withTokenizer(R"({"normalizer":{"type":"NFC"},"pre_tokenizer":null,"decoder":{},)"
+       onlyTokenizer(R"({"normalizer":{"type":"NFC"},"pre_tokenizer":null,"decoder":{},)"
                      R"("model":{"vocab":{"a":0}}})"),
        R"(note tokenizer.json-parts-ignored: tokenizer.json
   normalizer, decoder
@@ -108,7 +105,7 @@ std::vector<FindingCase> jsonCases() {
   Why: Vocabulary, merges, scores and added tokens are taken; normaliser, pre-tokeniser, post-processor and decoder are not.
   Do:  Configure them in the consumer of the container.
 )",
-       withTokenizer(R"({"normalizer":null,"model":{"vocab":{"a":0}}})")},
+       onlyTokenizer(R"({"normalizer":null,"model":{"vocab":{"a":0}}})")},
   };
 }
 
@@ -198,34 +195,34 @@ std::vector<FindingCase> vocabularyCases() {
   Do:  Nothing, if one of those two is complete.
 )",
        goodModel().file("merges.md", "")},
-      {Id::TokenizerVocabSize, "OneMore", withConfig(R"("vocab_size":5)"),
+      {Id::TokenizerVocabSize, "OneMore", llamaWith(R"("vocab_size":5)"),
        R"(note tokenizer.vocab-size: vocab_size
   vocab_size is 5, the vocabulary has 4 tokens
   The vocabulary and vocab_size differ.
   Why: Both are stored as they are; models often round vocab_size up.
   Do:  Nothing, if the embedding has vocab_size rows.
 )",
-       withConfig(R"("vocab_size":4)")},
+       llamaWith(R"("vocab_size":4)")},
       {Id::TokenizerVocabSize,
        "Negative",
-       withConfig(R"("vocab_size":-4)"),
+       llamaWith(R"("vocab_size":-4)"),
        R"(note tokenizer.vocab-size: vocab_size
   vocab_size is -4, the vocabulary has 4 tokens
   The vocabulary and vocab_size differ.
   Why: Both are stored as they are; models often round vocab_size up.
   Do:  Nothing, if the embedding has vocab_size rows.
 )",
-       withConfig(R"("vocab_size":0)"),  // counts as not given
+       llamaWith(R"("vocab_size":0)"),  // counts as not given
        {"config.value-changed"}},
       {Id::TokenizerAddedOutside, "FirstIdBeyond",
-       withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":1,"content":"<x>"}]})"),
+       onlyTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":1,"content":"<x>"}]})"),
        R"(loss tokenizer.added-outside: tokenizer.json
   1 of 1 added tokens lie outside the 1 tokens of $.model.vocab, the first is "<x>" with id 1
   Added tokens lie beyond the vocabulary.
   Why: They are never appended to it, so their texts do not reach the container.
   Do:  Run okv2 prepare DIR OUT: it moves them into the vocabulary. Give one that it leaves a whole number of at least 0 as its id.
 )",
-       withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"<x>"}]})")},
+       onlyTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"<x>"}]})")},
       {Id::TokenizerAddedElsewhere, "OtherText",
        goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"1":{"content":"<x>"}}})"),
        R"(loss tokenizer.added-elsewhere: tokenizer_config.json
@@ -245,14 +242,14 @@ std::vector<FindingCase> vocabularyCases() {
 )",
        goodModel().file("tokenizer_config.json", R"({"added_tokens_decoder":{"3":{"content":"ab"}}})")},
       {Id::TokenizerAddedElsewhere, "OfTokenizerJson",
-       withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"<tool>"}]})"),
+       onlyTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"<tool>"}]})"),
        R"(loss tokenizer.added-elsewhere: tokenizer.json
   1 of 1 added tokens, the first is "<tool>" with id 0, which is "a"
   An added token has the id of another token.
   Why: The vocabulary's own text stays at that id, and the public tokenizer would put the added one there.
   Do:  Look which of the two the model was trained with, and name it in the tokenizer file.
 )",
-       withTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"a"}]})")},
+       onlyTokenizer(R"({"model":{"vocab":{"a":0}},"added_tokens":[{"id":0,"content":"a"}]})")},
       {Id::TokenizerSpecialNotRead, "EndOfText",
        goodModel().file("tokenizer_config.json", R"({"eos_token":"ab"})"),
        R"(loss tokenizer.special-not-read: eos_token
@@ -262,39 +259,39 @@ std::vector<FindingCase> vocabularyCases() {
   Do:  Run okv2 prepare DIR OUT: it looks the text up, puts one that the vocabulary lacks behind the last token, and writes the id where it is read.
 )",
        goodModel().file("tokenizer_config.json", R"({"bos_token":"<s>"})")},
-      {Id::TokenizerSpecialIdOutside, "FirstIdBeyond", withConfig(R"("pad_token_id":4)"),
+      {Id::TokenizerSpecialIdOutside, "FirstIdBeyond", llamaWith(R"("pad_token_id":4)"),
        R"(loss tokenizer.special-id-outside: pad
   pad id 4 with 4 tokens
   A special id points outside the vocabulary.
   Why: Ids are taken as they are given, also where no such token is stored.
   Do:  Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary, and settles an id below 0 by the texts that the tokenizer's files name. One that no token has stays: correct it in config.json.
 )",
-       withConfig(R"("pad_token_id":3)")},
-      {Id::TokenizerSpecialIdOutside, "BelowNone", withConfig(R"("bos_token_id":-2)"),
+       llamaWith(R"("pad_token_id":3)")},
+      {Id::TokenizerSpecialIdOutside, "BelowNone", llamaWith(R"("bos_token_id":-2)"),
        R"(loss tokenizer.special-id-outside: bos
   bos id -2 with 4 tokens
   A special id points outside the vocabulary.
   Why: Ids are taken as they are given, also where no such token is stored.
   Do:  Run okv2 prepare DIR OUT: it moves added tokens into the vocabulary, and settles an id below 0 by the texts that the tokenizer's files name. One that no token has stays: correct it in config.json.
 )",
-       withConfig(R"("bos_token_id":-1)")},
+       llamaWith(R"("bos_token_id":-1)")},
       {Id::TokenizerScoreCount, "OneOfTwo",
-       withTokenizer(R"({"model":{"vocab":{"a":0,"b":1},"scores":[0.5]}})"),
+       onlyTokenizer(R"({"model":{"vocab":{"a":0,"b":1},"scores":[0.5]}})"),
        R"(note tokenizer.score-count: tokenizer.json
   1 scores, 2 tokens
   The number of scores is not the number of tokens.
   Why: Scores are stored as they are read, tied to nothing.
   Do:  Correct "scores" in tokenizer.json.
 )",
-       withTokenizer(R"({"model":{"vocab":{"a":0,"b":1},"scores":[0.5,0.5]}})")},
-      {Id::TokenizerEmpty, "NoToken", withTokenizer(R"({"model":{"vocab":{}}})"),
+       onlyTokenizer(R"({"model":{"vocab":{"a":0,"b":1},"scores":[0.5,0.5]}})")},
+      {Id::TokenizerEmpty, "NoToken", onlyTokenizer(R"({"model":{"vocab":{}}})"),
        R"(loss tokenizer.empty: tokenizer.json
   it has no token
   The container will carry an empty tokenizer.
   Why: Without a single token neither the special ids nor the chat template are handed over.
   Do:  Mend the tokenizer file as the other findings say.
 )",
-       withTokenizer(R"({"model":{"vocab":{"a":0}}})")},
+       onlyTokenizer(R"({"model":{"vocab":{"a":0}}})")},
   };
 }
 

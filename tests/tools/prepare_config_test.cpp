@@ -16,8 +16,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-ModelDirBuilder withConfig(std::string_view json) { return ModelDirBuilder().config(json).tokenizer(); }
-
 TEST(MendConfig, GivesACompleteConfigurationBackByteForByte) {
   const std::string text = R"( {"model_type" : "x", "hidden_size":8, "num_hidden_layers": 2} )";
   const PreparedDirectory directory(withConfig(text));

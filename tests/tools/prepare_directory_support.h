@@ -25,6 +25,10 @@ inline std::string completeConfig(const std::string& more = "") {
   return R"({"model_type":"x",)" + std::string(kAllSizes) + (more.empty() ? "" : ",") + more + "}";
 }
 
+inline test::ModelDirBuilder withConfig(std::string_view json) {
+  return test::ModelDirBuilder().config(json).tokenizer();
+}
+
 // A model directory, prepared.
 class PreparedDirectory {
  public:

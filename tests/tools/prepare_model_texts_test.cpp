@@ -12,8 +12,6 @@ namespace {
 using test::ModelDirBuilder;
 using testing::ElementsAre;
 
-ModelDirBuilder withConfig(std::string_view json) { return ModelDirBuilder().config(json).tokenizer(); }
-
 TEST(ReadModelTexts, TakesTheNumbersOfPythonForNull) {
   const PreparedDirectory directory(
       withConfig(R"({"model_type":"x","a\"NaN":"NaN","b":[NaN,Infinity,-Infinity]})"));

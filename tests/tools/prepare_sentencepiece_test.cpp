@@ -58,14 +58,14 @@ ModelBuilder smallModel() {
       .add(piece("a", -1.5F, kNormal));
 }
 
-struct Mended {
+struct MendedModel {
   Tokenizer tokenizer;
   std::vector<std::string> changes;
   TokenizerData data;  // as an import reads it
 };
 
-Mended mend(const std::string& bytes, const std::vector<AddedToken>& added = {}) {
-  Mended out;
+MendedModel mendModel(const std::string& bytes, const std::vector<AddedToken>& added = {}) {
+  MendedModel out;
   Changes changes;
   out.tokenizer = mendTokenizerModel(bytes, added, changes);
   out.changes = linesOf(changes);
@@ -74,7 +74,7 @@ Mended mend(const std::string& bytes, const std::vector<AddedToken>& added = {})
   return out;
 }
 
-Refusal refusal(const std::string& bytes) {
+Refusal modelRefusal(const std::string& bytes) {
   return refusalOf([&] {
     Changes changes;
     return mendTokenizerModel(bytes, {}, changes);
@@ -82,11 +82,11 @@ Refusal refusal(const std::string& bytes) {
 }
 
 TEST(MendTokenizerModel, CarriesPiecesScoresTypesAndIdsOver) {
-  const Mended mended = mend(smallModel()
-                                 .add(piece("<u>", -2, kUserDefined))
-                                 .add(piece("<0x0A>", -3, kByte))
-                                 .add(piece("<r>", -4, kUnused))
-                                 .bytes());
+  const MendedModel mended = mendModel(smallModel()
+                                           .add(piece("<u>", -2, kUserDefined))
+                                           .add(piece("<0x0A>", -3, kByte))
+                                           .add(piece("<r>", -4, kUnused))
+                                           .bytes());
   EXPECT_THAT(mended.data.tokens, ElementsAre("<unk>", "<s>", "</s>", "a", "<u>", "<0x0A>", "<r>"));
   EXPECT_THAT(mended.data.scores, ElementsAre(0.0F, 0.0F, 0.0F, -1.5F, -2.0F, -3.0F, -4.0F));
   EXPECT_THAT(mended.data.types, ElementsAre(2, 3, 3, 1, 4, 6, 5));
@@ -101,16 +101,16 @@ TEST(MendTokenizerModel, CarriesPiecesScoresTypesAndIdsOver) {
 }
 
 TEST(MendTokenizerModel, FindsSpecialPiecesByTheNamesInTheTrainerSettings) {
-  const Mended mended = mend(ModelBuilder()
-                                 .add(piece("[P]", 0, kControl))
-                                 .add(piece("[B]", 0, kControl))
-                                 .add(piece("[E]", 0, kControl))
-                                 .add(piece("[U]", 0, kUnknown))
-                                 .named(45, "[U]")
-                                 .named(46, "[B]")
-                                 .named(47, "[E]")
-                                 .named(48, "[P]")
-                                 .bytes());
+  const MendedModel mended = mendModel(ModelBuilder()
+                                           .add(piece("[P]", 0, kControl))
+                                           .add(piece("[B]", 0, kControl))
+                                           .add(piece("[E]", 0, kControl))
+                                           .add(piece("[U]", 0, kUnknown))
+                                           .named(45, "[U]")
+                                           .named(46, "[B]")
+                                           .named(47, "[E]")
+                                           .named(48, "[P]")
+                                           .bytes());
   EXPECT_EQ(mended.data.padId, 0);
   EXPECT_EQ(mended.data.bosId, 1);
   EXPECT_EQ(mended.data.eosId, 2);
@@ -118,26 +118,26 @@ TEST(MendTokenizerModel, FindsSpecialPiecesByTheNamesInTheTrainerSettings) {
 }
 
 TEST(MendTokenizerModel, TakesNoPieceOfAnotherTypeForASpecialOne) {
-  const Mended mended =
-      mend(ModelBuilder().add(piece("<unk>", 0, kUnknown)).add(piece("<s>", 0, kUserDefined)).bytes());
+  const MendedModel mended =
+      mendModel(ModelBuilder().add(piece("<unk>", 0, kUnknown)).add(piece("<s>", 0, kUserDefined)).bytes());
   EXPECT_EQ(mended.data.bosId, -1);
   EXPECT_EQ(mended.data.unkId, 0);
 }
 
 TEST(MendTokenizerModel, GivesAPieceWithoutScoreAndTypeTheirDefaults) {
-  const Mended mended = mend(smallModel().add(ProtoBuilder().bytes(1, "b")).bytes());
+  const MendedModel mended = mendModel(smallModel().add(ProtoBuilder().bytes(1, "b")).bytes());
   EXPECT_EQ(mended.data.tokens[4], "b");
   EXPECT_EQ(mended.data.scores[4], 0.0F);
   EXPECT_EQ(mended.data.types[4], 1);
 }
 
 TEST(MendTokenizerModel, KeepsBytesThatAreNoUtf8) {
-  EXPECT_EQ(mend(smallModel().add(piece("\xFF", -9, kNormal)).bytes()).data.tokens[4], "\xFF");
+  EXPECT_EQ(mendModel(smallModel().add(piece("\xFF", -9, kNormal)).bytes()).data.tokens[4], "\xFF");
 }
 
 TEST(MendTokenizerModel, AppendsTokensThatLieBehindTheModel) {
-  const Mended mended =
-      mend(smallModel().bytes(), {{1, "<s>", true}, {4, "<tool>", false}, {6, "<end>", true}});
+  const MendedModel mended =
+      mendModel(smallModel().bytes(), {{1, "<s>", true}, {4, "<tool>", false}, {6, "<end>", true}});
   EXPECT_THAT(mended.data.tokens,
               ElementsAre("<unk>", "<s>", "</s>", "a", "<tool>", "<|reserved_5|>", "<end>"));
   EXPECT_THAT(mended.data.types, ElementsAre(2, 3, 3, 1, 4, 5, 3));
@@ -150,7 +150,7 @@ TEST(MendTokenizerModel, KeepsAFileInTheLayoutThatIsRead) {
                                 .message(3, piece("a", -1, kNormal))
                                 .message(1, ProtoBuilder().varint(5, 0))
                                 .str();
-  const Mended mended = mend(bytes);
+  const MendedModel mended = mendModel(bytes);
   EXPECT_EQ(mended.tokenizer.bytes, bytes);
   EXPECT_TRUE(mended.tokenizer.isKept);
   EXPECT_EQ(mended.tokenizer.size, 2);
@@ -164,12 +164,12 @@ TEST(MendTokenizerModel, NamesTheAddedTokensThatAKeptFileLacks) {
                                 .message(1, ProtoBuilder().varint(5, 0))
                                 .str();
   const char* file = "added_tokens.json";
-  const Mended mended = mend(bytes, {{0, "<s>", true, file},
-                                     {1, "b", true, file},
-                                     {1, "c", true, "tokenizer_config.json"},  // explain names it
-                                     {2, "d", true, file},
-                                     {-1, "a", true, file, false},
-                                     {-1, "e", true, file, false}});
+  const MendedModel mended = mendModel(bytes, {{0, "<s>", true, file},
+                                               {1, "b", true, file},
+                                               {1, "c", true, "tokenizer_config.json"},  // explain names it
+                                               {2, "d", true, file},
+                                               {-1, "a", true, file, false},
+                                               {-1, "e", true, file, false}});
   std::vector<std::string> losses;
   for (const explain::Finding& loss : mended.tokenizer.losses)
     losses.push_back(loss.subject + " | " + loss.detail);
@@ -182,7 +182,7 @@ TEST(MendTokenizerModel, NamesTheAddedTokensThatAKeptFileLacks) {
 }
 
 TEST(MendTokenizerModel, AddsSettledIdsToTheSettings) {
-  Mended mended = mend(smallModel().bytes());
+  MendedModel mended = mendModel(smallModel().bytes());
   SpecialIds ids;
   ids.pad = 3;
   appendSpecialIds(ids, mended.tokenizer.bytes);
@@ -195,7 +195,7 @@ TEST(MendTokenizerModel, AddsSettledIdsToTheSettings) {
 
 TEST(MendTokenizerModel, RefusesAListOfTokensAndRanks) {
   EXPECT_EQ(
-      refusal("aGVsbG8gd28= 0\ncmxk 1\n"),
+      modelRefusal("aGVsbG8gd28= 0\ncmxk 1\n"),
       (Refusal{3, "tokenizer.model-tiktoken", "tokenizer.model: it is a list of base64 tokens and ranks",
                "Put a tokenizer.json there, or the SentencePiece model of that name."}));
 }
@@ -207,7 +207,7 @@ TEST(MendTokenizerModel, RefusesEveryTruncationOfAModel) {
   // A cut between two fields leaves a shorter message that is whole.
   std::size_t whole = 0;
   for (std::size_t length = 0; length < bytes.size(); ++length) {
-    const Refusal actual = refusal(bytes.substr(0, length));
+    const Refusal actual = modelRefusal(bytes.substr(0, length));
     if (actual == Refusal{}) {
       ++whole;
     } else {
@@ -218,7 +218,7 @@ TEST(MendTokenizerModel, RefusesEveryTruncationOfAModel) {
 }
 
 TEST(MendTokenizerModel, RefusesAMessageWithoutPieces) {
-  EXPECT_EQ(refusal(ProtoBuilder().message(2, ProtoBuilder().varint(40, 0)).str()).finding,
+  EXPECT_EQ(modelRefusal(ProtoBuilder().message(2, ProtoBuilder().varint(40, 0)).str()).finding,
             "tokenizer.model-refused");
 }
 
@@ -228,8 +228,8 @@ TEST(MendTokenizerModel, RefusesAFileThatIsTooLong) {
   // One unknown field brings it to the limit: a key of two bytes and a length of four.
   bytes += ProtoBuilder().bytes(100, std::string(rest - 6, 'x')).str();
   ASSERT_EQ(bytes.size(), kMaxModelBytes);
-  EXPECT_EQ(mend(bytes).tokenizer.size, 4);
-  EXPECT_EQ(refusal(bytes + "x"),
+  EXPECT_EQ(mendModel(bytes).tokenizer.size, 4);
+  EXPECT_EQ(modelRefusal(bytes + "x"),
             (Refusal{3, "tokenizer.model-refused",
                      "tokenizer.model: 16777217 bytes are more than the 16777216 of any SentencePiece model",
                      "Put the model's own tokenizer.model or tokenizer.json there."}));

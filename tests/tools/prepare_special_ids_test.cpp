@@ -16,10 +16,10 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // Ids 0 to 3, none of them known by its text.
-constexpr char kTokens[] = R"({"model":{"vocab":{"A":0,"B":1,"C":2,"D":3}}})";
+constexpr char kFourTokens[] = R"({"model":{"vocab":{"A":0,"B":1,"C":2,"D":3}}})";
 
 ModelDirBuilder withTokens(std::string_view config = R"({"model_type":"x"})") {
-  return ModelDirBuilder().config(config).tokenizer(kTokens);
+  return ModelDirBuilder().config(config).tokenizer(kFourTokens);
 }
 
 TEST(SettleSpecialIds, FollowsTheTextsOfTheTokenizersConfiguration) {

@@ -18,8 +18,6 @@ using test::SafetensorsBuilder;
 using test::SavedPickle;
 using test::SavedTensor;
 
-const std::string kSix = bytesOf<float>({1, 2, 3, 4, 5, 6});
-
 class VerifyPreparedTest : public WeightsTest {
  protected:
   void saveTorch(const std::vector<SavedTensor>& tensors, const std::string& bytes,

@@ -14,8 +14,11 @@
 #include "okv2/prepare/weights.h"
 #include "readers/safetensors_importer.h"
 #include "support/temp_dir.h"
+#include "support/torch_builder.h"
 
 namespace zel::tool::prepare {
+
+inline const std::string kSix = test::bytesOf<float>({1, 2, 3, 4, 5, 6});
 
 struct Refusal {
   int code = 0;

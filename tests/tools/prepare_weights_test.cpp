@@ -35,8 +35,6 @@ std::string zipOf(const std::vector<SavedTensor>& tensors, const std::string& st
   return savedZip(SavedPickle().stateDict(tensors).stop(), {{"0", storage}}, "archive", deflated).build();
 }
 
-const std::string kSix = bytesOf<float>({1, 2, 3, 4, 5, 6});
-
 // ---- torch checkpoints
 
 TEST_F(WeightsTest, WritesATorchCheckpointAsSafetensors) {

@@ -16,6 +16,7 @@
 namespace zel::tool::prepare {
 namespace {
 
+using test::bare;
 using test::IsOk;
 using test::littleEndian;
 using test::SavedArray;
@@ -25,7 +26,6 @@ namespace op = test::pickle_op;
 using Kind = PickleKind;
 using Sizes = std::vector<std::uint64_t>;
 
-SavedPickle bare() { return SavedPickle::bare(); }
 SavedPickle latin1(std::string_view utf8) { return bare().latin1(utf8); }
 SavedPickle f4() { return bare().numberType("f4"); }
 

@@ -15,14 +15,13 @@
 namespace zel::tool::prepare {
 namespace {
 
+using test::bare;
 using test::IsOk;
 using test::littleEndian;
 using test::SavedPickle;
 using test::StatusIs;
 namespace op = test::pickle_op;
 using Kind = PickleKind;
-
-SavedPickle bare() { return SavedPickle::bare(); }
 
 // ---- values
 

@@ -14,6 +14,7 @@
 namespace zel::tool::prepare {
 namespace {
 
+using test::bare;
 using test::bytesOf;
 using test::IsOk;
 using test::savedDict;
@@ -23,7 +24,6 @@ using test::StatusIs;
 using testing::ElementsAre;
 namespace op = test::pickle_op;
 
-SavedPickle bare() { return SavedPickle::bare(); }
 SavedPickle one() { return bare().op(op::kBinInt1, "\1"); }
 SavedPickle tensor() { return bare().tensor({"", {4}, {1}, "0", 4}); }
 SavedPickle array() { return bare().array({{1}, "abcd"}); }
