@@ -5,7 +5,7 @@
 
 #include "hf/hf_importer.h"
 #include "okv2/prepare/sentencepiece_model.h"
-#include "prepare_support.h"
+#include "prepare_tokenizers.h"
 #include "support/proto_builder.h"
 
 namespace zel::tool::prepare {
@@ -58,35 +58,18 @@ ModelBuilder smallModel() {
       .add(piece("a", -1.5F, kNormal));
 }
 
-struct MendedModel {
-  Tokenizer tokenizer;
-  std::vector<std::string> changes;
-  TokenizerData data;  // as an import reads it
-};
-
-MendedModel mendModel(const std::string& bytes, const std::vector<AddedToken>& added = {}) {
-  MendedModel out;
-  Changes changes;
-  out.tokenizer = mendTokenizerModel(bytes, added, changes);
-  out.changes = linesOf(changes);
-  const Status status = readTokenizerModel(out.tokenizer.bytes, json::Value(), out.data);
-  EXPECT_TRUE(status.ok()) << status.message();
-  return out;
+Mended mendModel(const std::string& bytes, const std::vector<AddedToken>& added = {}) {
+  return mendWith<mendTokenizerModel, readTokenizerModel>(bytes, added);
 }
 
-Refusal modelRefusal(const std::string& bytes) {
-  return refusalOf([&] {
-    Changes changes;
-    return mendTokenizerModel(bytes, {}, changes);
-  });
-}
+Refusal modelRefusal(const std::string& bytes) { return refusalOfMending<mendTokenizerModel>(bytes); }
 
 TEST(MendTokenizerModel, CarriesPiecesScoresTypesAndIdsOver) {
-  const MendedModel mended = mendModel(smallModel()
-                                           .add(piece("<u>", -2, kUserDefined))
-                                           .add(piece("<0x0A>", -3, kByte))
-                                           .add(piece("<r>", -4, kUnused))
-                                           .bytes());
+  const Mended mended = mendModel(smallModel()
+                                      .add(piece("<u>", -2, kUserDefined))
+                                      .add(piece("<0x0A>", -3, kByte))
+                                      .add(piece("<r>", -4, kUnused))
+                                      .bytes());
   EXPECT_THAT(mended.data.tokens, ElementsAre("<unk>", "<s>", "</s>", "a", "<u>", "<0x0A>", "<r>"));
   EXPECT_THAT(mended.data.scores, ElementsAre(0.0F, 0.0F, 0.0F, -1.5F, -2.0F, -3.0F, -4.0F));
   EXPECT_THAT(mended.data.types, ElementsAre(2, 3, 3, 1, 4, 6, 5));
@@ -101,16 +84,16 @@ TEST(MendTokenizerModel, CarriesPiecesScoresTypesAndIdsOver) {
 }
 
 TEST(MendTokenizerModel, FindsSpecialPiecesByTheNamesInTheTrainerSettings) {
-  const MendedModel mended = mendModel(ModelBuilder()
-                                           .add(piece("[P]", 0, kControl))
-                                           .add(piece("[B]", 0, kControl))
-                                           .add(piece("[E]", 0, kControl))
-                                           .add(piece("[U]", 0, kUnknown))
-                                           .named(45, "[U]")
-                                           .named(46, "[B]")
-                                           .named(47, "[E]")
-                                           .named(48, "[P]")
-                                           .bytes());
+  const Mended mended = mendModel(ModelBuilder()
+                                      .add(piece("[P]", 0, kControl))
+                                      .add(piece("[B]", 0, kControl))
+                                      .add(piece("[E]", 0, kControl))
+                                      .add(piece("[U]", 0, kUnknown))
+                                      .named(45, "[U]")
+                                      .named(46, "[B]")
+                                      .named(47, "[E]")
+                                      .named(48, "[P]")
+                                      .bytes());
   EXPECT_EQ(mended.data.padId, 0);
   EXPECT_EQ(mended.data.bosId, 1);
   EXPECT_EQ(mended.data.eosId, 2);
@@ -118,14 +101,14 @@ TEST(MendTokenizerModel, FindsSpecialPiecesByTheNamesInTheTrainerSettings) {
 }
 
 TEST(MendTokenizerModel, TakesNoPieceOfAnotherTypeForASpecialOne) {
-  const MendedModel mended =
+  const Mended mended =
       mendModel(ModelBuilder().add(piece("<unk>", 0, kUnknown)).add(piece("<s>", 0, kUserDefined)).bytes());
   EXPECT_EQ(mended.data.bosId, -1);
   EXPECT_EQ(mended.data.unkId, 0);
 }
 
 TEST(MendTokenizerModel, GivesAPieceWithoutScoreAndTypeTheirDefaults) {
-  const MendedModel mended = mendModel(smallModel().add(ProtoBuilder().bytes(1, "b")).bytes());
+  const Mended mended = mendModel(smallModel().add(ProtoBuilder().bytes(1, "b")).bytes());
   EXPECT_EQ(mended.data.tokens[4], "b");
   EXPECT_EQ(mended.data.scores[4], 0.0F);
   EXPECT_EQ(mended.data.types[4], 1);
@@ -136,7 +119,7 @@ TEST(MendTokenizerModel, KeepsBytesThatAreNoUtf8) {
 }
 
 TEST(MendTokenizerModel, AppendsTokensThatLieBehindTheModel) {
-  const MendedModel mended =
+  const Mended mended =
       mendModel(smallModel().bytes(), {{1, "<s>", true}, {4, "<tool>", false}, {6, "<end>", true}});
   EXPECT_THAT(mended.data.tokens,
               ElementsAre("<unk>", "<s>", "</s>", "a", "<tool>", "<|reserved_5|>", "<end>"));
@@ -150,7 +133,7 @@ TEST(MendTokenizerModel, KeepsAFileInTheLayoutThatIsRead) {
                                 .message(3, piece("a", -1, kNormal))
                                 .message(1, ProtoBuilder().varint(5, 0))
                                 .str();
-  const MendedModel mended = mendModel(bytes);
+  const Mended mended = mendModel(bytes);
   EXPECT_EQ(mended.tokenizer.bytes, bytes);
   EXPECT_TRUE(mended.tokenizer.isKept);
   EXPECT_EQ(mended.tokenizer.size, 2);
@@ -164,12 +147,12 @@ TEST(MendTokenizerModel, NamesTheAddedTokensThatAKeptFileLacks) {
                                 .message(1, ProtoBuilder().varint(5, 0))
                                 .str();
   const char* file = "added_tokens.json";
-  const MendedModel mended = mendModel(bytes, {{0, "<s>", true, file},
-                                               {1, "b", true, file},
-                                               {1, "c", true, "tokenizer_config.json"},  // explain names it
-                                               {2, "d", true, file},
-                                               {-1, "a", true, file, false},
-                                               {-1, "e", true, file, false}});
+  const Mended mended = mendModel(bytes, {{0, "<s>", true, file},
+                                          {1, "b", true, file},
+                                          {1, "c", true, "tokenizer_config.json"},  // explain names it
+                                          {2, "d", true, file},
+                                          {-1, "a", true, file, false},
+                                          {-1, "e", true, file, false}});
   std::vector<std::string> losses;
   for (const explain::Finding& loss : mended.tokenizer.losses)
     losses.push_back(loss.subject + " | " + loss.detail);
@@ -182,7 +165,7 @@ TEST(MendTokenizerModel, NamesTheAddedTokensThatAKeptFileLacks) {
 }
 
 TEST(MendTokenizerModel, AddsSettledIdsToTheSettings) {
-  MendedModel mended = mendModel(smallModel().bytes());
+  Mended mended = mendModel(smallModel().bytes());
   SpecialIds ids;
   ids.pad = 3;
   appendSpecialIds(ids, mended.tokenizer.bytes);

@@ -4,7 +4,7 @@
 
 #include "hf/hf_importer.h"
 #include "okv2/prepare/tokenizer_json.h"
-#include "prepare_support.h"
+#include "prepare_tokenizers.h"
 
 namespace zel::tool::prepare {
 namespace {
@@ -14,28 +14,11 @@ using testing::IsEmpty;
 
 constexpr char kRemedy[] = "Fetch tokenizer.json again, or use another that belongs to the model.";
 
-struct Mended {
-  Tokenizer tokenizer;
-  std::vector<std::string> changes;
-  TokenizerData data;  // as an import reads it
-};
-
 Mended mend(const std::string& text, const std::vector<AddedToken>& alsoAdded = {}) {
-  Mended out;
-  Changes changes;
-  out.tokenizer = mendTokenizerJson(text, alsoAdded, changes);
-  out.changes = linesOf(changes);
-  const Status status = readTokenizerJson(out.tokenizer.bytes, json::Value(), out.data);
-  EXPECT_TRUE(status.ok()) << status.message() << "\n" << out.tokenizer.bytes;
-  return out;
+  return mendWith<mendTokenizerJson, readTokenizerJson>(text, alsoAdded);
 }
 
-Refusal refusal(const std::string& text) {
-  return refusalOf([&] {
-    Changes changes;
-    return mendTokenizerJson(text, {}, changes);
-  });
-}
+Refusal refusal(const std::string& text) { return refusalOfMending<mendTokenizerJson>(text); }
 
 TEST(MendTokenizerJson, GivesACompleteFileBackByteForByte) {
   const std::string text =
