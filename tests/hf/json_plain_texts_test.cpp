@@ -200,6 +200,30 @@ TEST(JsonLiterally, ConsumesWhatItNamesAndNothingElse) {
   EXPECT_FALSE(parser.literally(":"));
 }
 
+// The next three give the parser a block of the text's own size, so that a sanitizer sees a read behind it.
+TEST(JsonLiterally, ReadsNothingBehindTheEnd) {
+  const std::vector<char> text = {'{', '"', 'd'};
+  Parser parser(text.data(), text.size());
+  EXPECT_FALSE(parser.literally("{\"dtype\":"));
+  EXPECT_EQ(parser.remaining(), text.size());
+  EXPECT_TRUE(parser.literally("{\"d"));
+}
+
+TEST(JsonPlainText, ReadsNothingBehindTheEnd) {
+  const std::vector<char> text = {'B', 'F', '1', '6'};
+  Parser parser(text.data(), text.size());
+  std::string_view out;
+  EXPECT_FALSE(parser.plainText(out));
+}
+
+TEST(JsonShortIntegers, ReadNothingBehindTheEnd) {
+  const std::vector<char> text = {'1', ',', '2'};
+  Parser parser(text.data(), text.size());
+  std::uint64_t values[2];
+  std::size_t count;
+  EXPECT_FALSE(parser.shortIntegers(values, 2, count));
+}
+
 TEST(JsonPlainText, EndsAtItsQuote) {
   const std::string text = "BF16\",";
   Parser parser(text.data(), text.size());

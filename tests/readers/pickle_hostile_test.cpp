@@ -284,6 +284,17 @@ TEST(PickleBomb, OfTenMegabytesOfEveryKindCostsTimeAndMemoryInProportion) {
   expectLinearTime(everyBomb(200'000 / kShrink), stream);
 }
 
+// Wherever a block of the machine's memory ends: what lies behind it is used again.
+TEST(PickleMemory, OfDroppedTextsIsUsedAgain) {
+  const std::string text = PickleBuilder().shortBinunicode("").bytes();
+  const std::string round = text + PickleBuilder().repeat(40, text + ops({Op::POP})).bytes();
+  const std::string stream = PickleBuilder().repeat(600, round).stop();
+  const std::size_t before = liveBytes;
+  peakBytes = before;
+  EXPECT_THAT(test::judgePickle(stream).status, IsOk());
+  EXPECT_LE(peakBytes - before, std::size_t{1} << 20);
+}
+
 // ---- whole checkpoints
 
 TEST(PyTorchBomb, OfManyTensorsOverOneLongStorageKeyCostsNoCopiesOfTheKey) {
