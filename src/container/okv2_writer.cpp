@@ -11,6 +11,7 @@
 #include "container/descriptor.h"
 #include "container/dtype.h"
 #include "container/name_order.h"
+#include "container/open_file.h"
 #include "container/output_file.h"
 #include "container/page_advice.h"
 
@@ -192,8 +193,7 @@ class MappedSource {
   int descriptorOf(const BorrowedMapping& mapping) noexcept {
     if (&mapping == mapping_) return file_.get();
     mapping_ = &mapping;
-    // O_NONBLOCK: what is there by now may be a FIFO.
-    file_.reset(::open(mapping.path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    file_.reset(openFile(mapping.path.c_str(), O_RDONLY));  // what is there by now may be a FIFO
     struct stat info {};
     if (file_.isOpen() &&
         (::fstat(file_.get(), &info) != 0 || !(FileId{info.st_dev, info.st_ino} == mapping.file))) {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "container/okv2_format.h"
+#include "container/open_file.h"
 
 namespace zel {
 namespace {
@@ -33,8 +34,7 @@ OutputFile::OutputFile() {
 }
 
 bool OutputFile::open(const char* path) noexcept {
-  // O_NONBLOCK: a FIFO that nobody reads is refused instead of waited for. Regular files do not care.
-  file_.reset(::open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+  file_.reset(openFile(path, O_WRONLY | O_CREAT, 0666));  // refuses a FIFO that nobody reads
   if (!file_.isOpen()) return false;
   struct stat info {};
   if (::fstat(file_.get(), &info) != 0) return false;

@@ -8,11 +8,12 @@
 #include <unistd.h>
 
 #include "container/descriptor.h"
+#include "container/open_file.h"
 
 namespace zel {
 
 bool readFile(const std::string& path, std::vector<std::uint8_t>& out) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const Descriptor file(openFile(path.c_str(), O_RDONLY));
   struct stat info {};
   if (!file.isOpen() || ::fstat(file.get(), &info) != 0) return false;
   if (!S_ISREG(info.st_mode) || info.st_size <= 0) return false;

@@ -5,13 +5,14 @@
 #include <sys/stat.h>
 
 #include "container/descriptor.h"
+#include "container/open_file.h"
 
 namespace zel {
 
 MapResult MappedFile::open(const char* path, std::uint64_t minBytes) noexcept {
   close();
-  // O_NONBLOCK: a FIFO without a writer opens at once; its size of 0 then refuses it.
-  const Descriptor file(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  // A FIFO without a writer opens at once; its size of 0 then refuses it.
+  const Descriptor file(openFile(path, O_RDONLY));
   if (!file.isOpen()) return MapResult::OpenFailed;
   struct stat info {};
   if (::fstat(file.get(), &info) != 0 || info.st_size < 0 || std::uint64_t(info.st_size) < minBytes) {

@@ -13,6 +13,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "support/leased_file.h"
 #include "support/temp_dir.h"
 
 namespace zel {
@@ -50,6 +51,14 @@ TEST(ReadFile, ReadsALargeFileWhole) {
   const TempDir dir;
   const std::string bytes(5'000'003, 'z');
   EXPECT_TRUE(content(dir.write("f", bytes)) == bytes);
+}
+
+TEST(ReadFile, GivesAFileThatAnotherProcessHasALeaseOn) {
+  const TempDir dir;
+  const std::string path = dir.write("f", "leased");
+  const test::LeasedFile leased(path, F_WRLCK);
+  if (!leased.isLeased()) GTEST_SKIP() << "no leases on the file system of " << path;
+  EXPECT_EQ(content(path), "leased");
 }
 
 TEST(ReadFile, FollowsSymbolicLinks) {

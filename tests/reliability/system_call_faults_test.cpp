@@ -88,6 +88,7 @@ const std::vector<int> kRoomErrors = {EBADF,  EFBIG,  EINTR, EINVAL,     EIO,   
 const std::vector<int> kSeekErrors = {EINVAL, EIO, EOVERFLOW, ESPIPE};
 const std::vector<int> kCloseErrors = {EDQUOT, EINTR, EIO, ENOSPC};
 const std::vector<int> kInterrupted = {EINTR};
+const std::vector<int> kLeased = {EWOULDBLOCK};
 
 constexpr char kNoConfig[] = "hf: no config.json in directory";
 constexpr char kNoOutput[] = "OKV2: cannot open output file";
@@ -97,6 +98,8 @@ const Row kRows[] = {
     // Reading the model description: only config.json counts, everything else is as though it were missing.
     {"OpenConfig", Dir::Shards, FAULT_OPEN, 1, kOpenErrors, OKV_INVALID, kNoConfig},
     {"OpenTokenizer", Dir::Shards, FAULT_OPEN, 2, kOpenErrors, OKV_OK, "", "tokenizer.json"},
+    {"LeasedConfig", Dir::Shards, FAULT_OPEN, 1, kLeased, OKV_OK, ""},
+    {"LeasedTokenizer", Dir::Shards, FAULT_OPEN, 2, kLeased, OKV_OK, ""},
     {"OpenTokenizerConfig", Dir::Shards, FAULT_OPEN, 3, kOpenErrors, OKV_OK, "", "tokenizer_config.json"},
     {"OpenSpecialTokens", Dir::Shards, FAULT_OPEN, 4, kOpenErrors, OKV_OK, "", "special_tokens_map.json"},
     {"OpenGeneration", Dir::Shards, FAULT_OPEN, 5, kOpenErrors, OKV_OK, "", "generation_config.json"},
@@ -126,6 +129,7 @@ const Row kRows[] = {
 
     // Opening the weight files.
     {"OpenFirstShard", Dir::Shards, FAULT_OPEN, 6, kOpenErrors, OKV_IO_ERROR, "safetensors: open failed"},
+    {"LeasedFirstShard", Dir::Shards, FAULT_OPEN, 6, kLeased, OKV_OK, ""},
     {"OpenLastShard", Dir::Shards, FAULT_OPEN, 7, kOpenErrors, OKV_IO_ERROR, "safetensors: open failed"},
     {"StatFirstShard", Dir::Shards, FAULT_FSTAT, 6, kStatErrors, OKV_CORRUPTED,
      "safetensors: file too small"},
@@ -604,7 +608,7 @@ TEST(ImportedFunctions, OfFilesAreExactlyThoseThatTheShimMakesFail) {
       "puts",           "putchar",       "__printf_chk",     "__errno_location",
       "fegetenv",       "fesetenv",      "__stack_chk_fail", "__tls_get_addr",
       "__memcpy_chk",   "__memmove_chk", "strcmp",           "fputc",
-      "fwrite",         "sysconf"};
+      "fwrite",         "sysconf",       "nanosleep",        "pthread_setcancelstate"};
   // The language's runtime, and what sanitizers and coverage put in.
   static constexpr std::string_view kRuntime[] = {
       "_Z",       "__cxa_",       "_Unwind_",  "_ITM_",   "__gmon_start__", "__gxx_", "__asan_",

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <iterator>
 
+#include "container/open_file.h"
 #include "hf/json.h"
 #include "okv2/container_cursor.h"
 #include "okv2/container_file.h"
@@ -97,7 +98,7 @@ Disguise disguiseOf(std::string_view head, std::uint64_t bytes) {
 }
 
 bool lookAt(const std::string& path, FileLook& out) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  const int fd = openFile(path.c_str(), O_RDONLY);
   if (fd < 0) {
     out.isDenied = errno == EACCES;
     return false;
