@@ -85,9 +85,10 @@ Status PyTorchImporter::parse() {
 void PyTorchImporter::close() noexcept {
   mapping_.close();
   file_ = {};
-  entries_.clear();
-  index_.clear();
-  tensors_.clear();
+  // clear() would keep the memory.
+  entries_ = std::vector<ZipEntry>();
+  index_ = std::vector<ZipNameRef>();
+  tensors_ = std::vector<PtTensorInfo>();
   hasConstants_ = false;
   opened_ = false;
 }

@@ -346,7 +346,8 @@ Status SafetensorsImporter::parse(std::string_view file) {
 void SafetensorsImporter::close() noexcept {
   file_.close();
   dataRegion_ = {};
-  tensors_.clear();
+  tensors_ =
+      std::vector<StTensorInfo>();  // clear() would keep the memory, and importers that failed are kept
   open_ = false;
 }
 

@@ -170,6 +170,15 @@ TEST(SafetensorsFile, FindsNothingAfterClose) {
   importer.close();
 }
 
+// An importer whose open() failed is kept for as long as the host lives.
+TEST(SafetensorsFile, KeepsNoMemoryAfterClose) {
+  SafetensorsImporter importer;
+  const std::string file = oneTensorFile();
+  ASSERT_THAT(importer.openBytes(file), IsOk());
+  importer.close();
+  EXPECT_EQ(importer.tensors().capacity(), 0u);
+}
+
 TEST(SafetensorsFile, FindsNothingBeforeTheFirstOpen) {
   const SafetensorsImporter importer;
   EXPECT_EQ(importer.findTensor("w"), nullptr);
