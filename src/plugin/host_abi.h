@@ -6,7 +6,8 @@
  *
  * Text: NUL-terminated UTF-8 byte strings.
  * Threads: every function may be called from any thread, at the same time, as long as two imports do not
- * name the same destination file. The plug-in starts no threads and blocks on none.
+ * name the same destination file. The plug-in starts no threads and blocks on none. When its thread is
+ * cancelled, a function goes on to its end.
  * Failures: no C++ exception leaves the plug-in, and it neither raises nor handles signals. A weight file
  * that another process cuts short while the container is written is a failed write; one that is cut short
  * while its header is read costs the process the kernel's SIGBUS, as with any mapped file. A file-size limit

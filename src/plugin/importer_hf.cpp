@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <dirent.h>
+#include <pthread.h>
 #include <sys/stat.h>
 
 #include "container/okv2_writer.h"
@@ -175,10 +176,24 @@ class FloatingPointScope {
   bool saved_;
 };
 
+// A host may cancel its thread while we are in a call that is a cancellation point: the C library would
+// unwind through us like an exception that must not be caught. It takes effect behind the callback instead.
+class CancellationScope {
+ public:
+  CancellationScope() noexcept { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }
+  CancellationScope(const CancellationScope&) = delete;
+  CancellationScope& operator=(const CancellationScope&) = delete;
+  ~CancellationScope() { (void)pthread_setcancelstate(saved_, nullptr); }
+
+ private:
+  int saved_ = PTHREAD_CANCEL_ENABLE;
+};
+
 // No exception leaves the plug-in: `onException` answers instead.
 template <class Call, class OnException>
 std::int32_t guarded(Call call, OnException onException) noexcept {
-  const FloatingPointScope scope;
+  const CancellationScope cancellation;
+  const FloatingPointScope floatingPoint;
   try {
     return call();
   } catch (...) {

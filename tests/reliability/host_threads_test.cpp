@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include <pthread.h>
+
 #include "model_inputs.h"
 #include "plugin/plugin_host.h"
 #include "support/test_conditions.h"
@@ -74,6 +76,40 @@ TEST(HostThreads, MixedCallsGiveEachThreadTheAnswersOfASingleOne) {
   for (std::thread& thread : threads)
     thread.join();
   EXPECT_EQ(wrong, 0);
+}
+
+// Cancelled beforehand, so that the first call that is a cancellation point would be the end of the thread.
+struct CancelledImport {
+  std::string dir, out;
+  int code = -1;
+  bool reached = false;  // what stands behind the callback and a cancellation point
+};
+void* cancelledThread(void* data) {
+  auto& import = *static_cast<CancelledImport*>(data);
+  pthread_cancel(pthread_self());
+  char text[64];
+  OKVImportContext context = {};
+  context.struct_size = sizeof context;
+  context.dst_path = import.out.c_str();
+  context.error_buf = text;
+  context.error_buf_size = sizeof text;
+  import.code = test::importer().import(import.dir.c_str(), &context);
+  pthread_testcancel();
+  import.reached = true;
+  return nullptr;
+}
+
+TEST(HostThreads, ACancelledThreadEndsBehindTheCallbackAndNotInIt) {
+  const TempDir temp;
+  CancelledImport import{modelsIn(temp).front().dir, temp / "cancelled.okv2"};
+  pthread_t thread;
+  ASSERT_EQ(pthread_create(&thread, nullptr, cancelledThread, &import), 0);
+  void* answer = nullptr;
+  ASSERT_EQ(pthread_join(thread, &answer), 0);
+  EXPECT_EQ(answer, PTHREAD_CANCELED);
+  EXPECT_EQ(import.code, OKV_OK);
+  EXPECT_FALSE(import.reached);
+  EXPECT_EQ(test::readWholeFile(import.out), modelsIn(temp).front().container);
 }
 
 TEST(HostThreads, TextsOfInspectOutliveTheCallsOfOtherThreads) {
