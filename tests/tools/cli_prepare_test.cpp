@@ -166,6 +166,20 @@ TEST(OkvPrepare, GivesARefusalItsFindingAndRemedy) {
   EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"model"}));
 }
 
+TEST(OkvPrepare, LeavesOutATokenizerModelThatIsAPointer) {
+  const TempDir dir;
+  const std::string model =
+      twoChanges()
+          .file("tokenizer.model", "version https://git-lfs.example/v1\noid sha256:0\nsize 5\n")
+          .write(dir);
+  const CommandResult prepared = okv2Run({"prepare", model, dir / "out"});
+  EXPECT_EQ(prepared.exitCode, 0);
+  EXPECT_THAT(prepared.err,
+              HasSubstr("tokenizer.model: the file: 55 bytes -> nothing: tokenizer.json comes first, "
+                        "so an import would not read it [tokenizer.model-ignored]\n"));
+  EXPECT_EQ(okv2Run({"import", "--prepare", model, "-o", dir / "a.okv2"}).exitCode, 0);
+}
+
 TEST(OkvPrepare, EscapesTextsFromTheDirectory) {
   const TempDir dir;
   const std::string model =

@@ -359,8 +359,9 @@ const RefusedRow kRefused[] = {
      {2, "config.missing", "config.json: there is none that can be read",
       "Put the model's config.json into the directory."}},
     {"model-dirs/phi-3-mini-clone-without-lfs",
-     {7, "file.lfs-pointer", "tokenizer.model: A file is a Git LFS pointer and not its content.",
-      "git lfs pull --include 'tokenizer.model'"}},
+     {7, "weights.lfs-pointer",
+      "model-00001-of-00002.safetensors: it is a Git LFS pointer and not its content",
+      "git lfs pull --include 'model-00001-of-00002.safetensors'"}},
 };
 
 TEST(PrepareCorpus, DirectoriesThatCannotBeMendedAreRefused) {

@@ -110,6 +110,38 @@ TEST(PrepareDirectory, KeepsToTokenizerJsonWhenThereAreTwoFiles) {
                           "tokenizer.model | the file | 10 bytes |  | tokenizer.model-ignored"));
 }
 
+// An import does not look at it either.
+TEST(PrepareDirectory, LeavesOutATokenizerModelBesideTokenizerJsonWhateverItIs) {
+  for (const auto& [bytes, from] :
+       {std::pair("version https://git-lfs.example/v1\noid sha256:0\nsize 5\n", "55 bytes"),
+        std::pair("../../blobs/0123", "16 bytes"), std::pair("<!DOCTYPE html><html>", "21 bytes"),
+        std::pair("", "0 bytes")}) {
+    const PreparedDirectory directory(withConfig(completeConfig()).file("tokenizer.model", bytes));
+    EXPECT_FALSE(directory.has("tokenizer.model"));
+    EXPECT_THAT(directory.changes(), ElementsAre("tokenizer.model | the file | " + std::string(from) +
+                                                 " |  | tokenizer.model-ignored"));
+    EXPECT_EQ(directory.model.tokenizer.tokens.size(), 4U);
+  }
+  const PreparedDirectory directory(withConfig(completeConfig()).fifo("tokenizer.model"));
+  EXPECT_THAT(directory.changes(),
+              ElementsAre("tokenizer.model | the file | no regular file |  | tokenizer.model-ignored"));
+}
+
+TEST(PrepareDirectory, LeavesOutALongTokenizerModelBesideTokenizerJson) {
+  const TempDir dir;
+  const std::string source = withConfig(completeConfig()).file("tokenizer.model", "x").write(dir);
+  fs::create_directory(dir / "out");
+  ASSERT_EQ(::truncate((source + "/tokenizer.model").c_str(), off_t(kMaxTextBytes) + 1), 0);
+  EXPECT_THAT(linesOf(prepareDirectory(source, dir / "out", {}).changes),
+              ElementsAre("tokenizer.model | the file | 134217729 bytes |  | tokenizer.model-ignored"));
+}
+
+TEST(PrepareDirectory, SaysFirstWhatIsWrongWithTokenizerJson) {
+  EXPECT_EQ(
+      refusalOfDirectory(ModelDirBuilder().file("tokenizer.json", "").file("tokenizer.model", "<html>")),
+      (Refusal{7, "file.empty", "tokenizer.json: A file is empty.", "Fetch 'tokenizer.json' again."}));
+}
+
 TEST(PrepareDirectory, SaysWhichFileItCannotWrite) {
   const TempDir dir;
   const std::string source = pairMerges().write(dir);

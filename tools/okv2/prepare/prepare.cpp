@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,7 +32,8 @@ using explain::Id;
 constexpr char kTokenizerJson[] = "tokenizer.json";
 constexpr char kTokenizerModel[] = "tokenizer.model";
 
-// Everything but weights that is read here.
+// Everything but weights that is read here; tokenizer.json before tokenizer.model, which is read in its
+// absence.
 constexpr const char* kTexts[] = {
     "config.json",           "tokenizer.json",          "tokenizer.model",
     "tokenizer_config.json", "special_tokens_map.json", "generation_config.json",
@@ -54,9 +56,13 @@ Id findingOf(Disguise disguise) {
 }
 
 void refuseDisguises(const std::string& directory) {
+  bool hasTokenizerJson = false;
   for (const char* name : kTexts) {
+    if (name == std::string_view(kTokenizerModel) && hasTokenizerJson) continue;  // left out
     explain::FileLook look;
-    if (!explain::lookAt(directory + "/" + name, look) || look.disguise == Disguise::None) continue;
+    if (!explain::lookAt(directory + "/" + name, look)) continue;
+    hasTokenizerJson = hasTokenizerJson || name == std::string_view(kTokenizerJson);
+    if (look.disguise == Disguise::None) continue;
     const explain::FindingRow& row = explain::rowOf(findingOf(look.disguise));
     // The table's sentence begins with a word that stands for the file.
     throw Refused(look.disguise == Disguise::NotRegular ? kExitInvalid : kExitCorrupted, row.name,
@@ -68,10 +74,13 @@ Tokenizer mendTokenizer(const std::string& directory, ModelTexts& texts, Changes
   std::string bytes;
   if (readText(directory, kTokenizerJson, kMaxTextBytes, bytes)) {
     Tokenizer tokenizer = mendTokenizerJson(bytes, addedTokensOf(texts), changes);
-    if (std::string model; readText(directory, kTokenizerModel, kMaxTextBytes, model)) {
-      changes.push_back({kTokenizerModel, "the file", fmt::format("{} bytes", model.size()), "",
-                         "tokenizer.json comes first, so an import would not read it",
-                         explain::rowOf(Id::TokenizerModelIgnored).name});
+    // Whatever it is: nothing of it is used.
+    if (struct stat status; ::stat((directory + "/" + kTokenizerModel).c_str(), &status) == 0) {
+      changes.push_back(
+          {kTokenizerModel, "the file",
+           S_ISREG(status.st_mode) ? fmt::format("{} bytes", status.st_size) : "no regular file", "",
+           "tokenizer.json comes first, so an import would not read it",
+           explain::rowOf(Id::TokenizerModelIgnored).name});
     }
     return tokenizer;
   }
