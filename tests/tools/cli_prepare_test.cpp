@@ -166,6 +166,20 @@ TEST(OkvPrepare, GivesARefusalItsFindingAndRemedy) {
   EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"model"}));
 }
 
+TEST(OkvPrepare, WritesNothingThatAnImportRefuses) {
+  const TempDir dir;
+  const std::string model = twoChanges().config(R"({"model_type":"","hidden_size":8})").write(dir);
+  const std::string told = "okv2: " + model +
+                           ": config.json: it names no architecture [config.no-model-type]\n"
+                           "  Do: Add \"model_type\" to config.json.\n";
+  for (const CommandResult& result : {okv2Run({"prepare", model, dir / "out"}),
+                                      okv2Run({"import", "--prepare", model, "-o", dir / "a.okv2"})}) {
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_EQ(result.err, told);
+  }
+  EXPECT_EQ(namesIn(dir.path()), (std::set<std::string>{"model"}));
+}
+
 TEST(OkvPrepare, LeavesOutATokenizerModelThatIsAPointer) {
   const TempDir dir;
   const std::string model =

@@ -192,6 +192,26 @@ INSTANTIATE_TEST_SUITE_P(
                     Disguised{"Empty", "", {7, "file.empty", ": A file is empty.", "Fetch @ again."}}),
     [](const auto& row) { return row.param.name; });
 
+// Before the weights, which take long; there are none here.
+class NamelessArchitecture : public testing::TestWithParam<const char*> {};
+
+TEST_P(NamelessArchitecture, IsRefused) {
+  EXPECT_EQ(refusalOfDirectory(ModelDirBuilder().noWeights().config(GetParam())),
+            (Refusal{2, "config.no-model-type", "config.json: it names no architecture",
+                     "Add \"model_type\" to config.json."}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, NamelessArchitecture,
+                         testing::Values(R"({"hidden_size":8})", R"({"model_type":""})",
+                                         R"({"model_type":7})",
+                                         R"({"model_type":"","architectures":["LlamaForCausalLM"]})",
+                                         R"({"architectures":[]})", R"({"architectures":[7]})"));
+
+TEST(PrepareDirectory, TakesTheNameOfAClassForTheArchitecture) {
+  const PreparedDirectory directory(withConfig(R"({"architectures":["LlamaForCausalLM"]})"));
+  EXPECT_EQ(directory.model.arch, "llama");
+}
+
 TEST(PrepareDirectory, RefusesAPipeWithoutWaitingForIt) {
   EXPECT_EQ(refusalOfDirectory(ModelDirBuilder().fifo("tokenizer.json")),
             (Refusal{2, "file.not-regular",

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "hf/hf_importer.h"
 #include "okv2/escape.h"
 #include "okv2/exit_codes.h"
 #include "okv2/explain/disguise.h"
@@ -141,6 +142,14 @@ void writeTexts(const std::string& out, const ModelTexts& texts, const Tokenizer
   if (!tokenizer.file.empty()) writeFile(out, tokenizer.file, tokenizer.bytes);
 }
 
+// The only failure of an import that neither the texts nor the weights are refused for.
+void refuseNamelessArchitecture(const std::string& out) {
+  HfImporter model;
+  if (model.parseConfig(out).ok()) return;
+  const explain::FindingRow& row = explain::rowOf(Id::ConfigNoModelType);
+  throw Refused(kExitInvalid, row.name, "config.json: it names no architecture", row.todo);
+}
+
 // Behind those that are there already, before the notes.
 void addLosses(std::vector<explain::Finding> losses, explain::Explanation& explanation) {
   std::vector<explain::Finding>& all = explanation.findings;
@@ -249,6 +258,7 @@ Prepared prepareDirectory(const std::string& directory, const std::string& out,
     writeTexts(out, texts, tokenizer);
     losses = std::move(texts.losses);
   }
+  refuseNamelessArchitecture(out);
   std::vector<explain::Finding> unmapped = prepareWeights(directory, out, options, prepared.changes);
   prepared.explanation = explain::explainDirectory(out);
   addLosses(std::move(losses), prepared.explanation);
