@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "support/unprivileged.h"
 #include "tools/finding_cases.h"
 
 namespace zel::explain {
@@ -105,15 +105,6 @@ TEST(FindingCaseTable, HasEveryFinding) {
 
 TEST(GoodModel, GivesNoFinding) { EXPECT_THAT(idsOf(explained(goodModel())), testing::IsEmpty()); }
 
-// Gives away what root may do, for as long as it lives.
-class Unprivileged {
- public:
-  Unprivileged() { EXPECT_EQ(seteuid(getuid() == 0 ? 65534 : getuid()), 0); }
-  Unprivileged(const Unprivileged&) = delete;
-  Unprivileged& operator=(const Unprivileged&) = delete;
-  ~Unprivileged() { EXPECT_EQ(seteuid(getuid()), 0); }
-};
-
 Explanation explainedWithMode(mode_t mode) {
   const TempDir temp;
   const std::string model = goodModel().write(temp);
@@ -121,7 +112,7 @@ Explanation explainedWithMode(mode_t mode) {
   EXPECT_EQ(chmod(model.c_str(), mode), 0);
   Explanation explanation;
   {
-    const Unprivileged user;
+    const test::Unprivileged user;
     explanation = explainDirectory(model);
   }
   EXPECT_EQ(chmod(model.c_str(), 0755), 0);
@@ -148,10 +139,8 @@ TEST(UnreadableDirectory, IsNoneThatCanBeListed) {
 Explanation explainedWithout(const std::string& name, const ModelDirBuilder& model) {
   const TempDir temp;
   const std::string path = model.write(temp);
-  EXPECT_EQ(chmod(temp.path().c_str(), 0755), 0);
-  EXPECT_EQ(chmod(path.c_str(), 0755), 0);
-  EXPECT_EQ(chmod((path + "/" + name).c_str(), 0), 0);
-  const Unprivileged user;
+  test::sealFile(temp.path(), path, name);
+  const test::Unprivileged user;
   return explainDirectory(path);
 }
 

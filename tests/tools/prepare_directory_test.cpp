@@ -2,12 +2,15 @@
 #include <filesystem>
 #include <set>
 #include <string>
+#include <utility>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "okv2/prepare/model_texts.h"
 #include "prepare_directory_support.h"
 #include "support/proto_builder.h"
+#include "support/unprivileged.h"
 
 namespace zel::tool::prepare {
 namespace {
@@ -217,6 +220,34 @@ TEST(PrepareDirectory, RefusesAPipeWithoutWaitingForIt) {
             (Refusal{2, "file.not-regular",
                      "tokenizer.json: A name that is read belongs to something other than a regular file.",
                      "Put the file there: 'tokenizer.json'."}));
+}
+
+TEST(PrepareDirectory, RefusesATextThatMayNotBeRead) {
+  for (const std::string name :
+       {"config.json", "tokenizer.json", "tokenizer.model", "tokenizer_config.json",
+        "special_tokens_map.json", "generation_config.json", "chat_template.jinja"}) {
+    const TempDir dir;
+    ModelDirBuilder builder;
+    if (name != "config.json") builder.file(name, "{}");
+    const std::string source = builder.write(dir);
+    fs::create_directory(dir / "out");
+    test::sealFile(dir.path(), source, name);
+    const test::Unprivileged user;
+    EXPECT_EQ(
+        refusalOf([&] { return prepareDirectory(source, dir / "out", {}); }),
+        (Refusal{6, "file.no-permission", name + ": A file may not be read.", "chmod u+r '" + name + "'"}));
+  }
+}
+
+TEST(PrepareDirectory, LeavesOutATokenizerModelThatMayNotBeReadBesideTokenizerJson) {
+  const TempDir dir;
+  const std::string source = withConfig(completeConfig()).file("tokenizer.model", "x").write(dir);
+  fs::create_directory(dir / "out");
+  test::sealFile(dir.path(), source, "tokenizer.model");
+  EXPECT_EQ(chmod((dir / "out").c_str(), 0777), 0);
+  const test::Unprivileged user;
+  EXPECT_THAT(linesOf(prepareDirectory(source, dir / "out", {}).changes),
+              ElementsAre("tokenizer.model | the file | 1 bytes |  | tokenizer.model-ignored"));
 }
 
 TEST(PrepareDirectory, RefusesATextThatIsTooLong) {

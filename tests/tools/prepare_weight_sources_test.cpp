@@ -8,6 +8,7 @@
 #include "prepare_weights.h"
 #include "support/safetensors_builder.h"
 #include "support/torch_builder.h"
+#include "support/unprivileged.h"
 
 namespace zel::tool::prepare {
 namespace {
@@ -107,6 +108,37 @@ INSTANTIATE_TEST_SUITE_P(All, UnnumberedShards,
                                          "model-of-2.safetensors", "1-of-2.safetensors",
                                          "model-one-of-2.safetensors", "best-of-breed.safetensors",
                                          "model-1-of-1000000.safetensors"));
+
+// ---- files that may not be read
+
+class SealedWeights : public WeightsTest {
+ protected:
+  void expectDenied(const std::string& name, const std::string& finding) const {
+    test::sealFile(dir_.path(), in(), name);
+    const test::Unprivileged user;
+    const Refusal refused = refusal();
+    EXPECT_EQ(refused.code, 6);
+    EXPECT_EQ(refused.finding, finding);
+    EXPECT_EQ(refused.message, name + ": it may not be read");
+    EXPECT_EQ(refused.remedy, "chmod u+r '" + name + "'");
+  }
+};
+
+TEST_F(SealedWeights, OfSafetensorsAreRefused) {
+  write("model.safetensors", shardOf("a"));
+  expectDenied("model.safetensors", "weights.no-permission");
+}
+
+TEST_F(SealedWeights, OfTorchAreRefused) {
+  write("pytorch_model.bin", torchShardOf("a"));
+  expectDenied("pytorch_model.bin", "weights.no-permission");
+}
+
+TEST_F(SealedWeights, WithASealedIndexAreRefusedForIt) {
+  write("model.safetensors", shardOf("a"));
+  write("model.safetensors.index.json", R"({"weight_map":{"a":"model.safetensors"}})");
+  expectDenied("model.safetensors.index.json", "file.no-permission");
+}
 
 // ---- an index of .safetensors files that are not there
 

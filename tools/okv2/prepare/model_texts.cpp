@@ -12,7 +12,8 @@
 #include "hf/json_parser.h"
 #include "hf/read_file.h"
 #include "okv2/exit_codes.h"
-#include "okv2/explain/finding_table.h"
+#include "okv2/explain/disguise.h"
+#include "okv2/explain/explanation.h"
 #include "okv2/prepare/config_table.h"
 
 namespace zel::tool::prepare {
@@ -215,6 +216,11 @@ bool readText(const std::string& directory, const std::string& name, std::uint64
   }
   std::vector<std::uint8_t> bytes;
   if (!zel::readFile(path, bytes)) {
+    if (explain::FileLook look; !explain::lookAt(path, look) && look.isDenied) {
+      const explain::FindingRow& row = explain::rowOf(Id::FileNoPermission);
+      throw Refused(kExitIoError, row.name, fmt::format("{}: {}", name, row.what),
+                    explain::adviceFor({row.id, name, ""}));
+    }
     throw Refused(kExitIoError, explain::rowOf(Id::FileNotRegular).name,
                   fmt::format("{}: cannot be read", name), fmt::format("Make {} readable.", name));
   }

@@ -82,6 +82,14 @@ bool readNumberedName(std::string_view name, NumberedName& out) {
   return true;
 }
 
+// False when there is nothing at the name, or it cannot be opened. Refused under `denied` when the caller may
+// not read it.
+bool lookAtFile(const std::string& dir, const std::string& name, Id denied, explain::FileLook& look) {
+  if (explain::lookAt(dir + "/" + name, look)) return true;
+  if (look.isDenied) refuseWeights(kExitIoError, denied, name, "it may not be read");
+  return false;
+}
+
 // Reads "weight_map": tensor to file.
 void readIndex(const std::string& dir, const std::string& name, WeightSources& out) {
   const auto bad = [&](const std::string& why) {
@@ -91,6 +99,8 @@ void readIndex(const std::string& dir, const std::string& name, WeightSources& o
     refuseWeights(kExitUnsupported, Id::WeightsRefused, name, "it has more than " + what,
                   "Use the index file that was published with the shards.");
   };
+  explain::FileLook look;
+  if (!lookAtFile(dir, name, Id::FileNoPermission, look)) bad("it cannot be read");
   std::vector<std::uint8_t> bytes;
   std::error_code error;
   const std::uintmax_t size = fs::file_size(dir + "/" + name, error);
@@ -184,7 +194,7 @@ bool chooseFiles(const std::string& dir, const Names& present, WeightSources& ou
 
 void refuseDisguises(const std::string& dir, const std::string& name) {
   explain::FileLook look;
-  if (!explain::lookAt(dir + "/" + name, look)) {
+  if (!lookAtFile(dir, name, Id::WeightsNoPermission, look)) {
     refuseWeights(kExitIoError, Id::WeightsRefused, name, "it cannot be opened");
   }
   switch (look.disguise) {
