@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
 
@@ -138,6 +140,47 @@ TEST_F(SealedWeights, WithASealedIndexAreRefusedForIt) {
   write("model.safetensors", shardOf("a"));
   write("model.safetensors.index.json", R"({"weight_map":{"a":"model.safetensors"}})");
   expectDenied("model.safetensors.index.json", "file.no-permission");
+}
+
+// ---- an index that is no regular file
+
+class IrregularIndex : public WeightsTest {
+ protected:
+  void expectRefused(const std::string& name) const {
+    const Refusal refused = refusal();
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_EQ(refused.finding, "file.not-regular");
+    EXPECT_EQ(refused.message, name + ": it is not a regular file");
+    EXPECT_EQ(refused.remedy, "Put the file there: '" + name + "'.");
+  }
+};
+
+TEST_F(IrregularIndex, IsRefusedAsAPipe) {
+  write("model.safetensors", shardOf("a"));
+  ASSERT_EQ(mkfifo((in() + "/model.safetensors.index.json").c_str(), 0600), 0);
+  expectRefused("model.safetensors.index.json");
+}
+
+TEST_F(IrregularIndex, IsRefusedAsAFolder) {
+  write("pytorch_model-00001-of-00001.bin", torchShardOf("a"));
+  fs::create_directory(in() + "/pytorch_model.bin.index.json");
+  expectRefused("pytorch_model.bin.index.json");
+}
+
+TEST_F(IrregularIndex, IsNotLookedAtWhereItIsNotRead) {
+  write("model.safetensors", shardOf("a"));
+  ASSERT_EQ(mkfifo((in() + "/pytorch_model.bin.index.json").c_str(), 0600), 0);
+  EXPECT_THAT(prepare(), IsEmpty());
+}
+
+TEST_F(IrregularIndex, IsDamagedAsALinkToNothing) {
+  write("model.safetensors", shardOf("a"));
+  fs::create_symlink("nowhere", in() + "/model.safetensors.index.json");
+  const Refusal refused = refusal();
+  EXPECT_EQ(refused.code, 7);
+  EXPECT_EQ(refused.finding, "weights.refused");
+  EXPECT_EQ(refused.message, "model.safetensors.index.json: it cannot be read");
+  EXPECT_EQ(refused.remedy, "Fetch model.safetensors.index.json again.");
 }
 
 // ---- an index of .safetensors files that are not there

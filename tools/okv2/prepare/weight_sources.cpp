@@ -83,11 +83,16 @@ bool readNumberedName(std::string_view name, NumberedName& out) {
 }
 
 // False when there is nothing at the name, or it cannot be opened. Refused under `denied` when the caller may
-// not read it.
+// not read it, and when it is no regular file.
 bool lookAtFile(const std::string& dir, const std::string& name, Id denied, explain::FileLook& look) {
-  if (explain::lookAt(dir + "/" + name, look)) return true;
-  if (look.isDenied) refuseWeights(kExitIoError, denied, name, "it may not be read");
-  return false;
+  if (!explain::lookAt(dir + "/" + name, look)) {
+    if (look.isDenied) refuseWeights(kExitIoError, denied, name, "it may not be read");
+    return false;
+  }
+  if (look.disguise == Disguise::NotRegular) {
+    refuseWeights(kExitInvalid, Id::FileNotRegular, name, "it is not a regular file");
+  }
+  return true;
 }
 
 // Reads "weight_map": tensor to file.
@@ -198,10 +203,9 @@ void refuseDisguises(const std::string& dir, const std::string& name) {
     refuseWeights(kExitIoError, Id::WeightsRefused, name, "it cannot be opened");
   }
   switch (look.disguise) {
-    case Disguise::None: return;
+    case Disguise::None:
+    case Disguise::NotRegular: return;  // refused above
     case Disguise::Empty: refuseWeights(kExitCorrupted, Id::FileEmpty, name, "it is empty");
-    case Disguise::NotRegular:
-      refuseWeights(kExitInvalid, Id::FileNotRegular, name, "it is not a regular file");
     case Disguise::LfsPointer:
       refuseWeights(kExitCorrupted, Id::WeightsLfsPointer, name,
                     "it is a Git LFS pointer and not its content");
