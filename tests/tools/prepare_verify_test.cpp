@@ -137,6 +137,18 @@ TEST_F(VerifyPreparedTest, FailsAsPreparingDoes) {
             "okv2: " + in() + ": pytorch_model.bin: checkpoint: it is neither a zip archive nor a pickle\n");
 }
 
+TEST_F(VerifyPreparedTest, RefusesWhatIsNoDirectory) {
+  saveTorch({{"t", {6}, {1}, "0", 6}}, kSix);
+  const std::string file = container();
+  dir_.write("plain", "x");
+  for (const std::string& against : {dir_ / "plain", dir_ / "none"}) {
+    const test::CommandResult result = okv2Run({"verify", file, "--against", against, "--prepare"});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "okv2: " + against + ": not a directory\n");
+  }
+}
+
 TEST_F(VerifyPreparedTest, IsAQuestionAboutADirectory) {
   const test::CommandResult result = okv2Run({"verify", dir_ / "model.okv2", "--prepare"});
   EXPECT_EQ(result.exitCode, 64);

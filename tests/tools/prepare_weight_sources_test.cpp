@@ -142,6 +142,21 @@ TEST_F(SealedWeights, WithASealedIndexAreRefusedForIt) {
   expectDenied("model.safetensors.index.json", "file.no-permission");
 }
 
+TEST_F(SealedWeights, InADirectoryThatCannotBeListedAreRefused) {
+  write("model.safetensors", shardOf("a"));
+  test::sealFile(dir_.path(), in(), "config.json");
+  ASSERT_EQ(chmod(in().c_str(), 0311), 0);
+  {
+    const test::Unprivileged user;
+    const Refusal refused = refusal();
+    EXPECT_EQ(refused.code, 6);
+    EXPECT_EQ(refused.finding, "directory.unreadable");
+    EXPECT_EQ(refused.message, in() + ": the directory cannot be listed");
+    EXPECT_EQ(refused.remedy, "chmod u+rx '" + in() + "'");
+  }
+  ASSERT_EQ(chmod(in().c_str(), 0755), 0);
+}
+
 // ---- an index that is no regular file
 
 class IrregularIndex : public WeightsTest {

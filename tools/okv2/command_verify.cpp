@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "okv2/commands.h"
 #include "okv2/container_compare.h"
@@ -122,6 +124,10 @@ int differences(const VerifyOptions& options, const ContainerView& view,
 }
 
 int comparePrepared(const VerifyOptions& options, const ContainerView& view) {
+  std::error_code error;
+  if (!std::filesystem::is_directory(options.against, error)) {
+    return fail(options.json, "verify", kExitInvalid, escaped(options.against) + ": not a directory");
+  }
   try {
     return differences(options, view, prepare::compareWeights(view, options.against, options.weights));
   } catch (const prepare::Refused& refused) {
