@@ -129,6 +129,18 @@ TEST(OkvPrepare, CountsNoNameOfTheContainersOwn) {
   EXPECT_EQ(json::parse(test::readWholeFile(dir / "out/prepare.json"))["remaining"], json::array());
 }
 
+TEST(OkvPrepare, TakesTheSampleOfEveryArchitecture) {
+  for (const char* arch : {"llama", "qwen2", "gemma4", "gpt2"}) {
+    const TempDir dir;
+    const std::string model = dir / "sample", file = dir / "a.okv2";
+    ASSERT_EQ(okv2Run({"sample", model, "--arch", arch, "--size", "100K", "--tokenizer", "none"}).exitCode,
+              0);
+    EXPECT_EQ(okv2Run({"prepare", model, dir / "out"}).exitCode, 0) << arch;
+    EXPECT_EQ(okv2Run({"import", dir / "out", "-o", file}).exitCode, 0) << arch;
+    EXPECT_EQ(okv2Run({"verify", file, "--against", model, "--prepare"}).exitCode, 0) << arch;
+  }
+}
+
 TEST(OkvPrepare, AnswersInJson) {
   const TempDir dir;
   const std::string model = twoChanges().write(dir);

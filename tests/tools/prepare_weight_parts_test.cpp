@@ -175,6 +175,12 @@ TEST_F(FusedWeights, InBlocksBySideAreRefused) {
   expectRefused("[768, 2304]");
 }
 
+TEST_F(FusedWeights, InBlocksOfATurnedGpt2AreRefused) {
+  config(R"({"model_type":"gpt2","n_embd":256})");
+  write("model.safetensors", SafetensorsBuilder().tensor(kFused, "Q4_K", {768, 256}).bytes());
+  expectRefused("[768, 256]");
+}
+
 TEST_F(FusedWeights, ByColumnsAreSplitAndKeepTheirOrientation) {
   // Rows of [q q | k k | v v].
   write("model.safetensors",
@@ -244,7 +250,14 @@ constexpr char kGpt2[] = R"({"model_type":"gpt2","n_embd":6})";
 INSTANTIATE_TEST_SUITE_P(
     All, FusedDirections,
     testing::Values(
-        DirectionRow{"Gpt2", kGpt2, {6, 18}, "[6,6]"}, DirectionRow{"Gpt2Turned", kGpt2, {18, 6}, nullptr},
+        DirectionRow{"Gpt2", kGpt2, {6, 18}, "[6,6]"}, DirectionRow{"Gpt2Turned", kGpt2, {18, 6}, ""},
+        DirectionRow{"Gpt2TurnedOfOtherColumns", R"({"model_type":"gpt2","n_embd":4})", {12, 4}, ""},
+        DirectionRow{"Gpt2TurnedOneRowMore", kGpt2, {19, 6}, nullptr},
+        DirectionRow{"Gpt2TurnedOneRowLess", kGpt2, {17, 6}, nullptr},
+        DirectionRow{"Gpt2TurnedAndPruned", kGpt2, {9, 6}, nullptr},
+        DirectionRow{"Gpt2TurnedOfAnotherWidth", R"({"model_type":"gpt2","n_embd":7})", {18, 6}, nullptr},
+        DirectionRow{"Gpt2PrunedToAThird", R"({"model_type":"gpt2","n_embd":18})", {18, 6}, "[18,2]"},
+        DirectionRow{"FirstGptTurned", R"({"model_type":"openai-gpt","n_embd":6})", {18, 6}, ""},
         DirectionRow{"Gpt2OneColumnMore", kGpt2, {6, 10}, nullptr},
         DirectionRow{"Gpt2OneRowMore", kGpt2, {7, 9}, nullptr},
         DirectionRow{

@@ -52,8 +52,12 @@ FusedForm conv1dForm(const OutputTensor& tensor, const ModelKind& kind) {
   const std::vector<std::uint64_t>& shape = tensor.shape;
   if (tensor.elementBytes == 0) return FusedForm::Unknown;  // blocks lie across columns
   if (shape.size() == 1) return shape[0] % kParts == 0 ? FusedForm::EqualRows : FusedForm::Unknown;
-  if (shape.size() != 2 || shape[1] % kParts != 0) return FusedForm::Unknown;
-  // A file that somebody has turned to [out, in] has the width in its columns.
+  if (shape.size() != 2) return FusedForm::Unknown;
+  // A file that somebody has turned to [out, in] has the width in its columns. Without pruned heads it has
+  // three times the width in its rows, which are too many for inputs.
+  const bool isWhole = shape[0] % kParts == 0 && shape[0] / kParts == shape[1];
+  if (kind.width != 0 && isWhole && shape[1] == kind.width) return FusedForm::EqualRows;
+  if (shape[1] % kParts != 0) return FusedForm::Unknown;
   const bool isTurned = kind.width != 0 ? shape[0] != kind.width : shape[0] / kParts == shape[1];
   return isTurned ? FusedForm::Unknown : FusedForm::Columns;
 }
