@@ -157,6 +157,23 @@ TEST(OkvImport, ReplacesALinkAndNotItsTargetWhenForced) {
   EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(dir / "out.okv2")));
 }
 
+TEST(OkvImport, NeverReplacesALinkToWhatIsNoRegularFile) {
+  const TempDir dir;
+  const std::string model = sampleModel(dir), file = dir / "out.okv2";
+  const auto expectRefusal = [&](const fs::path& target, const char* why) {
+    fs::remove(file);
+    fs::create_symlink(target, file);
+    const CommandResult result = okv2Run({"import", model, "-o", file, "--force"});
+    EXPECT_EQ(result.exitCode, 73);
+    EXPECT_EQ(result.err, "okv2: " + file + why);
+    EXPECT_EQ(fs::read_symlink(file), target);
+  };
+  ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+  expectRefusal(dir / "fifo", " is not a regular file\n");
+  expectRefusal("/dev/null", " is not a regular file\n");
+  expectRefusal(model, " is a directory\n");
+}
+
 TEST(OkvImport, RefusesADirectoryEvenWhenForced) {
   const TempDir dir;
   fs::create_directory(dir / "out.okv2");

@@ -66,6 +66,20 @@ TEST(OkvImportReport, NeverReplacesAnInputOrTheContainer) {
   EXPECT_FALSE(fs::exists(file));
 }
 
+TEST(OkvImportReport, NeverReplacesALink) {
+  const TempDir dir;
+  const std::string model = sampleModel(dir), report = dir / "r.json";
+  for (const std::string& target : {dir.write("old.json", "precious"), dir / "absent"}) {
+    fs::remove(report);
+    fs::create_symlink(target, report);
+    const CommandResult result = okv2Run({"import", model, "-o", dir / "out.okv2", "--report", report});
+    EXPECT_EQ(result.exitCode, 73);
+    EXPECT_EQ(result.err, "okv2: the report: " + report + " is a symbolic link\n");
+    EXPECT_EQ(fs::read_symlink(report), target);
+    EXPECT_FALSE(fs::exists(dir / "out.okv2"));
+  }
+}
+
 // The report takes the container's place whatever the two paths look like.
 TEST(OkvImportReport, NeverReplacesTheContainerOnAnotherRoad) {
   const TempDir dir;

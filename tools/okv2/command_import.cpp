@@ -5,8 +5,10 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 #include "okv2/commands.h"
 #include "okv2/container_file.h"
@@ -143,6 +145,11 @@ int runImport(const ImportOptions& options) {
   ignoreClosedPipes();
   if (!options.report.empty()) {
     std::string why = whyRefused(options.directory, options.report, true);
+    // Nobody has said that a link may be replaced.
+    std::error_code ignored;
+    if (std::filesystem::is_symlink(options.report, ignored)) {
+      why = escaped(options.report) + " is a symbolic link";
+    }
     if (isSameFile(options.report, options.output)) why = escaped(options.report) + " is the container";
     if (!why.empty()) {
       complain("the report: {}", why);

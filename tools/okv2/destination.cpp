@@ -49,16 +49,17 @@ bool isInput(const std::string& directory, const struct stat& target) {
 std::string whyRefused(const std::string& directory, const std::string& file, bool force) {
   const std::string shown = escaped(file);
   if (file.empty() || file.back() == '/') return fmt::format("{}: the output must be a file name", shown);
+  // A link to a device is as little ours to replace as the device: /dev/stdout is one.
   struct stat target;
-  if (::stat(file.c_str(), &target) == 0 && isInput(directory, target)) {
-    return fmt::format("{} is one of the files to be imported; it is never overwritten", shown);
+  if (::stat(file.c_str(), &target) == 0) {
+    if (isInput(directory, target)) {
+      return fmt::format("{} is one of the files to be imported; it is never overwritten", shown);
+    }
+    if (S_ISDIR(target.st_mode)) return fmt::format("{} is a directory", shown);
+    if (!S_ISREG(target.st_mode)) return fmt::format("{} is not a regular file", shown);
   }
   struct stat entry;
-  if (::lstat(file.c_str(), &entry) != 0) return {};  // absent, or creating it will tell
-  if (S_ISDIR(entry.st_mode)) return fmt::format("{} is a directory", shown);
-  if (!S_ISREG(entry.st_mode) && !S_ISLNK(entry.st_mode))
-    return fmt::format("{} is not a regular file", shown);
-  if (force) return {};
+  if (force || ::lstat(file.c_str(), &entry) != 0) return {};  // absent, or creating it will tell
   if (S_ISLNK(entry.st_mode)) return fmt::format("{} is a symbolic link; --force replaces the link", shown);
   return fmt::format("{} already exists; --force overwrites it", shown);
 }
