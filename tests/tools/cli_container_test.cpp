@@ -94,6 +94,16 @@ TEST(OkvList, SaysNothingOnStdoutAboutADamagedFile) {
   EXPECT_EQ(result.err, "okv2: " + file + ": offset 4: container version 3, expected 2\n");
 }
 
+// The bytes can be read, but nobody knows whether they are those that were written.
+TEST(OkvList, SaysThatTheChecksumIsWrong) {
+  const TempDir dir;
+  const std::string file = dir.write("c.okv2", fullContainer().build().withUnsealed(24, "\x07").bytes);
+  const CommandResult result = okv2Run({"list", file});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "okv2: " + file + ": the header checksum is wrong; see okv2 verify\n");
+  EXPECT_NE(result.out, "");
+}
+
 TEST(OkvVerify, SaysThatAContainerIsGood) {
   const TempDir dir;
   const std::string file = dir.write("c.okv2", fullContainer().build().bytes);

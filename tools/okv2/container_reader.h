@@ -120,6 +120,9 @@ struct ContainerView {
 // notes do not count.
 [[nodiscard]] bool verifyContainer(std::string_view file, ContainerView& view);
 
+// Whether the header and the section table of a parsed container have the checksum that stands there.
+[[nodiscard]] bool hasGoodChecksum(const ContainerView& view);
+
 // The container's checksum, computed bit by bit. Check value for "123456789": 0x4DB9A9F87EC10C59.
 [[nodiscard]] std::uint64_t containerChecksum(std::string_view bytes) noexcept;
 

@@ -47,7 +47,11 @@ int openContainer(bool json, const char* command, const std::string& path, Conta
 int readContainer(bool json, const char* command, const std::string& path, ContainerFile& file,
                   ContainerView& view) {
   if (const int code = openContainer(json, command, path, file); code != kExitOk) return code;
-  if (parseContainer(file.bytes(), view)) return kExitOk;
+  if (parseContainer(file.bytes(), view)) {
+    // It can be read, but what it says may be wrong.
+    if (!hasGoodChecksum(view)) complain("{}: the header checksum is wrong; see okv2 verify", escaped(path));
+    return kExitOk;
+  }
   printFindings(path, view.findings);
   const std::string why = view.findings.items().empty() ? "" : ": " + view.findings.items()[0].text;
   return failDocument(json, command, kExitBadContainer, escaped(path) + " breaks the format" + why);

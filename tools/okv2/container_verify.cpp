@@ -29,10 +29,14 @@ void requireZero(ContainerView& view, std::uint64_t begin, std::uint64_t end, co
   if (bad != std::string_view::npos) view.findings.error(begin + bad, what + " is not zero");
 }
 
-void checkHeader(ContainerView& view) {
+std::uint64_t checksumOf(const ContainerView& view) {
   std::string covered(view.file.substr(0, okv2::kHeaderChecksumOffset));
   covered += view.file.substr(okv2::kHeaderBytes, okv2::kSectionTableBytes);
-  const std::uint64_t computed = containerChecksum(covered);
+  return containerChecksum(covered);
+}
+
+void checkHeader(ContainerView& view) {
+  const std::uint64_t computed = checksumOf(view);
   if (computed != view.storedChecksum) {
     view.findings.error(
         okv2::kHeaderChecksumOffset,
@@ -277,6 +281,8 @@ void checkLayoutTable(ContainerView& view) {
 }
 
 }  // namespace
+
+bool hasGoodChecksum(const ContainerView& view) { return checksumOf(view) == view.storedChecksum; }
 
 bool verifyContainer(std::string_view file, ContainerView& view) {
   const bool decoded = parseContainer(file, view);
