@@ -34,7 +34,8 @@ TEST(FindingTable, SaysWhatAndWhyInOneSentenceEach) {
 TEST(FindingAdvice, QuotesTheFileForTheShell) {
   EXPECT_EQ(adviceFor({Id::WeightsLfsPointer, "a b.safetensors", ""}),
             "git lfs pull --include 'a b.safetensors'");
-  EXPECT_EQ(adviceFor({Id::WeightsLfsPointer, "it's", ""}), "git lfs pull --include 'it'\\''s'");
+  EXPECT_EQ(adviceFor({Id::WeightsLfsPointer, "it's", ""}),
+            R"(git lfs pull --include 'it'"'"'s')");  // no backslash, which would be escaped on its way out
   EXPECT_EQ(adviceFor({Id::WeightsLfsPointer, "-rf", ""}), "git lfs pull --include './-rf'");
 }
 

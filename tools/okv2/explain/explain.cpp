@@ -32,7 +32,7 @@ Directory lookAtDirectory(const std::string& path) {
 std::string shellQuoted(const std::string& text) {
   std::string out = text.empty() || text[0] != '-' ? "'" : "'./";
   for (const char c : text)
-    out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    out += c == '\'' ? std::string("'\"'\"'") : std::string(1, c);
   return out + "'";
 }
 
