@@ -76,11 +76,24 @@ TEST_P(OkvWrongUsage, IsOneDocumentInJson) {
   EXPECT_EQ(document["error"].get<std::string>() + "\nRun with --help for more information.\n", result.err);
 }
 
+TEST(OkvList, HasOneForm) {
+  const CommandResult result = okv2Run({"list", "c", "--json", "--markdown"});
+  EXPECT_EQ(result.exitCode, 64);
+  EXPECT_EQ(json::parse(result.out)["error"], "--json excludes --markdown");
+}
+
 using Words = std::vector<std::string>;
 INSTANTIATE_TEST_SUITE_P(
     Lines, OkvWrongUsage,
     testing::Values(
-        WrongLine{{}, "A subcommand is required"}, WrongLine{{"list"}, "FILE is required"},
+        WrongLine{{}, "A subcommand is required"}, WrongLine{{"lst"}, "there is no subcommand 'lst'"},
+        WrongLine{{"import", "m", "-o", "x", "--report", ""}, "--report: must not be empty"},
+        WrongLine{{"import", "m", "-o", "x", "--plugin", ""}, "--plugin: must not be empty"},
+        WrongLine{{"verify", "c", "--against", ""}, "--against: must not be empty"},
+        WrongLine{{"hash", "c", "--check", ""}, "--check: must not be empty"},
+        WrongLine{{"sample", "m", "--tensors", "0"}, "--tensors: must be a whole number above 0"},
+        WrongLine{{"sample", "m", "--vocab", "-4"}, "--vocab: must be a whole number above 0"},
+        WrongLine{{"list"}, "FILE is required"},
         WrongLine{{"verify", "a", "b"}, "The following argument was not expected: b"},
         WrongLine{{"list", "a", "b\x1B[2J\n"}, "The following argument was not expected: b\\x1B[2J\\n"},
         WrongLine{{"hash", "a", "--\x7F\xC2\x9B"},

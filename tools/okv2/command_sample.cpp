@@ -51,6 +51,12 @@ void addChoice(CLI::App& app, const char* option, const char* description, const
       ->check(CLI::IsMember(words));
 }
 
+// In place of the parser's own check, which names the greatest double.
+std::string whyNoCount(const std::string& text) {
+  const bool isWhole = text.find_first_not_of("0123456789") == std::string::npos;
+  return isWhole && text.find_first_not_of('0') != std::string::npos ? "" : "must be a whole number above 0";
+}
+
 int exitCodeOf(sample::Result result) {
   switch (result) {
     case sample::Result::Ok: return kExitOk;
@@ -89,9 +95,9 @@ void addSampleCommand(CLI::App& app, int& exitCode) {
   sub->add_option("--size", options.size, "Weight bytes to aim at, as 500K, 64M or 2G (default 1M)")
       ->transform(CLI::AsSizeValue(/*kb_is_1000=*/true).description(""));
   sub->add_option("--tensors", options.tensors, "Exact number of tensors (default: goes with the size)")
-      ->check(CLI::PositiveNumber.description(""));
+      ->check(whyNoCount);
   sub->add_option("--vocab", options.vocab, "Number of tokens (default: goes with the size)")
-      ->check(CLI::PositiveNumber.description(""));
+      ->check(whyNoCount);
   sub->add_option("--merges", options.merges, "Number of merge rules (default: one for every word)");
   sub->callback([command, &exitCode] { exitCode = runSample(*command); });
 }

@@ -1,5 +1,6 @@
 // okv2: turns model directories into OKV2 containers and looks into them.
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -27,12 +28,16 @@
 namespace zel::tool {
 namespace {
 
+// A script's variable that is not set would switch off what the option asks for.
+std::string whyNotGiven(const std::string& text) { return text.empty() ? "must not be empty" : ""; }
+
 CLI::App* addDirectoryCommand(CLI::App& app, const char* name, const char* description,
                               ImportOptions& options) {
   CLI::App* sub = app.add_subcommand(name, description);
   sub->add_option("DIR", options.directory, "Model directory")->required();
   sub->add_option("--plugin", options.plugin,
-                  "Plug-in to load (default: importer_hf.so of this installation)");
+                  "Plug-in to load (default: importer_hf.so of this installation)")
+      ->check(whyNotGiven);
   return sub;
 }
 
@@ -72,8 +77,10 @@ void addImporterCommands(CLI::App& app, int& exitCode) {
   import->add_flag("--force", options->force, "Replace FILE when it exists");
   import->add_flag("--skip-verified", options->skipVerified, "Do nothing when FILE exists and verifies");
   CLI::Option* report =
-      import->add_option("--report", options->report,
-                         "Write a record of the import to this file, as JSON, in place of what it holds");
+      import
+          ->add_option("--report", options->report,
+                       "Write a record of the import to this file, as JSON, in place of what it holds")
+          ->check(whyNotGiven);
   CLI::Option* dryRun =
       import->add_flag("--dry-run", options->dryRun, "Write nothing; print the plan instead")
           ->excludes(report);
@@ -131,8 +138,8 @@ void addListCommand(CLI::App& app, int& exitCode) {
   const auto [list, options] =
       addCommand<ListOptions>(app, "list", "Show what a container holds", runList, exitCode);
   list->add_option("FILE", options->file, "Container file")->required();
-  addJsonFlag(*list, options->json);
-  list->add_flag("--markdown", options->markdown, "Print Markdown");
+  CLI::Option* json = list->add_flag("--json", options->json, "Print one JSON document");
+  list->add_flag("--markdown", options->markdown, "Print Markdown")->excludes(json);
   list->add_flag("--tensors", options->tensors, "Only the tensors");
   list->add_flag("--tokenizer", options->tokenizer, "Only the tokenizer");
   list->add_flag("--template", options->chatTemplate, "Only the chat template, as it is");
@@ -151,8 +158,10 @@ void addContainerCommands(CLI::App& app, int& exitCode) {
   const auto [verify, verified] =
       addCommand<VerifyOptions>(app, "verify", "Check a container against its format", runVerify, exitCode);
   verify->add_option("FILE", verified->file, "Container file")->required();
-  CLI::Option* against = verify->add_option("--against", verified->against,
-                                            "Compare with what an import of this directory writes");
+  CLI::Option* against =
+      verify
+          ->add_option("--against", verified->against, "Compare with what an import of this directory writes")
+          ->check(whyNotGiven);
   CLI::Option* prepared =
       verify->add_flag("--prepare", verified->prepare, "With --against: as `okv2 prepare` brings its tensors")
           ->needs(against);
@@ -169,7 +178,7 @@ void addContainerCommands(CLI::App& app, int& exitCode) {
   const auto [hash, hashed] =
       addCommand<HashOptions>(app, "hash", "Print the SHA-256 of every tensor", runHash, exitCode);
   hash->add_option("FILE", hashed->file, "Container file")->required();
-  hash->add_option("--check", hashed->sums, "Compare with the sums in this file");
+  hash->add_option("--check", hashed->sums, "Compare with the sums in this file")->check(whyNotGiven);
   addJsonFlag(*hash, hashed->json);
   const auto [diff, compared] =
       addCommand<DiffOptions>(app, "diff", "Tell what two containers do not share", runDiff, exitCode);
@@ -194,6 +203,15 @@ bool wantsJson(int argc, char** argv) {
 }
 const char* commandName(int argc, char** argv) { return argc > 1 && argv[1][0] != '-' ? argv[1] : "okv2"; }
 
+// The parser would only miss a subcommand, where the first word is no name of one.
+std::string usageError(const CLI::App& app, const CLI::ParseError& error, int argc, char** argv) {
+  if (argc < 2 || argv[1][0] == '-') return error.what();
+  const std::string word = argv[1];
+  const auto isNamedSo = [&word](const CLI::App* sub) { return sub->get_name() == word; };
+  return app.get_subcommands(isNamedSo).empty() ? fmt::format("there is no subcommand '{}'", word)
+                                                : error.what();
+}
+
 int parseAndRun(int argc, char** argv) {
   int exitCode = kExitOk;
   CLI::App app("Turns HuggingFace model directories into OKV2 containers, and looks into containers.",
@@ -212,9 +230,10 @@ int parseAndRun(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     // Help and version are results too.
     if (error.get_exit_code() == 0) return app.exit(error);
-    // Its message repeats words of the command line.
-    say("{}\nRun with --help for more information.\n", escaped(error.what()));
-    return failDocument(wantsJson(argc, argv), commandName(argc, argv), kExitUsage, escaped(error.what()));
+    // It may repeat words of the command line.
+    const std::string message = escaped(usageError(app, error, argc, argv));
+    say("{}\nRun with --help for more information.\n", message);
+    return failDocument(wantsJson(argc, argv), commandName(argc, argv), kExitUsage, message);
   }
   return exitCode;
 }
