@@ -436,7 +436,6 @@ inline constexpr std::size_t kOneListBytes = 16 << 20;
 template <class T>
 [[gnu::noinline]] void growEstimated(std::vector<T>& out, std::size_t bytesBefore, std::size_t bytesLeft,
                                      std::size_t atOnceBytes) {
-  constexpr std::size_t kFirst = 4;
   constexpr std::size_t kLong = 1024;
   constexpr std::size_t kMaxFactor = 8;
   constexpr std::size_t kLargeBytes = 1 << 20;
@@ -453,7 +452,7 @@ template <class T>
       out.reserve(count);
     }
   } else {
-    out.reserve(std::max(kFirst, 2 * size));
+    out.reserve(std::max<std::size_t>(1, 2 * size));  // a text of a million lists of one element has many
   }
 }
 

@@ -77,6 +77,16 @@ TEST(JsonValue, StrGivesTheTextOfAStringAndOtherwiseTheOneEmptyString) {
   EXPECT_EQ(Value::kEmpty, "");
 }
 
+// A text may have a list in every two of its bytes: room that none of them fills would be most of the memory.
+TEST(JsonValue, OfOneElementHasRoomForOne) {
+  json::Value value;
+  const std::string text = R"([[1], {"a": 1}])";
+  ASSERT_THAT(json::parse(text.data(), text.size(), value), test::IsOk());
+  ASSERT_EQ(value.items.size(), 2U);
+  EXPECT_EQ(value.items[0].items.capacity(), 1U);
+  EXPECT_EQ(value.items[1].members.capacity(), 1U);
+}
+
 TEST(JsonValue, KindTestsAnswerForTheirKindAlone) {
   const auto answers = [](const char* text) {
     Value value;
