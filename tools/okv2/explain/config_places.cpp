@@ -13,7 +13,6 @@
 namespace zel::explain {
 namespace {
 
-using json::Kind;
 using json::Value;
 
 // Spellings of other architectures and the key that is read instead.

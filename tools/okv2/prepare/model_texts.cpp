@@ -194,10 +194,12 @@ std::string JsonFile::bytes() const {
 }
 
 void refuseManyValues(const char* file, std::string_view text) {
-  const std::size_t count = countValues(text);
+  const std::size_t count =
+      countValues(text);  // cppcheck-suppress invalidLifetime ; of another function's local
   if (count <= kMaxValues) return;
-  json::detail::Parser parser(text.data(), text.size());
-  if (!parser.skip(0) || !parser.finish()) return;  // parsing it will tell what is wrong
+  json::detail::Parser parser(text.data(), text.size());  // cppcheck-suppress invalidLifetime
+  // Parsing it will tell what is wrong.
+  if (!parser.skip(0) || !parser.finish()) return;  // cppcheck-suppress invalidLifetime
   throw Refused(kExitUnsupported, explain::rowOf(Id::FileNotRegular).name,
                 fmt::format("{}: {} values are more than the {} of any description", file, count, kMaxValues),
                 fmt::format("Put the model's own {} there.", file));

@@ -181,7 +181,7 @@ Json lossJson(const explain::Finding& finding) {
 // would take several times the room of the changes themselves.
 class ArrayMember {
  public:
-  ArrayMember(OutputFile& file, const char* key) : file_(file) { text_ = fmt::format(",\n  \"{}\": [", key); }
+  ArrayMember(OutputFile& file, const char* key) : file_(file), text_(fmt::format(",\n  \"{}\": [", key)) {}
   void add(const Json& object) {
     text_ += isEmpty_ ? "\n    " : ",\n    ";
     isEmpty_ = false;

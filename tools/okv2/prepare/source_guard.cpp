@@ -46,10 +46,10 @@ void ReadGuard::onSigbus(int signal, siginfo_t* info, void*) {
     return;  // to the instruction that could not read, which tries again
   }
   // Nobody's pages, or sent by a process: what would have happened without guards.
-  const ReadGuard* outermost = innermost;
-  while (outermost->outer_ != nullptr)
-    outermost = outermost->outer_;
-  ::sigaction(signal, &outermost->before_, nullptr);
+  struct sigaction before {};
+  for (const ReadGuard* guard = innermost; guard != nullptr; guard = guard->outer_)
+    before = guard->before_;
+  ::sigaction(signal, &before, nullptr);
   ::raise(signal);
   errno = error;
 }

@@ -93,7 +93,7 @@ bool isFloat32(Boolean) noexcept { return true; }
 // The digits between the first and the last that is set must be no more than a float has.
 template <class T>
 std::enable_if_t<std::is_integral_v<T>, bool> isFloat32(T value) noexcept {
-  const auto wide = static_cast<std::uint64_t>(value);
+  const auto wide = static_cast<std::uint64_t>(static_cast<std::int64_t>(value));
   const std::uint64_t size = value < 0 ? 0 - wide : wide;
   return size == 0 || size >> std::countr_zero(size) < std::uint64_t{1} << std::numeric_limits<float>::digits;
 }
