@@ -430,7 +430,7 @@ bool Parser::elements(OnElement&& element) {
 }
 
 // Room that a list may have at once when there is one of its kind in a file; what stays unused costs nothing.
-inline constexpr std::size_t kOneListBytes = 16 << 20;
+inline constexpr std::size_t kOneListBytes = 128 << 20;
 
 // What reserveEstimated() does when the room is used up, which is seldom.
 template <class T>
