@@ -31,35 +31,38 @@ void putStrings(ByteVector& out, const std::vector<std::string>& strings) {
     putStr(out, text);
 }
 
-// One entry of a table: fields one behind the other, and zeros up to its end.
+// One entry of a table: fields one behind the other, and zeros up to its end. Made where it stays.
 template <std::size_t N>
 class TableEntry {
  public:
+  explicit TableEntry(ByteVector& out) {
+    out.resize(out.size() + N);
+    at_ = out.data() + (out.size() - N);
+  }
   void bytes(std::string_view text) noexcept {
-    std::memcpy(bytes_ + at_, text.data(), text.size());
+    std::memcpy(at_, text.data(), text.size());
     at_ += text.size();
   }
   void u16(std::uint16_t value) noexcept { put<2>(value); }
   void u32(std::uint32_t value) noexcept { put<4>(value); }
   void u64(std::uint64_t value) noexcept { put<8>(value); }
-  void skipTo(std::size_t at) noexcept { at_ = at; }
-  void appendTo(ByteVector& out) const { out.insert(out.end(), bytes_, bytes_ + N); }
+  void skip(std::size_t bytes) noexcept { at_ += bytes; }
 
  private:
   template <std::size_t Bytes>
   void put(std::uint64_t value) noexcept {
-    storeLittleEndian<Bytes>(bytes_ + at_, value);
+    storeLittleEndian<Bytes>(at_, value);
     at_ += Bytes;
   }
 
-  std::uint8_t bytes_[N] = {};
-  std::size_t at_ = 0;
+  std::uint8_t* at_;
 };
 
 void putIndexEntry(ByteVector& out, const TensorMeta& tensor, std::uint64_t dataOffset) {
-  TableEntry<okv2::kTensorEntryBytes> entry;
-  entry.bytes(tensor.name.substr(0, okv2::kTensorNameBytes - 1));
-  entry.skipTo(okv2::kTensorNameBytes);
+  const std::string_view name = tensor.name.substr(0, okv2::kTensorNameBytes - 1);
+  TableEntry<okv2::kTensorEntryBytes> entry(out);
+  entry.bytes(name);
+  entry.skip(okv2::kTensorNameBytes - name.size());
   entry.u16(std::uint16_t(tensor.name.size()));  // the length before cutting, modulo 65536
   entry.u16(tensor.dtype);
   entry.u16(tensor.ndim);
@@ -68,17 +71,15 @@ void putIndexEntry(ByteVector& out, const TensorMeta& tensor, std::uint64_t data
     entry.u64(extent);
   entry.u64(dataOffset);
   entry.u64(tensor.size);
-  entry.appendTo(out);
 }
 
 void putLayoutEntry(ByteVector& out, std::uint16_t dtype, const BlockGeometry& geometry) {
-  TableEntry<okv2::kLayoutEntryBytes> entry;
+  TableEntry<okv2::kLayoutEntryBytes> entry(out);
   entry.u16(dtype);
   entry.u16(geometry.blockElements);
   entry.u32(geometry.blockBytes);
   for (const std::uint32_t value : geometry.layout)
     entry.u32(value);
-  entry.appendTo(out);
 }
 
 std::size_t paddingAfter(std::uint64_t size) { return std::size_t(okv2::align(size) - size); }
@@ -159,24 +160,23 @@ Status copyFromFile(OutputFile& out, const TensorMeta& tensor, std::vector<unsig
   return {};
 }
 
-// Appends bytes in pieces that end on multiples of the piece size in the output file, so that all but the
-// first and last cover whole pages of it. A long tensor leaves nothing queued; `release` lets go of its pages
-// behind the copy.
+// Appends the data of a tensor. A long one goes in pieces that end on multiples of the piece size in the
+// output file, so that all but the first and last cover whole pages of it, and leaves nothing queued;
+// `release` lets go of its pages behind the copy.
 bool appendInPieces(OutputFile& out, const void* data, std::uint64_t size, bool release) {
   constexpr std::uint64_t kReleaseBytes = 8 << 20;
+  if (size < OutputFile::kPieceBytes)
+    return out.append(data, std::size_t(size), "OKV2: write weights failed");
   const auto* bytes = static_cast<const unsigned char*>(data);
-  const bool isLong = size >= OutputFile::kPieceBytes;
   std::uint64_t written = 0;
   std::uint64_t released = 0;
   while (written < size) {
     const std::uint64_t room = OutputFile::kPieceBytes - out.appended() % OutputFile::kPieceBytes;
     const auto n = std::size_t(std::min(size - written, room));
-    if (isLong) populatePages(bytes + written, n);
-    if (!out.append(bytes + written, n, "OKV2: write weights failed")) return false;
+    populatePages(bytes + written, n);
+    if (!out.append(bytes + written, n, "OKV2: write weights failed") || !out.flush()) return false;
     written += n;
-    if (!isLong) continue;
     const bool atEnd = written == size;
-    if (atEnd && !out.flush()) return false;
     if (release && (atEnd || written - released >= kReleaseBytes)) {
       releasePages(bytes + released, std::size_t(written - released));
       released = written;
@@ -240,11 +240,34 @@ class ShortTensorPages {
   std::uintptr_t asked_[kWindows] = {};  // counted from address 0, where nothing lies
 };
 
+// What is written goes through the processor's caches, so entries are no longer there when their turn comes:
+// asks for the one that is soon the next.
+void prefetchTensor(const std::vector<TensorMeta>& tensors, const std::vector<std::uint32_t>& order,
+                    std::size_t now) noexcept {
+  constexpr std::size_t kAhead = 16;
+  if (now + kAhead >= order.size()) return;
+  const auto* tensor = reinterpret_cast<const char*>(&tensors[order[now + kAhead]]);
+  __builtin_prefetch(tensor);
+  __builtin_prefetch(tensor + sizeof(TensorMeta) - 1);
+}
+
+// In the order of their names short tensors lie here and there: the kernel's copy would wait for the first
+// bytes of each, behind which the processor fetches ahead by itself.
+void prefetchStart(const char* data, std::uint64_t size) noexcept {
+  constexpr std::uint64_t kStartBytes = 256;
+  constexpr std::uint64_t kCacheLineBytes = 64;
+  for (std::uint64_t k = 0; k < std::min(size, kStartBytes); k += kCacheLineBytes)
+    __builtin_prefetch(data + k);
+}
+
 // Appends a tensor in borrowed memory; `mapping` is the one that it lies in, or null.
 bool appendBorrowed(OutputFile& out, const TensorMeta& tensor, const BorrowedMapping* mapping,
                     MappedSource& source, ShortTensorPages& pages) {
   const auto* data = static_cast<const char*>(tensor.memory);
-  if (tensor.size < OutputFile::kPieceBytes) pages.populate(data, tensor.size);
+  if (tensor.size < OutputFile::kPieceBytes) {
+    pages.populate(data, tensor.size);
+    prefetchStart(data, tensor.size);
+  }
   std::uint64_t copied = 0;
   if (mapping != nullptr && tensor.size >= OutputFile::kCopyBytes) {
     if (const int file = source.descriptorOf(*mapping); file >= 0) {
@@ -451,8 +474,9 @@ Status OKV2Writer::writeWeights(OutputFile& out, const std::vector<std::uint32_t
   std::vector<unsigned char> copyBuffer;  // allocated for the first file-backed tensor only
   MappedSource source;
   ShortTensorPages pages;
-  for (const std::uint32_t position : order) {
-    const TensorMeta& tensor = tensors_[position];
+  for (std::size_t k = 0; k < order.size(); ++k) {
+    prefetchTensor(tensors_, order, k);
+    const TensorMeta& tensor = tensors_[order[k]];
     if (!tensor.owned.empty()) {
       if (!appendInPieces(out, tensor.owned.data(), tensor.size, false)) return failed(out.failure());
     } else if (tensor.memory != nullptr) {
@@ -535,6 +559,7 @@ Status OKV2Writer::write(const char* path) const {
   }
   std::uint64_t dataOffset = 0;
   const auto putIndex = [&](ByteVector& bytes, std::size_t k) {
+    prefetchTensor(tensors_, order, k);
     const TensorMeta& tensor = tensors_[order[k]];
     putIndexEntry(bytes, tensor, dataOffset);
     dtypes.push_back(tensor.dtype);

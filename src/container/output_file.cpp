@@ -48,14 +48,20 @@ bool OutputFile::truncate() noexcept {
 }
 
 bool OutputFile::append(const void* data, std::size_t size, const char* failureText) noexcept {
-  if (size == 0) return true;
   // writev() only reads, but its pieces are not declared const.
-  pieces_.push_back({const_cast<void*>(data), size});
-  texts_.push_back(failureText);
-  queuedBytes_ += size;
-  appended_ += size;
-  const bool due = queuedBytes_ >= kPieceBytes || pieces_.size() == kMaxPieces;
-  return !due || flush();
+  auto* bytes = static_cast<char*>(const_cast<void*>(data));
+  while (size > 0) {
+    const std::size_t n = std::min(size, kFlushBytes - std::size_t(appended_ % kFlushBytes));
+    pieces_.push_back({bytes, n});
+    texts_.push_back(failureText);
+    queuedBytes_ += n;
+    appended_ += n;
+    bytes += n;
+    size -= n;
+    const bool due = appended_ % kFlushBytes == 0 || pieces_.size() == kMaxPieces;
+    if (due && !flush()) return false;
+  }
+  return true;
 }
 
 bool OutputFile::appendZeros(std::size_t size, const char* failureText) noexcept {
