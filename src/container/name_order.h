@@ -102,6 +102,7 @@ class NameSorter {
     std::string_view common = nameOf(first).substr(depth);
     for (std::size_t k = first + 1; k < last && !common.empty(); ++k) {
       const std::string_view name = nameOf(k).substr(depth);
+      if (name.substr(0, common.size()) == common) continue;
       const auto ends = std::mismatch(common.begin(), common.end(), name.begin(), name.end());
       common = common.substr(0, std::size_t(ends.first - common.begin()));
     }

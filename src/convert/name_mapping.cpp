@@ -4,6 +4,7 @@
 #include <iterator>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace zel::adapter {
 namespace {
@@ -13,6 +14,7 @@ struct Rename {
   std::string_view to;
 };
 
+// None of them is also a name of a layer, of which most names are.
 constexpr Rename kWholeNames[] = {
     {"model.embed_tokens.weight", "token_embd.weight"},
     {"transformer.wte.weight", "token_embd.weight"},
@@ -117,13 +119,9 @@ std::optional<LayerName> splitLayerName(std::string_view name) {
 MappedName toOkvName(const std::string& arch, const std::string& srcName) {
   MappedName mapped;
   mapped.ok = !srcName.empty();
-  if (const auto whole = findRename(kWholeNames, srcName)) {
-    mapped.name = *whole;
-    return mapped;
-  }
-  const std::optional<LayerName> layer = splitLayerName(srcName);
+  std::optional<LayerName> layer = splitLayerName(srcName);
   if (!layer) {
-    mapped.name = srcName;
+    mapped.name = findRename(kWholeNames, srcName).value_or(srcName);
     return mapped;
   }
   for (const Fused& row : kFused) {
@@ -136,7 +134,7 @@ MappedName toOkvName(const std::string& arch, const std::string& srcName) {
   std::optional<std::string_view> suffix;
   if (isGemmaFamily(arch)) suffix = findRename(kGemmaSuffixes, layer->suffix);
   if (!suffix) suffix = findRename(kSuffixes, layer->suffix);
-  mapped.name = layer->prefix;
+  mapped.name = std::move(layer->prefix);
   mapped.name += suffix.value_or(layer->suffix);
   return mapped;
 }
