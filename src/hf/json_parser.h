@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -429,7 +430,8 @@ bool Parser::elements(OnElement&& element) {
   }
 }
 
-// Room that a list may have at once when there is one of its kind in a file; what stays unused costs nothing.
+// Room that a list may have at once when there is one of its kind in a file. What stays unused takes
+// addresses, but no memory.
 inline constexpr std::size_t kOneListBytes = 128 << 20;
 
 // What reserveEstimated() does when the room is used up, which is seldom.
@@ -445,11 +447,15 @@ template <class T>
     const std::size_t estimate = size + bytesLeft / std::max<std::size_t>(bytesEach, 1) + 1;
     const std::size_t most = std::max(kMaxFactor * size, atOnceBytes / sizeof(T));
     const std::size_t count = std::clamp(estimate, 2 * size, most);
-    // A large page is filled at once, so a text of many lists must have filled as much to get one.
-    if (atOnceBytes > 0 || size * sizeof(T) >= kLargeBytes) {
-      reserveOnLargePages(out, count);
-    } else {
-      out.reserve(count);
+    try {
+      // A large page is filled at once, so a text of many lists must have filled as much to get one.
+      if (atOnceBytes > 0 || size * sizeof(T) >= kLargeBytes) {
+        reserveOnLargePages(out, count);
+      } else {
+        out.reserve(count);
+      }
+    } catch (const std::bad_alloc&) {  // most of it may not be needed
+      out.reserve(2 * size);
     }
   } else {
     out.reserve(std::max<std::size_t>(1, 2 * size));  // a text of a million lists of one element has many

@@ -29,19 +29,25 @@ using test::TempDir;
 
 // ---- memory
 
+std::string quoted(const std::string& text) { return '"' + text + '"'; }
+
 constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
 
-// Both calls in a child that may address 512 MiB: "<import code> <message> | <inspect code> <architecture>".
-test::ChildResult answersIn512MiB(const std::string& dir, const std::string& out) {
+// Both calls in a child that may address so much: "<import code> <message> | <inspect code> <architecture>".
+test::ChildResult answersWithin(rlim_t bytes, const std::string& dir, const std::string& out) {
   (void)test::importer();
   return test::inChild([&] {
-    const rlimit limit{512 << 20, 512 << 20};
+    const rlimit limit{bytes, bytes};
     if (setrlimit(RLIMIT_AS, &limit) != 0) return std::string("no limit");
     const test::ImportAnswer import = test::importDir(dir, out);
     const test::InspectAnswer inspect = test::inspectDir(dir);
     return std::to_string(import.code) + " " + import.message + " | " + std::to_string(inspect.code) + " " +
            inspect.architecture;
   });
+}
+
+test::ChildResult answersIn512MiB(const std::string& dir, const std::string& out) {
+  return answersWithin(512 << 20, dir, out);
 }
 
 class AmplifyingInputs : public testing::Test {
@@ -155,6 +161,21 @@ TEST_F(AmplifyingInputs, AConfigOfManyLongObjectsTakesMemoryForWhatItHolds) {
            (kilobytes < 64 * 1024 ? " within 64 MiB" : " took " + std::to_string(kilobytes) + " KB");
   });
   EXPECT_EQ(result.text, "llama within 64 MiB");
+}
+
+// Two lists that begin as if they filled the rest of 45 MB, and would have room for 128 MB each.
+TEST_F(AmplifyingInputs, ATokenizerWhoseListsEndEarlyIsImportedWhereTheirRoomDoesNotFit) {
+  std::string vocab;
+  std::string merges;
+  for (int k = 0; k < 1100; ++k) {
+    vocab += (k > 0 ? "," : "") + quoted(std::to_string(k)) + ":" + std::to_string(k);
+    merges += k > 0 ? R"(,"")" : R"("")";
+  }
+  const std::string text = R"({"model":{"type":"BPE","vocab":{)" + vocab + R"(},"merges":[)" + merges +
+                           R"(]},"x":)" + quoted(std::string(45'000'000, 'x')) + "}";
+  const std::string dir = ModelDirBuilder().file("tokenizer.json", text).write(temp_);
+  const test::ChildResult result = answersWithin(256 << 20, dir, temp_ / "out.okv2");
+  EXPECT_EQ(result.text, "0  | 0 llama");
 }
 
 // The limit is no obstacle to an honest model.
