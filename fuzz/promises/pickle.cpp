@@ -18,10 +18,10 @@ void promiseSame(const PickleValue& actual, const PlainPickle& expected) {
           "texts are the reference's");
   std::size_t items = expected.items.size();
   std::size_t pairs = expected.values.size();
-  for (const PickleCell* cell = actual.children(); cell != nullptr; cell = cell->previous) {
-    if (cell->key != nullptr) {
+  for (const PickleCell* cell = actual.children(); cell != nullptr; cell = cell->before()) {
+    if (cell->key() != nullptr) {
       promise(pairs-- > 0, "no more pairs than the reference");
-      promise(cell->key->s == expected.keys[pairs], "keys are the reference's");
+      promise(cell->key()->value.s() == expected.keys[pairs], "keys are the reference's");
       promiseSame(cell->value, expected.values[pairs]);
     } else {
       promise(items-- > 0, "no more items than the reference");
@@ -31,7 +31,8 @@ void promiseSame(const PickleValue& actual, const PlainPickle& expected) {
   promise(items == 0 && pairs == 0, "as many items and pairs as the reference");
   if (actual.is(PickleKind::Tuple) || actual.is(PickleKind::Tensor)) {
     promise(actual.itemCount() == expected.items.size(), "items are counted right");
-    for (std::uint64_t k = 0; k < std::min<std::uint64_t>(kEarlyItems, actual.itemCount()); ++k) {
+    for (std::uint64_t k = 0; k < std::min<std::uint64_t>(PickleValue::kEarlyItems, actual.itemCount());
+         ++k) {
       promise(unsigned(actual.item(k).kind()) == expected.items[k].kind, "the first items are found");
     }
   }

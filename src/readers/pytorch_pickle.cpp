@@ -26,6 +26,7 @@ enum class PickleKind : std::uint8_t {
   Global = 7,
   Storage = 8,
   Tensor = 9,  // items: Storage, size Tuple, storage offset Int
+  Key = 10,    // only below a Dict
 };
 
 // Hands out objects that never move. They live until the arena is rewound to before them, or ends.
@@ -74,94 +75,134 @@ class Arena {
 
 struct PickleCell;
 
-// The texts of a value; views of the program's own bytes.
-struct PickleTexts {
-  std::string_view s;       // text, bytes, a storage's key
-  std::string_view module;  // of a global; the class name of a storage
-  std::string_view name;    // of a global
-};
-
 // One value, held by value but cheap to copy: everything below it is shared and never changes, and lives in
 // the arenas of the machine. So copies cost nothing, memory grows by at most one cell for each byte of the
 // program, however often it duplicates, and no depth of nesting makes anything recurse.
 class PickleValue {
  public:
-  PickleValue() noexcept = default;  // None
-  static PickleValue integer(std::int64_t i) noexcept { return {PickleKind::Int, std::uint64_t(i)}; }
-  static PickleValue real(double f) noexcept { return {PickleKind::Float, std::bit_cast<std::uint64_t>(f)}; }
-  static PickleValue list(PickleKind kind, const PickleCell* last) noexcept {
-    PickleValue value(kind, 0);
-    value.children_ = last;
+  PickleValue() noexcept : PickleValue(PickleKind::None) {}
+  // An empty one of what has items or pairs.
+  explicit PickleValue(PickleKind kind) noexcept : kindAndCount_(std::uint64_t(kind)) {}
+  static PickleValue integer(std::int64_t i) noexcept {
+    PickleValue value(PickleKind::Int);
+    value.integer_ = i;
     return value;
   }
-  static PickleValue text(PickleKind kind, const PickleTexts* texts, std::int64_t i = 0) noexcept {
-    PickleValue value(kind, std::uint64_t(i));
-    value.texts_ = texts;
+  static PickleValue real(double f) noexcept {
+    PickleValue value(PickleKind::Float);
+    value.real_ = f;
+    return value;
+  }
+  // Of a Str, Bytes or Key, or the mark.
+  static PickleValue text(PickleKind kind, const std::string_view* text) noexcept {
+    PickleValue value(kind);
+    value.text_ = text;
+    return value;
+  }
+  // Of a Global: the cells of module and name. Of a Storage: those of key, class name and element count.
+  static PickleValue object(PickleKind kind, const PickleCell* last) noexcept {
+    PickleValue value(kind);
+    value.parts_ = last;
     return value;
   }
 
-  [[nodiscard]] PickleKind kind() const noexcept { return kind_; }
-  [[nodiscard]] bool is(PickleKind kind) const noexcept { return kind_ == kind; }
-  [[nodiscard]] std::int64_t i() const noexcept { return is(PickleKind::Float) ? 0 : std::int64_t(bits_); }
-  [[nodiscard]] double f() const noexcept { return is(PickleKind::Float) ? std::bit_cast<double>(bits_) : 0; }
-  [[nodiscard]] const PickleTexts& texts() const noexcept {
-    static constexpr PickleTexts kNoTexts{};
-    return texts_ != nullptr ? *texts_ : kNoTexts;
-  }
-  [[nodiscard]] std::string_view s() const noexcept { return texts().s; }
-  [[nodiscard]] std::string_view module() const noexcept { return texts().module; }
-  [[nodiscard]] std::string_view name() const noexcept { return texts().name; }
+  [[nodiscard]] PickleKind kind() const noexcept { return PickleKind(kindAndCount_ % kOne); }
+  [[nodiscard]] bool is(PickleKind kind) const noexcept { return this->kind() == kind; }
+  [[nodiscard]] std::int64_t i() const noexcept;
+  [[nodiscard]] double f() const noexcept { return is(PickleKind::Float) ? real_ : 0; }
+  // Null where there is none.
+  [[nodiscard]] const std::string_view* text() const noexcept { return hasText() ? text_ : nullptr; }
+  [[nodiscard]] std::string_view s() const noexcept;       // a text, or the key of a storage
+  [[nodiscard]] std::string_view module() const noexcept;  // of a global, or the class name of a storage
+  [[nodiscard]] std::string_view name() const noexcept;    // of a global
+  // The last part; only of a Global or Storage.
+  [[nodiscard]] const PickleCell* parts() const noexcept { return parts_; }
   // Only the mark is of kind None with a text.
-  [[nodiscard]] bool isMark() const noexcept { return kind_ == PickleKind::None && texts_ != nullptr; }
+  [[nodiscard]] bool isMark() const noexcept { return is(PickleKind::None) && text_ != nullptr; }
 
-  // The last item or pair; each leads to the one before it.
+  // The last item or pair; each leads to the one before it. A value of any kind may have been given some.
   [[nodiscard]] const PickleCell* children() const noexcept { return children_; }
-  void setChildren(const PickleCell* children) noexcept { children_ = children; }
+  void append(const PickleCell* last) noexcept {
+    children_ = last;
+    kindAndCount_ += kOne;
+    if (itemCount() == kEarlyItems && (is(PickleKind::Tuple) || is(PickleKind::Tensor))) early_ = last;
+  }
 
   // Of a Tuple or Tensor, which hold nothing but items.
-  [[nodiscard]] std::uint64_t itemCount() const noexcept;
+  [[nodiscard]] std::uint64_t itemCount() const noexcept { return kindAndCount_ / kOne; }
   // Item k of the first four; the caller has checked itemCount().
   [[nodiscard]] const PickleValue& item(std::uint64_t k) const noexcept;
 
   // The pairs in order of insertion; repeated keys are all kept.
   [[nodiscard]] std::vector<std::pair<std::string_view, PickleValue>> dict() const;
 
- private:
-  PickleValue(PickleKind kind, std::uint64_t bits) noexcept : kind_(kind), bits_(bits) {}
+  static constexpr std::uint64_t kEarlyItems = 4;
 
-  PickleKind kind_ = PickleKind::None;
-  std::uint64_t bits_ = 0;  // the integer, or the bits of the float
-  const PickleTexts* texts_ = nullptr;
+ private:
+  [[nodiscard]] bool hasText() const noexcept {
+    return is(PickleKind::Str) || is(PickleKind::Bytes) || is(PickleKind::Key) || isMark();
+  }
+  static constexpr std::uint64_t kOne = 256;
+
+  std::uint64_t kindAndCount_;  // the kind, and kOne for each item or pair
+  union {                       // by kind
+    const std::string_view* text_ = nullptr;
+    std::int64_t integer_;
+    double real_;
+    const PickleCell* parts_;
+    const PickleCell* early_;  // the fourth item, so that the first four are near
+  };
   const PickleCell* children_ = nullptr;
 };
 
-// One item of a tuple, or one pair of a dict. Lists grow at their end by a new cell that leads to the old
-// end, so any number of values may share a beginning.
+// One item or part, or the key or the value of a pair. Lists grow at their end by a new cell that leads to
+// the old end, so any number of values may share a beginning.
 struct PickleCell {
   const PickleCell* previous = nullptr;
-  const PickleCell* early = nullptr;  // the cell of position min(position, 4): the first four are near
-  std::uint64_t position = 0;         // counted from 1
-  const PickleTexts* key = nullptr;   // of a pair; items have none
   PickleValue value;
+
+  // The key that this is the value of; null for an item.
+  [[nodiscard]] const PickleCell* key() const noexcept {
+    return previous != nullptr && previous->value.is(PickleKind::Key) ? previous : nullptr;
+  }
+  // The item or pair before this one.
+  [[nodiscard]] const PickleCell* before() const noexcept {
+    return key() != nullptr ? key()->previous : previous;
+  }
 };
 
-constexpr std::uint64_t kEarlyItems = 4;
+static_assert(sizeof(PickleCell) <= 32);  // a checkpoint of many tensors is mostly these
 
-std::uint64_t PickleValue::itemCount() const noexcept {
-  return children_ == nullptr ? 0 : children_->position;
+std::int64_t PickleValue::i() const noexcept {
+  if (is(PickleKind::Int)) return integer_;
+  return is(PickleKind::Storage) ? parts_->value.i() : 0;
+}
+
+std::string_view PickleValue::s() const noexcept {
+  if (hasText()) return *text_;
+  return is(PickleKind::Storage) ? parts_->previous->previous->value.s() : std::string_view();
+}
+
+std::string_view PickleValue::module() const noexcept {
+  const bool known = is(PickleKind::Global) || is(PickleKind::Storage);
+  return known ? parts_->previous->value.s() : std::string_view();
+}
+
+std::string_view PickleValue::name() const noexcept {
+  return is(PickleKind::Global) ? parts_->value.s() : std::string_view();
 }
 
 const PickleValue& PickleValue::item(std::uint64_t k) const noexcept {
-  const PickleCell* cell = children_->position > kEarlyItems ? children_->early : children_;
-  while (cell->position > k + 1)
+  const PickleCell* cell = itemCount() > kEarlyItems ? early_ : children_;
+  for (std::uint64_t last = std::min(itemCount(), kEarlyItems) - 1; last > k; --last)
     cell = cell->previous;
   return cell->value;
 }
 
 std::vector<std::pair<std::string_view, PickleValue>> PickleValue::dict() const {
   std::vector<std::pair<std::string_view, PickleValue>> out;
-  for (const PickleCell* cell = children_; cell != nullptr; cell = cell->previous) {
-    if (cell->key != nullptr) out.emplace_back(cell->key->s, cell->value);
+  for (const PickleCell* cell = children_; cell != nullptr; cell = cell->before()) {
+    if (cell->key() != nullptr) out.emplace_back(cell->key()->value.s(), cell->value);
   }
   std::reverse(out.begin(), out.end());
   return out;
@@ -216,6 +257,7 @@ class PickleVM {
   bool pushText8(PickleKind kind, const char* truncated, const char* tooLong);
   bool pushRest(PickleKind kind, std::uint64_t length, const char* tooLong);
   bool skipBytes(std::uint64_t n, const char* truncated);
+  PickleValue globalOf(const std::string_view* module, const std::string_view* name);
   bool pushGlobal();
   bool stackGlobal();
   bool memoize();
@@ -223,15 +265,15 @@ class PickleVM {
   bool pushMemo1();
   bool pushMemo4();
 
-  const PickleCell* grow(const PickleCell* list, const PickleValue& item);
-  const PickleCell* growPair(const PickleCell* list, const PickleValue& key, const PickleValue& value);
+  void append(PickleValue& list, const PickleValue& item);
+  void appendPair(PickleValue& dict, const PickleValue& key, const PickleValue& value);
   std::size_t collectMark(std::vector<PickleValue>& out);
-  const PickleCell* listOf(const PickleValue* first, std::size_t count);
+  PickleValue listOf(PickleKind kind, const PickleValue* first, std::size_t count);
   bool markedTuple();
   bool markedDict();
   bool shortTuple(std::size_t count);
-  bool append();
-  bool appends();
+  bool appendOne();
+  bool appendAll();
   bool setItem();
   bool build();
   bool reduce();
@@ -248,7 +290,7 @@ class PickleVM {
   std::vector<PickleValue> memo_;
   Extent usedByMemo_;                   // at most
   std::vector<PickleValue> collected_;  // scratch of the opcodes that take everything above a mark
-  Arena<PickleTexts> texts_;
+  Arena<std::string_view> texts_;
   Arena<PickleCell> cells_;
   Code failureCode_ = Code::OK;
   const char* failure_ = "";
@@ -272,11 +314,11 @@ Status PickleVM::value() {
 
 // The dialect. Opcodes that are not listed are refused, BINPUT and TUPLE among them, on purpose.
 bool PickleVM::step(std::uint8_t opcode) {
-  static constexpr PickleTexts kMark{"\x01mark", {}, {}};
+  static constexpr std::string_view kMark = "\x01mark";
   using Kind = PickleKind;
   switch (opcode) {
     case 0x28: return push(PickleValue::text(Kind::None, &kMark));                  // MARK
-    case 0x29: return push(PickleValue::list(Kind::Tuple, nullptr));                // EMPTY_TUPLE
+    case 0x29: return push(PickleValue(Kind::Tuple));                               // EMPTY_TUPLE
     case 0x30: return pop1();                                                       // POP
     case 0x32: return dup();                                                        // DUP
     case 0x42: return pushText4(Kind::Bytes, "truncated bytes", "bytes too long");  // BINBYTES
@@ -291,17 +333,17 @@ bool PickleVM::step(std::uint8_t opcode) {
     case 0x52: return reduce();                                                     // REDUCE
     case 0x54: return markedTuple();  // 'T': the dialect's tuple, instead of a byte string of protocol 1
     case 0x58: return pushText4(Kind::Str, "truncated unicode", "unicode too long");  // BINUNICODE
-    case 0x5d: return push(PickleValue::list(Kind::Tuple, nullptr));                  // EMPTY_LIST
-    case 0x61: return append();                                                       // APPEND
+    case 0x5d: return push(PickleValue(Kind::Tuple));                                 // EMPTY_LIST
+    case 0x61: return appendOne();                                                    // APPEND
     case 0x62: return build();                                                        // BUILD
     case 0x63: return pushGlobal();                                                   // GLOBAL
     case 0x64: return markedDict();                                                   // DICT
-    case 0x65: return appends();                                                      // APPENDS
+    case 0x65: return appendAll();                                                    // APPENDS
     case 0x68: return pushMemo1();                                                    // BINGET
     case 0x6a: return pushMemo4();                                                    // LONG_BINGET
     case 0x6c: return markedTuple();                                                  // LIST
     case 0x73: return setItem();                                                      // SETITEM
-    case 0x7d: return push(PickleValue::list(Kind::Dict, nullptr));                   // EMPTY_DICT
+    case 0x7d: return push(PickleValue(Kind::Dict));                                  // EMPTY_DICT
     case 0x80: return skipBytes(1, "truncated proto");                                // PROTO
     case 0x81: return newObject();                                                    // NEWOBJ
     case 0x85: return shortTuple(1);                                                  // TUPLE1
@@ -424,7 +466,7 @@ bool PickleVM::pushDecimal() {
 }
 
 bool PickleVM::pushText(PickleKind kind, std::string_view text) {
-  return push(PickleValue::text(kind, texts_.make(text, std::string_view(), std::string_view())));
+  return push(PickleValue::text(kind, texts_.make(text)));
 }
 
 bool PickleVM::pushRest(PickleKind kind, std::uint64_t length, const char* tooLong) {
@@ -449,6 +491,12 @@ bool PickleVM::pushText8(PickleKind kind, const char* truncated, const char* too
 
 bool PickleVM::skipBytes(std::uint64_t n, const char* truncated) { return in_.skip(n) || fail(truncated); }
 
+PickleValue PickleVM::globalOf(const std::string_view* module, const std::string_view* name) {
+  const PickleCell* const first = cells_.make(nullptr, PickleValue::text(PickleKind::Str, module));
+  return PickleValue::object(PickleKind::Global,
+                             cells_.make(first, PickleValue::text(PickleKind::Str, name)));
+}
+
 bool PickleVM::pushGlobal() {
   std::string_view lines[2];
   for (std::string_view& line : lines) {
@@ -457,7 +505,7 @@ bool PickleVM::pushGlobal() {
     line = in_.rest().substr(0, length);
     if (!in_.skip(length + 1)) return fail("bad GLOBAL");
   }
-  return push(PickleValue::text(PickleKind::Global, texts_.make(std::string_view(), lines[0], lines[1])));
+  return push(globalOf(texts_.make(lines[0]), texts_.make(lines[1])));
 }
 
 bool PickleVM::stackGlobal() {
@@ -467,23 +515,20 @@ bool PickleVM::stackGlobal() {
   }
   const PickleValue name = pop();
   const PickleValue module = pop();
-  return push(PickleValue::text(PickleKind::Global, texts_.make(std::string_view(), module.s(), name.s())));
+  return push(globalOf(module.text(), name.text()));
 }
 
 // ---- tuples and dicts
 
-const PickleCell* PickleVM::grow(const PickleCell* list, const PickleValue& item) {
-  const std::uint64_t position = list == nullptr ? 1 : list->position + 1;
-  const PickleCell* early = position <= kEarlyItems       ? nullptr
-                            : position == kEarlyItems + 1 ? list
-                                                          : list->early;
-  return cells_.make(list, early, position, nullptr, item);
+void PickleVM::append(PickleValue& list, const PickleValue& item) {
+  list.append(cells_.make(list.children(), item));
 }
 
 // The key is a Str.
-const PickleCell* PickleVM::growPair(const PickleCell* list, const PickleValue& key,
-                                     const PickleValue& value) {
-  return cells_.make(list, nullptr, list == nullptr ? 1 : list->position + 1, &key.texts(), value);
+void PickleVM::appendPair(PickleValue& dict, const PickleValue& key, const PickleValue& value) {
+  const PickleCell* const keyCell =
+      cells_.make(dict.children(), PickleValue::text(PickleKind::Key, key.text()));
+  dict.append(cells_.make(keyCell, value));
 }
 
 // Takes the values above the topmost mark, and the mark, off the stack. Without a mark it takes nothing:
@@ -498,50 +543,48 @@ std::size_t PickleVM::collectMark(std::vector<PickleValue>& out) {
   return out.size();
 }
 
-const PickleCell* PickleVM::listOf(const PickleValue* first, std::size_t count) {
-  const PickleCell* list = nullptr;
+PickleValue PickleVM::listOf(PickleKind kind, const PickleValue* first, std::size_t count) {
+  PickleValue list(kind);
   for (std::size_t k = 0; k < count; ++k)
-    list = grow(list, first[k]);
+    append(list, first[k]);
   return list;
 }
 
 bool PickleVM::markedTuple() {
   collectMark(collected_);
-  return push(PickleValue::list(PickleKind::Tuple, listOf(collected_.data(), collected_.size())));
+  return push(listOf(PickleKind::Tuple, collected_.data(), collected_.size()));
 }
 
 bool PickleVM::markedDict() {
   if (collectMark(collected_) % 2 != 0) return fail("odd dict");
-  const PickleCell* pairs = nullptr;
+  PickleValue dict(PickleKind::Dict);
   for (std::size_t k = 0; k < collected_.size(); k += 2) {
     if (!collected_[k].is(PickleKind::Str)) return reject("non-string dict key");
-    pairs = growPair(pairs, collected_[k], collected_[k + 1]);
+    appendPair(dict, collected_[k], collected_[k + 1]);
   }
-  return push(PickleValue::list(PickleKind::Dict, pairs));
+  return push(dict);
 }
 
 bool PickleVM::shortTuple(std::size_t count) {
   if (stack_.size() < count) return fail("tuple stack underflow");
-  const PickleCell* list = listOf(stack_.data() + stack_.size() - count, count);
+  const PickleValue tuple = listOf(PickleKind::Tuple, stack_.data() + stack_.size() - count, count);
   for (std::size_t k = 0; k < count; ++k)
     (void)pop();
-  return push(PickleValue::list(PickleKind::Tuple, list));
+  return push(tuple);
 }
 
-bool PickleVM::append() {
+bool PickleVM::appendOne() {
   if (stack_.size() < 2) return fail("append underflow");
   const PickleValue item = pop();
-  PickleValue& list = stack_.back();  // whatever its kind
-  list.setChildren(grow(list.children(), item));
+  append(stack_.back(), item);  // whatever its kind
   return true;
 }
 
-bool PickleVM::appends() {
+bool PickleVM::appendAll() {
   collectMark(collected_);
   if (stack_.empty() || !stack_.back().is(PickleKind::Tuple)) return fail("appends on non-list");
-  PickleValue& list = stack_.back();
   for (const PickleValue& item : collected_)
-    list.setChildren(grow(list.children(), item));
+    append(stack_.back(), item);
   return true;
 }
 
@@ -552,7 +595,7 @@ bool PickleVM::setItem() {
   PickleValue& dict = stack_.back();
   if (!dict.is(PickleKind::Dict)) return fail("setitem on non-dict");
   if (!key.is(PickleKind::Str)) return reject("non-string dict key");
-  dict.setChildren(growPair(dict.children(), key, value));
+  appendPair(dict, key, value);
   return true;
 }
 
@@ -587,7 +630,7 @@ bool PickleVM::rebuildTensor(const PickleValue& args) {
   if (!parts[0].is(PickleKind::Storage) || !parts[1].is(PickleKind::Tuple) || !parts[2].is(PickleKind::Int)) {
     return fail("bad tensor args");
   }
-  return push(PickleValue::list(PickleKind::Tensor, listOf(parts, std::size(parts))));
+  return push(listOf(PickleKind::Tensor, parts, std::size(parts)));
 }
 
 // args: bytes, encoding; the bytes stay as they are.
@@ -607,8 +650,10 @@ bool PickleVM::newObject() {
   if (args.itemCount() < 2 || !args.item(0).is(PickleKind::Str) || !args.item(1).is(PickleKind::Int)) {
     return fail("bad storage args");
   }
-  const PickleTexts* texts = texts_.make(args.item(0).s(), type.name(), std::string_view());
-  return push(PickleValue::text(PickleKind::Storage, texts, args.item(1).i()));
+  const PickleCell* parts = nullptr;
+  for (const PickleValue& part : {args.item(0), type.parts()->value, args.item(1)})
+    parts = cells_.make(parts, part);
+  return push(PickleValue::object(PickleKind::Storage, parts));
 }
 
 // ---- tensor records

@@ -168,7 +168,7 @@ constexpr std::size_t kLong = 1'000'000 / kShrink;
 constexpr std::size_t kShort = kLong / 50;
 
 // What one byte of program may cost: a list cell and its share of growing vectors.
-constexpr std::size_t kBytesPerByte = 256;
+constexpr std::size_t kBytesPerByte = 128;
 // Anything quadratic costs fifty times as much a byte in fifty times the length. Fresh memory, which only the
 // long program needs, costs up to six times as much on a busy machine.
 constexpr double kTolerance = 20;
@@ -293,6 +293,29 @@ TEST(PickleMemory, OfDroppedTextsIsUsedAgain) {
   peakBytes = before;
   EXPECT_THAT(test::judgePickle(stream).status, IsOk());
   EXPECT_LE(peakBytes - before, std::size_t{1} << 20);
+}
+
+// What `rounds` of a program that keeps all it makes hold at most, without the program.
+std::size_t peakOf(const PickleBuilder& head, const std::string& round, std::size_t rounds) {
+  PickleBuilder program = head;
+  const std::string stream = program.repeat(rounds, round).stop();
+  const std::size_t before = liveBytes;
+  peakBytes = before;
+  EXPECT_THAT(test::judgePickle(stream).status, IsOk());
+  return peakBytes - before;
+}
+
+// Memory comes in blocks of up to 8 MB, one of which may be all but empty.
+constexpr std::size_t kBlock = 8 << 20;
+
+TEST(PickleMemory, OfAnItemIs32Bytes) {
+  const std::string round = PickleBuilder().binint1(7).op(Op::APPEND).bytes();
+  EXPECT_LE(peakOf(PickleBuilder().op(Op::EMPTY_LIST), round, kLong), kLong * 32 + kBlock);
+}
+
+TEST(PickleMemory, OfAPairIs64BytesAnd16OfItsKeysText) {
+  const std::string round = PickleBuilder().shortBinunicode("").ops({Op::NEWTRUE, Op::SETITEM}).bytes();
+  EXPECT_LE(peakOf(PickleBuilder().op(Op::EMPTY_DICT), round, kLong), kLong * (64 + 16) + 2 * kBlock);
 }
 
 // ---- whole checkpoints

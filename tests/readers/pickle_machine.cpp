@@ -62,9 +62,9 @@ static PlainValue plain(const PickleValue& value) {
   out.s = value.s();
   out.module = value.module();
   out.name = value.name();
-  for (const PickleCell* cell = value.children(); cell != nullptr; cell = cell->previous) {
-    if (cell->key != nullptr) {
-      out.dict.push_back({std::string(cell->key->s), plain(cell->value)});
+  for (const PickleCell* cell = value.children(); cell != nullptr; cell = cell->before()) {
+    if (cell->key() != nullptr) {
+      out.dict.push_back({std::string(cell->key()->value.s()), plain(cell->value)});
     } else {
       out.items.push_back(plain(cell->value));
     }
