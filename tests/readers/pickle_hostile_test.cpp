@@ -168,7 +168,7 @@ constexpr std::size_t kLong = 1'000'000 / kShrink;
 constexpr std::size_t kShort = kLong / 50;
 
 // What one byte of program may cost: a list cell and its share of growing vectors.
-constexpr std::size_t kBytesPerByte = 128;
+constexpr std::size_t kBytesPerByte = 160;
 // Anything quadratic costs fifty times as much a byte in fifty times the length. Fresh memory, which only the
 // long program needs, costs up to six times as much on a busy machine.
 constexpr double kTolerance = 20;
